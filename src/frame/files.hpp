@@ -1,0 +1,30 @@
+// Input checks, output files and stage dumps.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+
+#include "vectors/manage.hpp"
+
+extern FILE* mpeg2ts_hp_fp;
+extern FILE* mpeg2ts_lp_fp;
+extern uint32_t tot_flen;
+extern int32_t dumps[10];
+extern FILE *ed_hp_fp, *ed_lp_fp, *rs_hp_fp, *rs_lp_fp, *ci_hp_fp, *ci_lp_fp, *ve_hp_fp,
+    *ve_lp_fp, *pu_hp_fp, *pu_lp_fp, *bi_fp, *si_fp, *ma_fp, *fd_fp;
+extern FILE *td_fp, *tdI_fp, *tdQ_fp;
+extern float tdstream_sf;
+
+// Checks and opens the inputs, then the dump and output files; ends the process
+// with status 1 on a fatal input error.
+void open_files();
+void close_files();
+
+// Reference amplitude of the OFDM signal of a mode, for the integer formats.
+double dvbRefAmplitude(uint32_t mode);
+
+// Small byte-ring transfers, kept with the files module.
+uint32_t out2null(dvbVect* ring, uint32_t maxlen);
+uint32_t out2file(dvbVect* ring, FILE* fp, uint32_t maxlen);
+uint32_t in2out(dvbVect* in, dvbVect* out, uint32_t maxlen);
+uint32_t file2in(FILE* fp, dvbVect* ring, uint32_t maxlen);

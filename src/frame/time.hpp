@@ -1,0 +1,5 @@
+// Processor-time measure of the chain.
+#pragma once
+
+double dvbTic();
+double dvbToc();

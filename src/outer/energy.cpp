@@ -1,0 +1,72 @@
+// Energy dispersal: the transport stream bytes are XORed with the dispersal
+// sequence, the first sync byte of every group of 8 packets is inverted and the
+// other sync bytes pass unchanged while the sequence runs on.
+#include "outer/energy.hpp"
+
+#include "frame/print.hpp"
+
+namespace {
+
+// Processes n bytes; the group position p lives in q->head.
+void disperse(dvbVect* in, dvbVect* out, dvbVect* q, uint32_t plen, uint32_t period, uint32_t n,
+              FILE* dump) {
+    const uint8_t* src = dvbBytes(in);
+    uint8_t* dst = dvbBytes(out);
+    const uint8_t* seq = dvbBytes(q);
+    uint32_t r = in->head;
+    uint32_t w = dvbRingWritePos(out);
+    const uint32_t w0 = w;
+    uint32_t p = q->head;
+    uint32_t k = p % plen;
+    for (uint32_t i = 0; i < n; ++i) {
+        const uint8_t x = src[r];
+        uint8_t y;
+        if (p == 0) y = static_cast<uint8_t>(~x);
+        else if (k == 0) y = x;
+        else y = static_cast<uint8_t>(x ^ seq[p - 1]);
+        dst[w] = y;
+        if (++p == period) p = 0;
+        if (++k == plen) k = 0;
+        if (++r == in->len) r = 0;
+        if (++w == out->len) w = 0;
+    }
+    q->head = p;
+    if (dump != nullptr && n > 0) {
+        // The produced bytes sit contiguously in the output ring, possibly wrapped.
+        const uint32_t first = out->len - w0 < n ? out->len - w0 : n;
+        std::fwrite(dst + w0, 1, first, dump);
+        if (n > first) std::fwrite(dst, 1, n - first, dump);
+    }
+    dvbRingConsume(in, n);
+    out->fill += n;
+}
+
+uint32_t count_for(const dvbVect* in, const dvbVect* out, uint32_t maxlen) {
+    uint32_t n = in->fill;
+    if (dvbRingFree(out) < n) n = dvbRingFree(out);
+    if (maxlen < n) n = maxlen;
+    return n;
+}
+
+}  // namespace
+
+int32_t energy_inv(dvbVect* in, dvbVect* out, dvbVect* q, uint32_t maxlen, FILE* dump) {
+    if (in->fill == 0 || out->fill == out->len) return 0;
+    const uint32_t n = count_for(in, out, maxlen);
+    disperse(in, out, q, ED_PACKET, ED_GROUP, n, dump);
+    dvbMsgPrint(4, "Energy+Inv. : %d samples\n", static_cast<int>(n));
+    return static_cast<int32_t>(n);
+}
+
+unsigned dvbTSDisperdInvert(dvbVect* in, dvbVect* out, dvbVect* q, uint32_t plen, uint32_t period,
+                            uint32_t maxlen, const char* label, FILE* dump, uint32_t* count) {
+    if (in->fill == 0 || out->fill == out->len || plen == 0 || period == 0) {
+        *count = 0;
+        return 1;
+    }
+    const uint32_t n = count_for(in, out, maxlen);
+    disperse(in, out, q, plen, period, n, dump);
+    dvbMsgPrint(4, "%s => process : %d samples\n", label, static_cast<int>(n));
+    *count = n;
+    return 0;
+}
