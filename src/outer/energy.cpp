@@ -60,7 +60,8 @@ int32_t energy_inv(dvbVect* in, dvbVect* out, dvbVect* q, uint32_t maxlen, FILE*
 
 unsigned dvbTSDisperdInvert(dvbVect* in, dvbVect* out, dvbVect* q, uint32_t plen, uint32_t period,
                             uint32_t maxlen, const char* label, FILE* dump, uint32_t* count) {
-    if (in->fill == 0 || out->fill == out->len || plen == 0 || period == 0) {
+    // The sequence must cover every position of the period but the first.
+    if (in->fill == 0 || out->fill == out->len || plen == 0 || period == 0 || period - 1 > q->len) {
         *count = 0;
         return 1;
     }

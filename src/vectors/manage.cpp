@@ -156,7 +156,7 @@ unsigned quantise(dvbVect* v, int width, double range) {
 unsigned convert(dvbVect* v, uint32_t t, int width, int order, double range) {
     if (v == nullptr) return DVB_NOT_ALLOCATED;
     if (v->type > Complex) return DVB_UNKNOWN;
-    if (v->type == t && v->type != Empty) return DVB_OK;
+    if (v->type == t && is_elem_type(t)) return DVB_OK;
     switch (v->type) {
     case Empty:
         make_empty(v);
