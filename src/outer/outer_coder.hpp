@@ -1,0 +1,12 @@
+// Shortened Reed-Solomon RS(204,188) outer coder stage.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+
+#include "vectors/manage.hpp"
+
+// Codes whole 188-byte packets of in into 204-byte packets of out (the packet
+// followed by 16 parity bytes, highest degree first). maxlen limits the input
+// bytes. Returns the number of input bytes consumed, a multiple of 188.
+uint32_t rs_short204188(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump);
