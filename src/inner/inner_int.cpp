@@ -1,0 +1,241 @@
+// Bit interleaver and symbol interleaver.
+#include "inner/inner_int.hpp"
+
+#include <array>
+#include <cstring>
+
+#include "frame/params.hpp"
+#include "frame/print.hpp"
+
+namespace {
+
+// ---------------------------------------------------------------------------
+// Ring access shared by both interleavers
+
+// n held elements from ring index r on, as one contiguous run: the storage
+// itself when they do not cross its end, else a copy in scratch.
+const uint8_t* ring_read(const dvbVect* v, uint32_t r, uint32_t n, uint8_t* scratch) {
+    const uint8_t* base = dvbBytes(v);
+    const uint32_t first = v->len - r;
+    if (first >= n) return base + r;
+    std::memcpy(scratch, base + r, first);
+    std::memcpy(scratch + first, base, n - first);
+    return scratch;
+}
+
+// Copies n bytes into the ring from index w on, wrapping once at most.
+void ring_write(dvbVect* v, uint32_t w, const uint8_t* src, uint32_t n) {
+    uint8_t* base = dvbBytes(v);
+    const uint32_t first = v->len - w;
+    if (first >= n) {
+        std::memcpy(base + w, src, n);
+    } else {
+        std::memcpy(base + w, src, first);
+        std::memcpy(base, src + first, n - first);
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Bit interleaver
+
+constexpr uint32_t BI_BLOCK = 126;
+
+// Read offset of each sub-stream interleaver: word w takes bit (w + shift) mod 126.
+constexpr std::array<uint32_t, 6> bi_shift{0, 63, 105, 42, 21, 84};
+
+// Demultiplexing: the sub-stream that the i-th bit of a group goes to, by
+// constellation index (QPSK, 16-QAM, 64-QAM).
+constexpr std::array<std::array<uint8_t, 6>, 3> demux_nh{{
+    {0, 1, 0, 0, 0, 0},
+    {0, 2, 1, 3, 0, 0},
+    {0, 2, 4, 1, 3, 5},
+}};
+// Hierarchical: the two HP bits go to b0 and b1, the LP bits as below.
+constexpr std::array<std::array<uint8_t, 4>, 3> demux_lp{{
+    {0, 0, 0, 0},
+    {2, 3, 0, 0},
+    {2, 4, 3, 5},
+}};
+
+// Block stores, one bit per byte. Each holds its 126 bits twice in a row so
+// that the read index w + shift never needs wrapping.
+uint8_t bi_store[6][2 * BI_BLOCK];
+uint8_t bi_scratch_hp[6 * BI_BLOCK];
+uint8_t bi_scratch_lp[4 * BI_BLOCK];
+uint8_t bi_words[BI_BLOCK];
+
+// Interleaves one block of V-bit words into bi_words. lp is null in a
+// non-hierarchical block; otherwise each word takes 2 bits from hp and V - 2
+// from lp.
+template <uint32_t V>
+void bi_block(const uint8_t* hp, const uint8_t* lp) {
+    constexpr std::array<uint8_t, 6> route = demux_nh[V / 2 - 1];
+    constexpr std::array<uint8_t, 4> route_lp = demux_lp[V / 2 - 1];
+    if (lp == nullptr) {
+        for (uint32_t k = 0; k < BI_BLOCK; k++)
+            for (uint32_t i = 0; i < V; i++) bi_store[route[i]][k] = hp[k * V + i];
+    } else {
+        constexpr uint32_t L = V - 2;
+        for (uint32_t k = 0; k < BI_BLOCK; k++) {
+            bi_store[0][k] = hp[2 * k];
+            bi_store[1][k] = hp[2 * k + 1];
+            for (uint32_t i = 0; i < L; i++) bi_store[route_lp[i]][k] = lp[k * L + i];
+        }
+    }
+    for (uint32_t e = 0; e < V; e++) std::memcpy(bi_store[e] + BI_BLOCK, bi_store[e], BI_BLOCK);
+
+    // Emit: word w carries bit (w + shift_e) of sub-stream e, b0 the most significant.
+    for (uint32_t k = 0; k < BI_BLOCK; k++) {
+        uint32_t word = 0;
+        for (uint32_t e = 0; e < V; e++) word = (word << 1) + bi_store[e][k + bi_shift[e]];
+        bi_words[k] = static_cast<uint8_t>(word);
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Symbol interleaver
+
+constexpr uint32_t SI_MAX = 6048;
+
+std::array<uint32_t, SI_MAX> H{};
+uint32_t H_len = 0;
+std::array<uint8_t, SI_MAX> ib{};      // one block of output words being assembled
+std::array<uint8_t, SI_MAX> si_in{};   // one block of input words that crosses the ring end
+int32_t sym_num = 0;
+
+struct SymIntMode {
+    uint32_t Nr;                  // address bits
+    uint32_t Mmax;                // candidate addresses
+    uint32_t Nmax;                // valid addresses
+    std::array<uint8_t, 12> perm; // register bit j -> address bit perm[j]
+};
+
+constexpr std::array<SymIntMode, 3> si_modes{{
+    {11, 2048, 1512, {4, 3, 9, 6, 2, 8, 1, 5, 7, 0, 0, 0}},
+    {12, 4096, 3024, {6, 3, 0, 9, 4, 2, 1, 8, 5, 10, 7, 0}},
+    {13, 8192, 6048, {7, 1, 4, 2, 9, 6, 8, 10, 0, 3, 11, 5}},
+}};
+
+uint32_t si_mode() { return dvbt_parms.idi != 0 ? 2u : dvbt_parms.mode; }
+
+uint32_t si_feedback(uint32_t m, const uint8_t* R) {
+    switch (m) {
+        case 0: return R[0] ^ R[3];
+        case 1: return R[0] ^ R[2];
+        default: return R[0] ^ R[1] ^ R[4] ^ R[6];
+    }
+}
+
+}  // namespace
+
+uint32_t bit_interleave(dvbVect* in_hp, dvbVect* in_lp, dvbVect* out, uint32_t maxlen, FILE* dump) {
+    const bool hier = dvbt_hierarchical();
+    if (in_hp->fill == 0 || (hier && (in_lp == nullptr || in_lp->fill == 0)) ||
+        out->fill == out->len)
+        return 0;
+
+    const uint32_t mi = dvbt_parms.M;
+    const uint32_t v = static_cast<uint32_t>(dvbt_bitpersymb[mi]);
+    // Bits per block taken from each ring. A hierarchical QPSK request never
+    // reaches this stage (it is raised to 16-QAM); it would take no LP bits.
+    const uint32_t lp_share = hier ? v - 2 : 0;
+    const uint32_t hp_bits = BI_BLOCK * (v - lp_share);
+    const uint32_t lp_bits = BI_BLOCK * lp_share;
+
+    uint32_t B = dvbRingFree(out) / BI_BLOCK;
+    if (in_hp->fill / hp_bits < B) B = in_hp->fill / hp_bits;
+    if (maxlen / hp_bits < B) B = maxlen / hp_bits;
+    if (lp_bits != 0 && in_lp->fill / lp_bits < B) B = in_lp->fill / lp_bits;
+
+    uint32_t r_hp = in_hp->head;
+    uint32_t r_lp = lp_bits != 0 ? in_lp->head : 0;
+    uint32_t w = dvbRingWritePos(out);
+
+    for (uint32_t b = 0; b < B; b++) {
+        // Collect: demultiplex the block's bits into the sub-stream stores.
+        const uint8_t* hp = ring_read(in_hp, r_hp, hp_bits, bi_scratch_hp);
+        r_hp = dvbRingAdvance(r_hp, hp_bits, in_hp->len);
+        const uint8_t* lp = nullptr;
+        if (lp_bits != 0) {
+            lp = ring_read(in_lp, r_lp, lp_bits, bi_scratch_lp);
+            r_lp = dvbRingAdvance(r_lp, lp_bits, in_lp->len);
+        }
+        switch (v) {
+            case 2: bi_block<2>(hp, lp); break;
+            case 4: bi_block<4>(hp, lp); break;
+            default: bi_block<6>(hp, lp); break;
+        }
+        ring_write(out, w, bi_words, BI_BLOCK);
+        w = dvbRingAdvance(w, BI_BLOCK, out->len);
+        if (dump != nullptr) std::fwrite(bi_words, 1, BI_BLOCK, dump);
+    }
+
+    const uint32_t n = hp_bits * B;
+    dvbRingConsume(in_hp, n);
+    if (lp_bits != 0) dvbRingConsume(in_lp, lp_bits * B);
+    out->fill += BI_BLOCK * B;
+    dvbMsgPrint(4, "Inner_int_b : %d samples\n", static_cast<int>(n));
+    return n;
+}
+
+int32_t dvbSymIntAddrGenerate() {
+    const uint32_t m = si_mode();
+    const SymIntMode& p = si_modes[m];
+    const uint32_t rbits = p.Nr - 1;
+    uint8_t R[12] = {};
+    uint32_t q = 0;
+
+    H.fill(0);
+    for (uint32_t i = 0; i < p.Mmax; i++) {
+        if (i == 2) {
+            R[0] = 1;
+        } else if (i > 2) {
+            const uint8_t fb = static_cast<uint8_t>(si_feedback(m, R));
+            for (uint32_t k = 0; k + 1 < rbits; k++) R[k] = R[k + 1];
+            R[rbits - 1] = fb;
+        }
+        uint32_t addr = (i % 2) << (p.Nr - 1);
+        for (uint32_t j = 0; j < rbits; j++) addr += static_cast<uint32_t>(R[j]) << p.perm[j];
+        if (addr < p.Nmax) H[q++] = addr;
+    }
+    H_len = q;
+    return 0;
+}
+
+int32_t symbol_interleave(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump) {
+    if (in->fill == 0 || out->fill == out->len) return 0;
+
+    const uint32_t N = static_cast<uint32_t>(dvbt_N[si_mode()]);
+    uint32_t B = dvbRingFree(out) / N;
+    if (in->fill / N < B) B = in->fill / N;
+    if (maxlen / N < B) B = maxlen / N;
+
+    uint32_t r = in->head;
+    uint32_t w = dvbRingWritePos(out);
+    for (uint32_t b = 0; b < B; b++) {
+        const uint8_t* src = ring_read(in, r, N, si_in.data());
+        r = dvbRingAdvance(r, N, in->len);
+        // Assemble straight into the output ring when the block fits before its end.
+        const bool direct = out->len - w >= N;
+        uint8_t* dst = direct ? dvbBytes(out) + w : ib.data();
+        if (sym_num % 2 == 0) {
+            for (uint32_t q = 0; q < N; q++) dst[H[q]] = src[q];
+        } else {
+            for (uint32_t q = 0; q < N; q++) dst[q] = src[H[q]];
+        }
+        if (!direct) ring_write(out, w, ib.data(), N);
+        w = dvbRingAdvance(w, N, out->len);
+        if (dump != nullptr) std::fwrite(dst, 1, N, dump);
+        sym_num = (sym_num + 1) % 68;
+    }
+
+    const uint32_t n = N * B;
+    dvbRingConsume(in, n);
+    out->fill += n;
+    dvbMsgPrint(4, "Inner_int_s : %d samples\n", static_cast<int>(n));
+    return static_cast<int32_t>(n);
+}
+
+std::span<const uint32_t> dvbSymIntTable() { return {H.data(), H_len}; }
+
+int32_t dvbSymIntBlockNum() { return sym_num; }
