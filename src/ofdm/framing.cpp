@@ -1,0 +1,207 @@
+// Frame adaptation (pilots, TPS cells, data cells) and the TPS word.
+#include "ofdm/framing.hpp"
+
+#include <cstring>
+
+#include "frame/params.hpp"
+#include "frame/print.hpp"
+
+namespace {
+
+constexpr uint32_t max_K = 6817;
+constexpr int32_t frame_symbols = 68;
+constexpr int32_t superframe_frames = 4;
+
+// Reference sequence: x^11 + x^2 + 1 with all cells one, first output on carrier 0.
+constexpr std::array<uint8_t, max_K> w = [] {
+    std::array<uint8_t, max_K> t{};
+    for (size_t n = 0; n < 11; n++) t[n] = 1;
+    for (size_t n = 11; n < max_K; n++) t[n] = static_cast<uint8_t>(t[n - 9] ^ t[n - 11]);
+    return t;
+}();
+
+// BCH code generator h(X) = X^14 + X^9 + X^8 + X^6 + X^5 + X^4 + X^2 + X + 1, g[i] of degree i.
+constexpr std::array<uint8_t, 15> g{1, 1, 1, 0, 1, 1, 1, 0, 1, 1, 0, 0, 0, 0, 1};
+
+// Synchronisation word of frames 0 and 2; frames 1 and 3 send its inverse.
+constexpr std::array<uint8_t, 16> sync_word{0, 0, 1, 1, 0, 1, 0, 1, 1, 1, 1, 0, 1, 1, 1, 0};
+
+// Transmission mode bits by mode index: 2k 00, 4k 10, 8k 01.
+constexpr std::array<uint32_t, 3> mode_code{0, 2, 1};
+
+int32_t sym_num = 0;
+int32_t frame_num = 0;
+std::array<float, 68> tps_ampl{};
+std::array<uint8_t, 68> s{};
+std::array<uint8_t, 113> x{};
+std::array<uint8_t, 14> b{};
+
+// One symbol as it is built, before it is copied into the output ring.
+std::array<dvbComplex, max_K> sym_buf{};
+
+// Writes the nbits low bits of value into s[pos ..], most significant first.
+void put_bits(size_t pos, uint32_t value, size_t nbits) {
+    for (size_t i = 0; i < nbits; i++) s[pos + i] = static_cast<uint8_t>((value >> (nbits - 1 - i)) & 1u);
+}
+
+// The cells of a symbol that are not data: pilots (with their value) and TPS
+// cells (with their index j among the TPS carriers), in ascending carrier order.
+struct Special {
+    uint32_t k;
+    int32_t tps_j;  // -1 for a pilot
+    float value;    // pilot value
+};
+
+// Layout of each scattered-pilot phase l mod 4 for the mode in layout_mode.
+constexpr uint32_t max_specials = max_K - 6048;
+std::array<std::array<Special, max_specials>, 4> specials{};
+std::array<uint32_t, 4> special_count{};
+int64_t layout_mode = -1;
+
+// Classifies the carriers of each phase: the first matching rule wins among
+// scattered pilot (which also consumes a coinciding continual pilot), continual
+// pilot, TPS carrier; every other carrier takes the next data cell.
+void build_layout(uint32_t mode) {
+    const int32_t K = dvbt_K[mode];
+    const int32_t ncp = cpilot_count[mode];
+    const int32_t ntps = tps_count[mode];
+    for (int32_t phase = 0; phase < 4; phase++) {
+        auto& list = specials[static_cast<size_t>(phase)];
+        uint32_t n = 0;
+        int32_t p = 3 * phase;
+        int32_t i = 0;
+        int32_t j = 0;
+        for (int32_t k = 0; k < K; k++) {
+            const float pilot = w[static_cast<size_t>(k)] != 0 ? -pilot_ampl : pilot_ampl;
+            if (k == p) {
+                list[n++] = {static_cast<uint32_t>(k), -1, pilot};
+                p = k + 12;
+                if (i < ncp && cpilot[static_cast<size_t>(i)] == k) i++;
+            } else if (i < ncp && cpilot[static_cast<size_t>(i)] == k) {
+                list[n++] = {static_cast<uint32_t>(k), -1, pilot};
+                i++;
+            } else if (j < ntps && tps[static_cast<size_t>(j)] == k) {
+                list[n++] = {static_cast<uint32_t>(k), j, 0.0f};
+                j++;
+            }
+        }
+        special_count[static_cast<size_t>(phase)] = n;
+    }
+    layout_mode = mode;
+}
+
+// Copies n data cells from the ring at r into dst and advances r.
+void take_data(dvbComplex* dst, const dvbComplex* src, uint32_t& r, uint32_t in_len, uint32_t n) {
+    const uint32_t first = in_len - r < n ? in_len - r : n;
+    std::memcpy(dst, src + r, first * sizeof(dvbComplex));
+    if (first < n) std::memcpy(dst + first, src, (n - first) * sizeof(dvbComplex));
+    r = dvbRingAdvance(r, n, in_len);
+}
+
+// Builds the symbol numbered l of the frame into sym_buf, taking its data cells from the ring at r.
+void build_symbol(int32_t l, const dvbComplex* src, uint32_t& r, uint32_t in_len, uint32_t K) {
+    const auto& list = specials[static_cast<size_t>(l % 4)];
+    const uint32_t n = special_count[static_cast<size_t>(l % 4)];
+    const bool reference = l == 0;
+    const bool invert = s[static_cast<size_t>(l)] != 0;
+    uint32_t k = 0;
+    for (uint32_t e = 0; e < n; e++) {
+        const Special& sp = list[e];
+        if (sp.k > k) take_data(sym_buf.data() + k, src, r, in_len, sp.k - k);
+        if (sp.tps_j < 0) {
+            sym_buf[sp.k] = {sp.value, 0.0f};
+        } else {
+            float& a = tps_ampl[static_cast<size_t>(sp.tps_j)];
+            if (reference)
+                a = w[sp.k] != 0 ? -1.0f : 1.0f;
+            else if (invert)
+                a = -a;
+            sym_buf[sp.k] = {a, 0.0f};
+        }
+        k = sp.k + 1;
+    }
+    if (k < K) take_data(sym_buf.data() + k, src, r, in_len, K - k);
+}
+
+}  // namespace
+
+void init_tps() {
+    const dvbt_parms_t& p = dvbt_parms;
+    const bool hier = p.alpha != 0;
+    const bool odd_frame = (frame_num & 1) != 0;
+
+    s[0] = 0;
+    for (size_t i = 0; i < sync_word.size(); i++)
+        s[1 + i] = static_cast<uint8_t>(odd_frame ? sync_word[i] ^ 1u : sync_word[i]);
+    put_bits(17, p.cid >= 0 ? 31u : 23u, 6);
+    put_bits(23, static_cast<uint32_t>(frame_num), 2);
+    put_bits(25, p.M, 2);
+    put_bits(27, p.idi != 0 ? 1u : 0u, 1);
+    put_bits(28, p.alpha, 2);
+    put_bits(30, hier ? p.rate_hp : p.rate, 3);
+    put_bits(33, hier ? p.rate_lp : 0u, 3);
+    put_bits(36, 3u - p.delta, 2);
+    put_bits(38, mode_code[p.mode], 2);
+    uint32_t cell = 0;
+    if (p.cid >= 0) {
+        const uint32_t id = static_cast<uint32_t>(p.cid) & 0xFFFFu;
+        cell = odd_frame ? (id & 0xFFu) : (id >> 8);
+    }
+    put_bits(40, cell, 8);
+    put_bits(48, 0, 6);
+
+    // BCH parity: remainder of X^14 * m(X) divided by h(X), m(X) the information bits
+    // s1 .. s53 with s1 of the highest degree.
+    b.fill(0);
+    x.fill(0);
+    for (size_t i = 0; i <= 52; i++) x[i] = s[53 - i];
+    for (size_t i = x.size(); i-- > 0;) {
+        const uint8_t f = static_cast<uint8_t>(b[13] ^ x[i]);
+        for (size_t m = 13; m >= 1; m--) b[m] = static_cast<uint8_t>(f != 0 ? b[m - 1] ^ g[m] : b[m - 1]);
+        b[0] = f;
+    }
+    for (size_t m = 0; m < 14; m++) s[54 + m] = b[13 - m];
+}
+
+uint32_t piltps_add(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump) {
+    if (in->fill == 0 || out->fill == out->len) return 0;
+    const uint32_t mode = dvbt_parms.mode;
+    const auto N = static_cast<uint32_t>(dvbt_N[mode]);
+    const auto uK = static_cast<uint32_t>(dvbt_K[mode]);
+    if (layout_mode != static_cast<int64_t>(mode)) build_layout(mode);
+
+    uint32_t n = in->fill / N;
+    if (dvbRingFree(out) / uK < n) n = dvbRingFree(out) / uK;
+    if (maxlen / N < n) n = maxlen / N;
+
+    const dvbComplex* src = dvbCplx(in);
+    dvbComplex* dst = dvbCplx(out);
+    uint32_t r = in->head;
+    uint32_t q = dvbRingWritePos(out);
+    for (uint32_t u = 0; u < n; u++) {
+        build_symbol(sym_num, src, r, in->len, uK);
+        // Copy the symbol into the output ring, in two pieces when it wraps.
+        const uint32_t first = out->len - q < uK ? out->len - q : uK;
+        std::memcpy(dst + q, sym_buf.data(), first * sizeof(dvbComplex));
+        if (first < uK) std::memcpy(dst, sym_buf.data() + first, (uK - first) * sizeof(dvbComplex));
+        q = dvbRingAdvance(q, uK, out->len);
+        if (dump != nullptr) std::fwrite(sym_buf.data(), sizeof(dvbComplex), uK, dump);
+
+        if (++sym_num == frame_symbols) {
+            sym_num = 0;
+            if (++frame_num == superframe_frames) frame_num = 0;
+            init_tps();
+        }
+    }
+
+    dvbRingConsume(in, n * N);
+    out->fill += n * uK;
+    dvbMsgPrint(4, "Framing     : %d samples\n", static_cast<int>(n * N));
+    return n * N;
+}
+
+std::span<const uint8_t, 6817> framing_w() { return std::span<const uint8_t, 6817>(w); }
+std::span<const uint8_t, 68> framing_s() { return std::span<const uint8_t, 68>(s); }
+std::span<const float, 68> framing_tps_ampl() { return std::span<const float, 68>(tps_ampl); }
+int32_t framing_sym_num() { return sym_num; }
+int32_t framing_frame_num() { return frame_num; }

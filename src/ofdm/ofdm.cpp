@@ -1,0 +1,441 @@
+// OFDM modulator and time-domain sample output.
+#include "ofdm/ofdm.hpp"
+
+#include <array>
+#include <bit>
+#include <cmath>
+#include <cstring>
+
+#include "frame/files.hpp"
+#include "frame/params.hpp"
+#include "frame/print.hpp"
+
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+#define TERVANE_X86 1
+#include <immintrin.h>
+#else
+#define TERVANE_X86 0
+#endif
+
+namespace {
+
+constexpr uint32_t max_F = 8192;
+constexpr uint32_t max_K = 6817;
+constexpr int32_t max_stages = 13;
+constexpr std::array<int32_t, 3> bit_num{11, 12, 13};
+
+// Mapping constants, guard interval and symbol length of the current mode.
+uint32_t K_p1_2 = 0, K_m1_2 = 0, zl1 = 0, zl2 = 0, fft_K_m1_2 = 0, fftpK_m1_2 = 0;
+uint32_t prf = 0, prf_len = 0;
+uint32_t fft_size = 0;
+int32_t stages = 0;
+
+std::array<uint32_t, max_F> bro{};
+
+// Recurrence seeds per stage v = 1 .. 13 (index 0 unused).
+std::array<float, max_stages + 1> ism2{}, icm2{}, ism1{}, icm1{}, iw{};
+
+// Twiddle factors of every stage as the recurrence yields them: stage v holds
+// its H = 2^(v-1) factors from index H - 1 on. The recurrence restarts from the
+// same seeds in every block, so one sequence per stage serves all blocks with
+// the very same values. Each factor c + i s is kept as the pairs (c, c) in twc
+// and (-s, s) in tws, the operands of a butterfly on an interleaved (re, im) value.
+alignas(32) std::array<double, 2 * max_F> twc{};
+alignas(32) std::array<double, 2 * max_F> tws{};
+bool use_avx = false;
+
+// The cells of the symbol, followed by one zero cell for the empty bins.
+std::array<dvbComplex, max_K + 1> in_buf{};
+std::array<dvbComplex, max_F> out_buf{};
+
+// Runs the recurrence of stage v for H steps, handing each (cos, sin) to f.
+template <typename Fn>
+inline void stage_recurrence(int32_t v, uint32_t H, Fn&& f) {
+    double cc2 = icm2[static_cast<size_t>(v)];
+    double cc1 = icm1[static_cast<size_t>(v)];
+    double ss2 = ism2[static_cast<size_t>(v)];
+    double ss1 = ism1[static_cast<size_t>(v)];
+    const double wv = iw[static_cast<size_t>(v)];
+    for (uint32_t j = 0; j < H; j++) {
+        const double cc0 = wv * cc1 - cc2;
+        cc2 = cc1;
+        cc1 = cc0;
+        const double ss0 = wv * ss1 - ss2;
+        ss2 = ss1;
+        ss1 = ss0;
+        f(j, cc0, ss0);
+    }
+}
+
+// One butterfly: t = (c + i s) * d; d' = a - t, a' = a + t, each rounded to float.
+inline void butterfly(dvbComplex& a, dvbComplex& d, double c, double s) {
+    const double tre = c * static_cast<double>(d.re) - s * static_cast<double>(d.im);
+    const double tim = c * static_cast<double>(d.im) + s * static_cast<double>(d.re);
+    const double are = a.re;
+    const double aim = a.im;
+    d.re = static_cast<float>(are - tre);
+    d.im = static_cast<float>(aim - tim);
+    a.re = static_cast<float>(are + tre);
+    a.im = static_cast<float>(aim + tim);
+}
+
+// The same butterfly on the stored twiddle pairs c = (c, c), s = (-s, s):
+// t = c * (d.re, d.im) + s * (d.im, d.re) gives (c d.re - s d.im, c d.im + s d.re)
+// with the very same roundings, since s * d.im = -(s d.im) exactly.
+#if TERVANE_X86
+inline void butterfly2(dvbComplex* a, dvbComplex* d, const double* c, const double* s) {
+    const __m128d dv = _mm_cvtps_pd(_mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(d))));
+    const __m128d av = _mm_cvtps_pd(_mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(a))));
+    const __m128d t =
+        _mm_add_pd(_mm_mul_pd(_mm_load_pd(c), dv), _mm_mul_pd(_mm_load_pd(s), _mm_shuffle_pd(dv, dv, 1)));
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(a), _mm_castps_si128(_mm_cvtpd_ps(_mm_add_pd(av, t))));
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(d), _mm_castps_si128(_mm_cvtpd_ps(_mm_sub_pd(av, t))));
+}
+
+// All stages with 256-bit vectors: two butterflies of a block at a time from the
+// second stage on (the first stage has one butterfly per block).
+__attribute__((target("avx"))) void ifft_avx(dvbComplex* buf) {
+    const uint32_t F = fft_size;
+    for (uint32_t z = 0; z < F; z += 2) butterfly2(buf + z, buf + z + 1, twc.data(), tws.data());
+    for (int32_t v = 2; v <= stages; v++) {
+        const uint32_t H = 1u << (v - 1);
+        const uint32_t B = H << 1;
+        const double* c = twc.data() + 2 * (H - 1);
+        const double* s = tws.data() + 2 * (H - 1);
+        for (uint32_t z = 0; z < F; z += B) {
+            float* A = reinterpret_cast<float*>(buf + z);
+            float* D = reinterpret_cast<float*>(buf + z + H);
+            for (uint32_t j = 0; j < 2 * H; j += 4) {
+                const __m256d dv = _mm256_cvtps_pd(_mm_loadu_ps(D + j));
+                const __m256d av = _mm256_cvtps_pd(_mm_loadu_ps(A + j));
+                const __m256d t = _mm256_add_pd(_mm256_mul_pd(_mm256_loadu_pd(c + j), dv),
+                                                _mm256_mul_pd(_mm256_loadu_pd(s + j), _mm256_permute_pd(dv, 5)));
+                _mm_storeu_ps(A + j, _mm256_cvtpd_ps(_mm256_add_pd(av, t)));
+                _mm_storeu_ps(D + j, _mm256_cvtpd_ps(_mm256_sub_pd(av, t)));
+            }
+        }
+    }
+}
+#else
+inline void butterfly2(dvbComplex* a, dvbComplex* d, const double* c, const double* s) {
+    butterfly(*a, *d, c[0], s[1]);
+}
+#endif
+
+// Carrier index of every bin, for the chosen frequency mapping; K (the index
+// of a zero cell kept after the symbol) for an empty bin.
+uint32_t carrier_of_bin(uint32_t mapping, uint32_t m, uint32_t K) {
+    switch (mapping) {
+    case 1:  // BB: carrier k on bin k + zl1
+        return m >= zl1 && m < zl2 ? m - zl1 : K;
+    case 2:  // INV: carrier k on bin (K_m1_2 - k) mod F
+        if (m < K_p1_2) return K_m1_2 - m;
+        return m >= fft_K_m1_2 ? fftpK_m1_2 - m : K;
+    default:  // 0: carrier k on bin (k - K_m1_2) mod F
+        if (m < K_p1_2) return K_m1_2 + m;
+        return m >= fft_K_m1_2 ? m - fft_K_m1_2 : K;
+    }
+}
+
+// Source cell of every position of the work area: the carrier of bin bro[p].
+// Filling the work area in position order gathers the spectrum already in
+// bit-reversed order.
+std::array<uint32_t, max_F> gather{};
+int64_t gather_mapping = -1;
+
+void build_gather(uint32_t mapping) {
+    const auto K = static_cast<uint32_t>(dvbt_K[dvbt_parms.mode]);
+    for (uint32_t p = 0; p < fft_size; p++) gather[p] = carrier_of_bin(mapping, bro[p], K);
+    gather_mapping = mapping;
+}
+
+// Copies n values into the ring at q (wrapping) and returns the next write position.
+uint32_t ring_put(dvbComplex* ring, uint32_t len, uint32_t q, const dvbComplex* src, uint32_t n) {
+    const uint32_t first = len - q < n ? len - q : n;
+    std::memcpy(ring + q, src, first * sizeof(dvbComplex));
+    if (first < n) std::memcpy(ring, src + first, (n - first) * sizeof(dvbComplex));
+    return dvbRingAdvance(q, n, len);
+}
+
+// Running state of the sample output.
+float wsymb = 0.0f;
+int32_t sym_num = 0;
+int32_t frame_num = 0;
+int32_t superframe_num = 0;
+
+// Work area for the integer formats.
+constexpr uint32_t io_chunk = 4096;
+std::array<uint8_t, io_chunk * 4> io_buf{};
+std::array<uint8_t, io_chunk * 2> io_buf2{};
+
+// trunc(x * sf) in double; NaN and values outside the 32-bit range give INT32_MIN.
+inline int32_t scaled(float x, float sf) {
+    const double p = std::trunc(static_cast<double>(x) * static_cast<double>(sf));
+    if (!(p >= -2147483648.0 && p <= 2147483647.0)) return INT32_MIN;
+    return static_cast<int32_t>(p);
+}
+
+inline uint16_t agi_code(float x, float sf) {
+    const int32_t v = scaled(x, sf);
+    return static_cast<uint16_t>(v >= -32768 && v <= 32767 ? v : -32768);
+}
+
+inline uint16_t agiold_code(float x, float sf) {
+    return static_cast<uint16_t>((static_cast<uint32_t>(scaled(x, sf)) + 8192u) & 0xFFFFu);
+}
+
+inline void put_be16(uint8_t* p, uint16_t v) {
+    p[0] = static_cast<uint8_t>(v >> 8);
+    p[1] = static_cast<uint8_t>(v & 0xFFu);
+}
+
+// Writes n samples from the ring at r in the "std" format; returns the records accepted.
+uint32_t write_std(const dvbVect* in, uint32_t n, FILE* fp) {
+    const dvbComplex* src = dvbCplx(in);
+    const uint32_t r = in->head;
+    const uint32_t first = in->len - r < n ? in->len - r : n;
+    if constexpr (std::endian::native == std::endian::little) {
+        size_t done = std::fwrite(src + r, sizeof(dvbComplex), first, fp);
+        if (done == first && first < n) done += std::fwrite(src, sizeof(dvbComplex), n - first, fp);
+        return static_cast<uint32_t>(done);
+    } else {
+        uint32_t done = 0;
+        uint32_t pos = r;
+        while (done < n) {
+            const uint32_t m = n - done < io_chunk / 2 ? n - done : io_chunk / 2;
+            uint8_t* p = io_buf.data();
+            for (uint32_t i = 0; i < m; i++) {
+                const float v[2] = {src[pos].re, src[pos].im};
+                for (float f : v) {
+                    const auto u = std::bit_cast<uint32_t>(f);
+                    for (int byte = 0; byte < 4; byte++) *p++ = static_cast<uint8_t>(u >> (8 * byte));
+                }
+                if (++pos == in->len) pos = 0;
+            }
+            const size_t got = std::fwrite(io_buf.data(), sizeof(dvbComplex), m, fp);
+            done += static_cast<uint32_t>(got);
+            if (got < m) break;
+        }
+        return done;
+    }
+}
+
+uint32_t write_agi(const dvbVect* in, uint32_t n, FILE* fp) {
+    const dvbComplex* src = dvbCplx(in);
+    const float sf = tdstream_sf;
+    uint32_t pos = in->head;
+    uint32_t done = 0;
+    while (done < n) {
+        const uint32_t m = n - done < io_chunk ? n - done : io_chunk;
+        uint8_t* p = io_buf.data();
+        for (uint32_t i = 0; i < m; i++, p += 4) {
+            put_be16(p, agi_code(src[pos].re, sf));
+            put_be16(p + 2, agi_code(src[pos].im, sf));
+            if (++pos == in->len) pos = 0;
+        }
+        const size_t got = std::fwrite(io_buf.data(), 4, m, fp);
+        done += static_cast<uint32_t>(got);
+        if (got < m) break;
+    }
+    return done;
+}
+
+uint32_t write_agiold(const dvbVect* in, uint32_t n, FILE* fpI, FILE* fpQ) {
+    const dvbComplex* src = dvbCplx(in);
+    const float sf = tdstream_sf;
+    uint32_t pos = in->head;
+    uint32_t done = 0;
+    while (done < n) {
+        const uint32_t m = n - done < io_chunk ? n - done : io_chunk;
+        for (uint32_t i = 0; i < m; i++) {
+            put_be16(io_buf.data() + 2 * i, agiold_code(src[pos].re, sf));
+            put_be16(io_buf2.data() + 2 * i, agiold_code(src[pos].im, sf));
+            if (++pos == in->len) pos = 0;
+        }
+        std::fwrite(io_buf.data(), 2, m, fpI);
+        const size_t got = std::fwrite(io_buf2.data(), 2, m, fpQ);
+        done += static_cast<uint32_t>(got);
+        if (got < m) break;
+    }
+    return done;
+}
+
+}  // namespace
+
+void init_ifft() {
+    const uint32_t mode = dvbt_parms.mode;
+    const auto F = static_cast<uint32_t>(dvbt_fftsize[mode]);
+    const auto K = static_cast<uint32_t>(dvbt_K[mode]);
+    fft_size = F;
+    stages = bit_num[mode];
+
+    K_p1_2 = (K + 1) / 2;
+    K_m1_2 = (K - 1) / 2;
+    zl1 = (F - K + 1) / 2;
+    zl2 = zl1 + K;
+    fft_K_m1_2 = F - K_m1_2;
+    fftpK_m1_2 = F + K_m1_2;
+    prf = static_cast<uint32_t>(static_cast<float>(F) * dvbt_guardfrac[dvbt_parms.delta]);
+    prf_len = F + prf;
+
+    for (uint32_t i = 0; i < F; i++) {
+        uint32_t r = 0;
+        uint32_t v = i;
+        for (int32_t bit = 0; bit < stages; bit++) {
+            r = (r << 1) | (v & 1u);
+            v >>= 1;
+        }
+        bro[i] = r;
+    }
+    gather_mapping = -1;
+
+    const float two_pi = 6.2831855f;
+    for (int32_t v = 1; v <= stages; v++) {
+        const float theta = two_pi / static_cast<float>(1u << v);
+        const double two_theta = -2.0 * static_cast<double>(theta);
+        const auto sv = static_cast<size_t>(v);
+        ism2[sv] = static_cast<float>(std::sin(two_theta));
+        icm2[sv] = static_cast<float>(std::cos(two_theta));
+        ism1[sv] = std::sin(-theta);
+        icm1[sv] = std::cos(theta);
+        iw[sv] = 2.0f * icm1[sv];
+    }
+
+    for (int32_t v = 1; v <= stages; v++) {
+        const uint32_t H = 1u << (v - 1);
+        double* c = twc.data() + 2 * (H - 1);
+        double* s = tws.data() + 2 * (H - 1);
+        stage_recurrence(v, H, [c, s](uint32_t j, double cj, double sj) {
+            c[2 * j] = cj;
+            c[2 * j + 1] = cj;
+            s[2 * j] = -sj;
+            s[2 * j + 1] = sj;
+        });
+    }
+
+#if TERVANE_X86
+    __builtin_cpu_init();
+    use_avx = __builtin_cpu_supports("avx") != 0;
+#endif
+}
+
+void ofdm_ifft_reference(dvbComplex* buf) {
+    const uint32_t F = fft_size;
+    for (int32_t v = 1; v <= stages; v++) {
+        const uint32_t H = 1u << (v - 1);
+        const uint32_t B = H << 1;
+        for (uint32_t z = 0; z < F; z += B) {
+            dvbComplex* blk = buf + z;
+            stage_recurrence(v, H, [blk, H](uint32_t j, double c, double s) { butterfly(blk[j], blk[j + H], c, s); });
+        }
+    }
+}
+
+void ofdm_ifft_generic(dvbComplex* buf) {
+    const uint32_t F = fft_size;
+    for (int32_t v = 1; v <= stages; v++) {
+        const uint32_t H = 1u << (v - 1);
+        const uint32_t B = H << 1;
+        const double* c = twc.data() + 2 * (H - 1);
+        const double* s = tws.data() + 2 * (H - 1);
+        for (uint32_t z = 0; z < F; z += B) {
+            dvbComplex* blk = buf + z;
+            for (uint32_t j = 0; j < H; j++) butterfly2(blk + j, blk + j + H, c + 2 * j, s + 2 * j);
+        }
+    }
+}
+
+void ofdm_ifft(dvbComplex* buf) {
+#if TERVANE_X86
+    if (use_avx) {
+        ifft_avx(buf);
+        return;
+    }
+#endif
+    ofdm_ifft_generic(buf);
+}
+
+uint32_t ofdm_mod(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump) {
+    if (in->fill == 0 || out->fill == out->len) return 0;
+    const auto K = static_cast<uint32_t>(dvbt_K[dvbt_parms.mode]);
+    const uint32_t F = fft_size;
+
+    if (gather_mapping != static_cast<int64_t>(dvbt_parms.ifftmm)) build_gather(dvbt_parms.ifftmm);
+    in_buf[K] = {0.0f, 0.0f};
+
+    uint32_t n = in->fill / K;
+    if (dvbRingFree(out) / prf_len < n) n = dvbRingFree(out) / prf_len;
+    if (maxlen / K < n) n = maxlen / K;
+
+    const dvbComplex* src = dvbCplx(in);
+    dvbComplex* dst = dvbCplx(out);
+    uint32_t r = in->head;
+    uint32_t q = dvbRingWritePos(out);
+    for (uint32_t u = 0; u < n; u++) {
+        const uint32_t first = in->len - r < K ? in->len - r : K;
+        std::memcpy(in_buf.data(), src + r, first * sizeof(dvbComplex));
+        if (first < K) std::memcpy(in_buf.data() + first, src, (K - first) * sizeof(dvbComplex));
+        r = dvbRingAdvance(r, K, in->len);
+
+        for (uint32_t p = 0; p < F; p++) out_buf[p] = in_buf[gather[p]];
+        ofdm_ifft(out_buf.data());
+
+        q = ring_put(dst, out->len, q, out_buf.data() + (F - prf), prf);
+        q = ring_put(dst, out->len, q, out_buf.data(), F);
+        if (dump != nullptr) {
+            std::fwrite(out_buf.data() + (F - prf), sizeof(dvbComplex), prf, dump);
+            std::fwrite(out_buf.data(), sizeof(dvbComplex), F, dump);
+        }
+    }
+
+    dvbRingConsume(in, n * K);
+    out->fill += n * prf_len;
+    dvbMsgPrint(4, "OFDM        : %d samples\n", static_cast<int>(n * K));
+    return n * K;
+}
+
+int32_t time_dump(dvbVect* in, FILE* td_fp, FILE* tdI_fp, FILE* tdQ_fp, uint32_t maxlen) {
+    if (in->fill == 0) return 0;
+    const uint32_t n = in->fill < maxlen ? in->fill : maxlen;
+    const dvbt_parms_t& p = dvbt_parms;
+
+    uint32_t count = n;
+    switch (p.dumpformat) {
+    case 1:
+        if (td_fp != nullptr) count = write_agi(in, n, td_fp);
+        break;
+    case 2:
+        if (tdI_fp != nullptr && tdQ_fp != nullptr) count = write_agiold(in, n, tdI_fp, tdQ_fp);
+        break;
+    default:
+        if (td_fp != nullptr) count = write_std(in, n, td_fp);
+        break;
+    }
+    dvbRingConsume(in, count);
+    dvbMsgPrint(4, "Time dump   : %d samples\n", static_cast<int>(count));
+
+    // Position in the frame structure and payload carried by the symbols written so far.
+    const float x = static_cast<float>(count) / dvbt_interprate[p.interp];
+    const auto F = static_cast<float>(dvbt_fftsize[p.mode]);
+    const float S = F + F * dvbt_guardfrac[p.delta];
+    const float s_c = x / S;
+    wsymb = wsymb + s_c;
+    const auto s = static_cast<int32_t>(wsymb);
+    sym_num = s % 68;
+    frame_num = (s / 68) % 4;
+    superframe_num = s / 272;
+
+    constexpr float k = 188.0f / 1632.0f;
+    const auto N = static_cast<float>(dvbt_N[p.mode]);
+    const auto B = static_cast<float>(dvbt_bitpersymb[p.M]);
+    if (p.alpha == 0) {
+        proc_data_hp += s_c * N * B * dvbt_punrate[p.rate] * k;
+    } else {
+        proc_data_hp += s_c * N * 2.0f * dvbt_punrate[p.rate_hp] * k;
+        proc_data_lp += s_c * N * (B - 2.0f) * dvbt_punrate[p.rate_lp] * k;
+    }
+    const float percent = (proc_data_hp + proc_data_lp) * 100.0f / static_cast<float>(tot_flen);
+    dvbMsgPrint(2, "%-2.1f%% done (S%02d,F%d,SF%06d)\n", static_cast<double>(percent), sym_num, frame_num,
+                superframe_num);
+    return static_cast<int32_t>(count);
+}

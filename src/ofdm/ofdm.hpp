@@ -1,0 +1,29 @@
+// OFDM modulator (carrier placement, inverse FFT, cyclic prefix) and the output
+// of the time-domain samples with the progress line.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+
+#include "vectors/manage.hpp"
+
+// Sets the mapping constants, the bit-reversal table and the per-stage
+// recurrence seeds for the current mode and guard interval.
+void init_ifft();
+
+// Turns whole symbols of K carriers into prf_len time samples each (cyclic prefix
+// then the useful part). maxlen counts input cells. Returns the cells consumed.
+uint32_t ofdm_mod(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump);
+
+// Writes at most maxlen samples in the chosen format and prints the progress
+// line. Returns the number of samples consumed.
+int32_t time_dump(dvbVect* in, FILE* td_fp, FILE* tdI_fp, FILE* tdQ_fp, uint32_t maxlen);
+
+// The unnormalised inverse transform of the current mode, in place, on F values
+// given in bit-reversed order; the result is in natural order. ofdm_ifft is the
+// form the modulator uses; ofdm_ifft_reference is the plain form it must match
+// bit for bit. ofdm_ifft runs the widest vector form the processor offers;
+// ofdm_ifft_generic is the form used when it offers none beyond the baseline.
+void ofdm_ifft(dvbComplex* buf);
+void ofdm_ifft_generic(dvbComplex* buf);
+void ofdm_ifft_reference(dvbComplex* buf);
