@@ -10,8 +10,16 @@
 #include "frame/params.hpp"
 #include "frame/print.hpp"
 #include "frame/time.hpp"
+#include "inner/inner_coder.hpp"
+#include "inner/inner_int.hpp"
+#include "inner/mapper.hpp"
+#include "ofdm/framing.hpp"
+#include "ofdm/ofdm.hpp"
 #include "outer/energy.hpp"
 #include "outer/mpeg2.hpp"
+#include "outer/outer_coder.hpp"
+#include "outer/outer_int.hpp"
+#include "outer/rs.hpp"
 #include "vectors/basic_ops.hpp"
 #include "vectors/manage.hpp"
 #include "vectors/prbs.hpp"
@@ -27,6 +35,10 @@ dvbVect *ve_hp_buf = nullptr, *ve_lp_buf = nullptr;
 dvbVect *pu_hp_buf = nullptr, *pu_lp_buf = nullptr;
 dvbVect *bi_buf = nullptr, *si_buf = nullptr, *ma_buf = nullptr, *fd_buf = nullptr;
 dvbVect *td_buf = nullptr, *tx_buf = nullptr;
+
+// Per-branch state of the outer interleaver and the convolutional encoder.
+convint_state convint_hp{}, convint_lp{};
+uint32_t encstate_hp = 0, encstate_lp = 0;
 
 // Creates an empty ring of the given type and length with zeroed storage. The
 // chain must not run with a missing buffer, so a failed allocation ends the run.
@@ -131,12 +143,40 @@ int main(int argc, char** argv) {
         dvbMsgPrint(0, "FATAL ERROR: can't allocate the energy dispersal sequence\n");
         std::exit(1);
     }
+    init_rs();
+    create_buffer(&rs_hp_buf, Symbol, rslen);
+    if (hier) create_buffer(&rs_lp_buf, Symbol, rslen);
+    init_convint(&convint_hp, 12, 17);
+    create_buffer(&ci_hp_buf, Symbol, cilen);
+    if (hier) {
+        init_convint(&convint_lp, 12, 17);
+        create_buffer(&ci_lp_buf, Symbol, cilen);
+    }
+    init_convenc(&encstate_hp, 0);
+    create_buffer(&ve_hp_buf, Symbol, velen);
+    if (hier) {
+        init_convenc(&encstate_lp, 0);
+        create_buffer(&ve_lp_buf, Symbol, velen);
+    }
+    create_buffer(&pu_hp_buf, Symbol, pulen);
+    if (hier) create_buffer(&pu_lp_buf, Symbol, pulen);
+    create_buffer(&bi_buf, Symbol, bilen);
+    dvbSymIntAddrGenerate();
+    create_buffer(&si_buf, Symbol, silen);
+    dvbQAMConstGenerate();
+    create_buffer(&ma_buf, Complex, malen);
+    init_tps();
+    create_buffer(&fd_buf, Complex, fdlen);
+    init_ifft();
+    create_buffer(&td_buf, Complex, tdlen);
 
     dvbTic();
     proc_data_hp = 0.0f;
     proc_data_lp = 0.0f;
 
-    // The passes.
+    // The passes: every stage once, in chain order, until a whole pass moves nothing.
+    const uint16_t rate_hp = static_cast<uint16_t>(hier ? p.rate_hp : p.rate);
+    const uint16_t rate_lp = static_cast<uint16_t>(p.rate_lp);
     bool active = true;
     while (active) {
         uint64_t moved = 0;
@@ -144,9 +184,20 @@ int main(int argc, char** argv) {
         if (hier) moved += read_mpeg(mpeg2ts_lp_fp, mpeg2ts_lp_buf, mpeg2len);
         moved += static_cast<uint32_t>(energy_inv(mpeg2ts_hp_buf, ed_hp_buf, prbs_hp, mpeg2len, ed_hp_fp));
         if (hier) moved += static_cast<uint32_t>(energy_inv(mpeg2ts_lp_buf, ed_lp_buf, prbs_lp, mpeg2len, ed_lp_fp));
-        // Until the outer coder consumes it, the dispersed stream leaves the chain here.
-        ed_hp_buf->fill = 0;
-        if (hier) ed_lp_buf->fill = 0;
+        moved += rs_short204188(ed_hp_buf, rs_hp_buf, rslen, rs_hp_fp);
+        if (hier) moved += rs_short204188(ed_lp_buf, rs_lp_buf, rslen, rs_lp_fp);
+        moved += conv_int(rs_hp_buf, ci_hp_buf, &convint_hp, cilen, ci_hp_fp);
+        if (hier) moved += conv_int(rs_lp_buf, ci_lp_buf, &convint_lp, cilen, ci_lp_fp);
+        moved += static_cast<uint32_t>(encode27(ci_hp_buf, ve_hp_buf, &encstate_hp, velen, ve_hp_fp));
+        if (hier) moved += static_cast<uint32_t>(encode27(ci_lp_buf, ve_lp_buf, &encstate_lp, velen, ve_lp_fp));
+        moved += static_cast<uint32_t>(puncture(ve_hp_buf, pu_hp_buf, rate_hp, pulen, pu_hp_fp));
+        if (hier) moved += static_cast<uint32_t>(puncture(ve_lp_buf, pu_lp_buf, rate_lp, pulen, pu_lp_fp));
+        moved += bit_interleave(pu_hp_buf, pu_lp_buf, bi_buf, bilen, bi_fp);
+        moved += static_cast<uint32_t>(symbol_interleave(bi_buf, si_buf, silen, si_fp));
+        moved += static_cast<uint32_t>(qam_map(si_buf, ma_buf, malen, ma_fp));
+        moved += piltps_add(ma_buf, fd_buf, fdlen, fd_fp);
+        moved += ofdm_mod(fd_buf, td_buf, tdlen, nullptr);
+        moved += static_cast<uint32_t>(time_dump(td_buf, td_fp, tdI_fp, tdQ_fp, 400000));
         active = moved != 0;
     }
 
