@@ -56,7 +56,10 @@ const char help_text[] =
 
 // An empty name becomes none; returns the text to print for it.
 const char* settle_name(char*& name) {
-    if (name != nullptr && name[0] == '\0') name = nullptr;
+    if (name != nullptr && name[0] == '\0') {
+        std::free(name);
+        name = nullptr;
+    }
     return name != nullptr ? name : "NONE";
 }
 

@@ -54,6 +54,18 @@ void create_buffer(dvbVect** buf, uint32_t type, uint32_t len) {
     (*buf)->fill = 0;
 }
 
+// The smallest batch whose rings can each hold one OFDM symbol: the carriers of
+// the framing output and the samples of the modulator output (both sized from
+// the constellation requested on the command line).
+int32_t min_packnum(uint32_t requested_M) {
+    const auto F = static_cast<uint32_t>(dvbt_fftsize[dvbt_parms.mode]);
+    const auto K = static_cast<uint32_t>(dvbt_K[dvbt_parms.mode]);
+    const uint32_t symbol_len = F + static_cast<uint32_t>(static_cast<float>(F) * dvbt_guardfrac[dvbt_parms.delta]);
+    const uint32_t cells = symbol_len > K ? symbol_len : K;
+    const auto bps = static_cast<uint32_t>(dvbt_bitpersymb[requested_M]);
+    return static_cast<int32_t>((cells * bps + 3263u) / 3264u);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -98,6 +110,7 @@ int main(int argc, char** argv) {
 
     // Step 3: the log.
     if (log_fname == nullptr || log_fname[0] == '\0') {
+        std::free(log_fname);
         log_fname = nullptr;
         dvbMsgInit("test.log");
     } else {
@@ -121,8 +134,15 @@ int main(int argc, char** argv) {
     txlen = malen;
 
     // Steps 6 and 7: report, then files.
+    const uint32_t requested_M = p.M;
     print_args();
     open_files();
+    // A batch too small for one OFDM symbol stalls the chain before the modulator.
+    if (packnum < min_packnum(requested_M)) {
+        dvbMsgPrint(0, "WARNING: -s %d is too small for this mode: no OFDM symbol fits the buffers, "
+                       "so no samples will be produced (use -s %d or more)\n",
+                    packnum, min_packnum(requested_M));
+    }
     const bool hier = dvbt_hierarchical();
 
     // Step 8: buffers and stage initialisation, in chain order.
