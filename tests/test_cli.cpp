@@ -246,3 +246,22 @@ TEST(CliEnergy, DumpIsTheDispersedStreamForAnyBatchSize) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(CliBatch, TooSmallForOneSymbolIsSaidAndWritesNothing) {
+    TempDir dir;
+    cli::write_file(dir / "a.ts", cli::make_ts(400));
+    // 8k, 64-QAM, guard 1/4: a symbol is 10240 samples; 544 per packet of batch.
+    auto r = cli::tervane(dir.path, {"-i", "a.ts", "-o", "o", "-d", "t", "-m", "8k", "-M", "64", "-D", "1/4", "-s", "18"});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_TRUE(contains(r.out, "WARNING: -s 18 is too small for this mode"));
+    EXPECT_TRUE(contains(r.out, "(use -s 19 or more)"));
+    EXPECT_EQ(std::filesystem::file_size(dir / "o.bin"), 0u);
+    r = cli::tervane(dir.path, {"-i", "a.ts", "-o", "o", "-d", "t", "-m", "8k", "-M", "64", "-D", "1/4", "-s", "19"});
+    EXPECT_FALSE(contains(r.out, "WARNING"));
+    EXPECT_GT(std::filesystem::file_size(dir / "o.bin"), 0u);
+    EXPECT_EQ(std::filesystem::file_size(dir / "o.bin") % (10240 * 8), 0u);
+}
+
+}  // namespace
