@@ -13,6 +13,7 @@
 #include "inner/inner_coder.hpp"
 #include "inner/inner_int.hpp"
 #include "inner/mapper.hpp"
+#include "ofdm/filter.hpp"
 #include "ofdm/framing.hpp"
 #include "ofdm/ofdm.hpp"
 #include "outer/energy.hpp"
@@ -189,6 +190,8 @@ int main(int argc, char** argv) {
     create_buffer(&fd_buf, Complex, fdlen);
     init_ifft();
     create_buffer(&td_buf, Complex, tdlen);
+    init_filt();
+    if (p.interp != 0) create_buffer(&tx_buf, Complex, txlen);
 
     dvbTic();
     proc_data_hp = 0.0f;
@@ -217,7 +220,12 @@ int main(int argc, char** argv) {
         moved += static_cast<uint32_t>(qam_map(si_buf, ma_buf, malen, ma_fp));
         moved += piltps_add(ma_buf, fd_buf, fdlen, fd_fp);
         moved += ofdm_mod(fd_buf, td_buf, tdlen, nullptr);
-        moved += static_cast<uint32_t>(time_dump(td_buf, td_fp, tdI_fp, tdQ_fp, 400000));
+        if (p.interp != 0) {
+            moved += transmit(td_buf, tx_buf, tdlen, nullptr);
+            moved += static_cast<uint32_t>(time_dump(tx_buf, td_fp, tdI_fp, tdQ_fp, 400000));
+        } else {
+            moved += static_cast<uint32_t>(time_dump(td_buf, td_fp, tdI_fp, tdQ_fp, 400000));
+        }
         active = moved != 0;
     }
 
