@@ -1,0 +1,20 @@
+// The chain of stages: its stream buffers, the per-branch state, the start-up
+// of every stage and one pass over the whole chain.
+#pragma once
+
+#include <cstdint>
+
+// Creates every stream buffer and initialises the stages in chain order, for
+// the settled parameters, buffer lengths and the files of the files module.
+// A buffer that cannot be allocated ends the process with a message.
+void chain_create();
+
+// Calls every stage once, in chain order; returns whether anything moved.
+bool chain_pass();
+
+// Destroys every stream buffer (the ones never created too).
+void chain_destroy();
+
+// The smallest batch whose rings can each hold one OFDM symbol, for the
+// constellation requested on the command line (the one the buffers are sized for).
+int32_t chain_min_packnum(uint32_t requested_M);
