@@ -22,7 +22,10 @@ constexpr uint16_t kProgram = 1;
 const char kUsage[] =
     "usage: tsgen -o FILE [-n PACKETS]\n"
     "  writes PACKETS (default 10000) 188-byte transport stream packets to FILE:\n"
-    "  PAT and PMT every 100 packets, null packets carrying a PRBS 2^23-1.\n";
+    "  a PAT (program 1 -> PMT PID 0x0100) and a PMT every 100 packets, first\n"
+    "  in the file; all other packets null packets (PID 0x1FFF) whose payloads\n"
+    "  carry one continuous PRBS 2^23-1 (x^23 + x^18 + 1, register seeded with\n"
+    "  all ones, bytes MSB first).\n";
 
 // CRC-32 of MPEG-2 sections: polynomial 0x04C11DB7, initial value all ones,
 // no reflection, no final inversion.
@@ -92,7 +95,7 @@ struct Prbs23 {
 };
 
 bool parse_count(const char* text, unsigned long long& out) {
-    if (text == nullptr || *text == '\0' || *text == '-' || *text == '+') return false;
+    if (text == nullptr || *text < '0' || *text > '9') return false;
     errno = 0;
     char* end = nullptr;
     out = std::strtoull(text, &end, 10);
@@ -111,7 +114,7 @@ int main(int argc, char** argv) {
             return 0;
         }
         if ((a == "-o" || a == "-n") && i + 1 >= argc) {
-            std::fprintf(stderr, "tsgen: option %s needs a value\n%s", a.c_str(), kUsage);
+            std::fprintf(stderr, "tsgen: option %s needs a value (tsgen -h for usage)\n", a.c_str());
             return 2;
         }
         if (a == "-o") {
@@ -123,12 +126,12 @@ int main(int argc, char** argv) {
                 return 2;
             }
         } else {
-            std::fprintf(stderr, "tsgen: unknown argument \"%s\"\n%s", a.c_str(), kUsage);
+            std::fprintf(stderr, "tsgen: unknown argument \"%s\" (tsgen -h for usage)\n", a.c_str());
             return 2;
         }
     }
     if (out_name == nullptr) {
-        std::fprintf(stderr, "tsgen: no output file given (-o FILE)\n%s", kUsage);
+        std::fprintf(stderr, "tsgen: no output file given (usage: tsgen -o FILE [-n PACKETS])\n");
         return 2;
     }
     FILE* fp = std::fopen(out_name, "wb");
