@@ -101,6 +101,13 @@ TEST(VecConvert, QuantisingClipsAndRounds) {
     EXPECT_EQ(dvbInts(a.v)[1], -128);
     EXPECT_EQ(dvbInts(a.v)[2], 0);
 
+    // The sum is formed in double from the double range and rounded once: a value
+    // just below -1/256 lands on -1, where an all-float evaluation gives 0.
+    Vec c(Real);
+    ASSERT_EQ(dvbConstVect(c.v, Real, 1, static_cast<double>(-0.0039062514f)), 0u);
+    ASSERT_EQ(dvbConvertVect(c.v, Digital, 8, 1.0), 0u);
+    EXPECT_EQ(dvbInts(c.v)[0], -1);
+
     Vec b(Real);
     ASSERT_EQ(dvbConstVect(b.v, Real, 3, 0.0), 0u);
     const float in0[3] = {2.5f, -1.7f, -0.3f};

@@ -126,25 +126,26 @@ unsigned quantise(dvbVect* v, int width, double range) {
     if (!ok) return DVB_NO_MEMORY;
     const float* in = dvbReals(v);
     if (width > 0 && width <= 31) {
+        // k is held as a float; the rest is evaluated in double from the double
+        // range and rounded to float once, before the floor.
         const int32_t h = int32_t{1} << (width - 1);
         const float hf = static_cast<float>(h);
-        const float r = static_cast<float>(range);
-        const float k = hf / r;
+        const float k = static_cast<float>(hf / range);
         for (uint32_t i = 0; i < v->len; ++i) {
-            const float t = (r + in[i]) * k - hf + 0.5f;
+            const auto t = static_cast<float>((range + in[i]) * k - hf + 0.5);
             const float q = std::floor(t);
             int32_t d;
-            if (!(q < hf)) d = h - 1;          // also catches NaN
+            if (!(q < hf)) d = h - 1;  // also catches NaN
             else if (q < -hf) d = -h;
             else d = static_cast<int32_t>(q);
             out[i] = d;
         }
         v->acc = static_cast<uint8_t>(width);
-        v->range = r;
+        v->range = static_cast<float>(range);
     } else {
         for (uint32_t i = 0; i < v->len; ++i) {
-            const float t = in[i] + 0.5f;
-            out[i] = std::isfinite(t) && std::fabs(t) < 2147483520.0f ? static_cast<int32_t>(t) : 0;
+            const double t = in[i] + 0.5;
+            out[i] = std::isfinite(t) && std::fabs(t) < 2147483648.0 ? static_cast<int32_t>(t) : 0;
         }
         v->acc = 0;
         v->range = 0.0f;
@@ -190,8 +191,7 @@ unsigned convert(dvbVect* v, uint32_t t, int width, int order, double range) {
 // Gives v fresh zeroed storage of len elements of type t; the caller fills it.
 unsigned const_prepare(dvbVect* v, uint32_t t, uint32_t len) {
     if (v == nullptr) return DVB_NOT_ALLOCATED;
-    if (!is_elem_type(t)) return DVB_UNKNOWN;
-    if (convert(v, t, 0, 0, 0.0) != DVB_OK) return DVB_UNKNOWN;
+    if (convert(v, t, 0, 0, 0.0) != DVB_OK || !is_elem_type(t)) return DVB_UNKNOWN;
     bool ok;
     void* p = alloc_elems(len, dvbElemSize(t), ok);
     if (!ok) return DVB_NO_MEMORY;
