@@ -40,8 +40,9 @@ void ring_write(dvbVect* v, uint32_t w, const uint8_t* src, uint32_t n) {
 
 constexpr uint32_t BI_BLOCK = 126;
 
-// Read offset of each sub-stream interleaver: word w takes bit (w + shift) mod 126.
-constexpr std::array<uint32_t, 6> bi_shift{0, 63, 105, 42, 21, 84};
+// Start of the read index point0 .. point5 of each sub-stream interleaver:
+// word w takes bit (w + shift_e) mod 126 of sub-stream e.
+constexpr std::array<uint32_t, 6> point_start{0, 63, 105, 42, 21, 84};
 
 // Demultiplexing: the sub-stream that the i-th bit of a group goes to, by
 // constellation index (QPSK, 16-QAM, 64-QAM).
@@ -57,9 +58,11 @@ constexpr std::array<std::array<uint8_t, 4>, 3> demux_lp{{
     {2, 4, 3, 5},
 }};
 
-// Block stores, one bit per byte. Each holds its 126 bits twice in a row so
-// that the read index w + shift never needs wrapping.
-uint8_t bi_store[6][2 * BI_BLOCK];
+// Block stores I0 .. I5 of sub-streams b0 .. b5, one bit per byte. Each holds
+// its 126 bits twice in a row, so that the read index w + shift_e never wraps.
+uint8_t I0[2 * BI_BLOCK], I1[2 * BI_BLOCK], I2[2 * BI_BLOCK], I3[2 * BI_BLOCK], I4[2 * BI_BLOCK],
+    I5[2 * BI_BLOCK];
+uint8_t* const bi_store[6] = {I0, I1, I2, I3, I4, I5};
 uint8_t bi_scratch_hp[6 * BI_BLOCK];
 uint8_t bi_scratch_lp[4 * BI_BLOCK];
 uint8_t bi_words[BI_BLOCK];
@@ -87,7 +90,7 @@ void bi_block(const uint8_t* hp, const uint8_t* lp) {
     // Emit: word w carries bit (w + shift_e) of sub-stream e, b0 the most significant.
     for (uint32_t k = 0; k < BI_BLOCK; k++) {
         uint32_t word = 0;
-        for (uint32_t e = 0; e < V; e++) word = (word << 1) + bi_store[e][k + bi_shift[e]];
+        for (uint32_t e = 0; e < V; e++) word = (word << 1) + bi_store[e][k + point_start[e]];
         bi_words[k] = static_cast<uint8_t>(word);
     }
 }
