@@ -160,6 +160,33 @@ TEST(FilterInterp, StreamingRuleUnits) {
     EXPECT_EQ(out.v->fill, 16u);
 }
 
+TEST(FilterInterp, DumpHoldsTheProducedSamplesAcrossTheWrap) {
+    for (uint32_t interp : {1u, 2u}) {
+        setup(interp);
+        const uint32_t R = interp == 1 ? 2 : 4;
+        FILE* dump = std::tmpfile();
+        ASSERT_NE(dump, nullptr);
+        Ring in(32), out(30);
+        out.v->head = 25;  // the first call's outputs wrap, one group straddling the end
+        const auto input = random_samples(13, 7);
+        for (const auto& c : input) in.push(c);
+        std::vector<dvbComplex> expected;
+        uint32_t total = 0;
+        for (uint32_t maxlen : {5 * R, 3 * R + 1}) {
+            const uint32_t n = transmit(in.v, out.v, maxlen, dump);
+            total += n;
+            while (out.v->fill > 0) expected.push_back(out.pop());
+        }
+        ASSERT_EQ(total, 8u);
+        ASSERT_EQ(expected.size(), size_t{total} * R);
+        std::vector<dvbComplex> got(expected.size() + 1);
+        std::rewind(dump);
+        ASSERT_EQ(std::fread(got.data(), sizeof(dvbComplex), got.size(), dump), expected.size());
+        std::fclose(dump);
+        for (size_t k = 0; k < expected.size(); ++k) EXPECT_TRUE(same_bits(got[k], expected[k])) << "R " << R << " " << k;
+    }
+}
+
 // Power spectral density by averaged Hann-windowed periodograms.
 std::vector<double> psd(const std::vector<std::complex<float>>& x, size_t n) {
     std::vector<double> acc(n, 0.0);
