@@ -265,3 +265,18 @@ TEST(CliBatch, TooSmallForOneSymbolIsSaidAndWritesNothing) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(CliDumps, AnOutputNamedLikeAnInputIsRefused) {
+    TempDir dir;
+    const auto ts = cli::make_ts(40);
+    cli::write_file(dir / "x.bin", ts);
+    const auto r = cli::tervane(dir.path, {"-i", "x.bin", "-o", "x", "-d", "te"});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_TRUE(contains(r.out, "WARNING: \"x.bin\" is an input file and would be overwritten -> skipping ...\n"));
+    EXPECT_EQ(cli::read_file(dir / "x.bin"), ts);  // the input is intact
+    EXPECT_EQ(std::filesystem::file_size(dir / "x_ed.bin"), ts.size());  // the other dumps still run
+}
+
+}  // namespace

@@ -57,15 +57,32 @@ uint32_t file_size(const char* name) {
     std::exit(1);
 }
 
+// Whether the named file is one of the open inputs (same device and inode).
+bool is_input(const char* name) {
+    struct stat out{};
+    if (stat(name, &out) != 0) return false;
+    for (FILE* in : {mpeg2ts_hp_fp, mpeg2ts_lp_fp}) {
+        struct stat st{};
+        if (in != nullptr && fstat(fileno(in), &st) == 0 && st.st_dev == out.st_dev && st.st_ino == out.st_ino)
+            return true;
+    }
+    return false;
+}
+
 // Forms stem + suffix, announces it and opens it for writing; a name that does
-// not fit the name buffer, or a file that cannot be created, is skipped with a
-// warning.
+// not fit the name buffer, a name that is one of the inputs (creating it would
+// destroy the stream being read) or a file that cannot be created is skipped
+// with a warning.
 FILE* open_dump(const std::string& stem, const char* suffix, const char* message) {
     const std::string name = stem + suffix;
     if (message != nullptr) dvbMsgPrint(2, message, name.c_str());
     if (name.size() > NAME_MAX_CHARS) {
         dvbMsgPrint(0, "WARNING: file name too long (%zu characters, at most %zu): \"%s\" -> skipping ...\n",
                     name.size(), NAME_MAX_CHARS, name.c_str());
+        return nullptr;
+    }
+    if (is_input(name.c_str())) {
+        dvbMsgPrint(0, "WARNING: \"%s\" is an input file and would be overwritten -> skipping ...\n", name.c_str());
         return nullptr;
     }
     FILE* fp = std::fopen(name.c_str(), "wb");
