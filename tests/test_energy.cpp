@@ -13,10 +13,13 @@
 #include "frame/params.hpp"
 #include "outer/energy.hpp"
 #include "outer/mpeg2.hpp"
+#include "ring_util.hpp"
 #include "vectors/manage.hpp"
 #include "vectors/prbs.hpp"
 
 namespace {
+
+using testutil::ByteRing;
 
 struct Owned {
     dvbVect* v = nullptr;
@@ -24,21 +27,6 @@ struct Owned {
     ~Owned() { priv_dvbDestroyVect(&v); }
     Owned(const Owned&) = delete;
     Owned& operator=(const Owned&) = delete;
-};
-
-struct Ring : Owned {
-    explicit Ring(uint32_t len, uint32_t head = 0) {
-        priv_dvbCreateVect(&v, Symbol);
-        dvbConstVect(v, Symbol, len, 0);
-        v->head = head;
-    }
-    uint8_t& at(uint32_t i) { return dvbBytes(v)[i]; }
-    void push(const uint8_t* b, size_t n) {
-        for (size_t i = 0; i < n; i++, v->fill++) at((v->head + v->fill) % v->len) = b[i];
-    }
-    void pop_into(std::vector<uint8_t>& r) {
-        for (; v->fill > 0; v->fill--, v->head = (v->head + 1) % v->len) r.push_back(at(v->head));
-    }
 };
 
 // The sequence as the driver prepares it.
@@ -121,7 +109,7 @@ protected:
 std::vector<uint8_t> run_pieces(const std::vector<uint8_t>& ts, const std::vector<size_t>& pieces,
                                 uint32_t maxlen, FILE* dump, int* wraps) {
     Sequence q;
-    Ring in(193, 150), out(211, 200);
+    ByteRing in(193, 150), out(211, 200);
     std::vector<uint8_t> got;
     size_t pos = 0;
     for (size_t call = 0; got.size() < ts.size() && call < 100000; call++) {
@@ -146,7 +134,7 @@ TEST_F(EnergyDispersal, KnownBytesAndWholeStreamInOneCall) {
     const std::vector<uint8_t> seq = own_sequence();
     ASSERT_NE(seq[187], seq[188]);
     Sequence q;
-    Ring in(ts.size() + 10, 10), out(ts.size() + 10, 7);
+    ByteRing in(ts.size() + 10, 10), out(ts.size() + 10, 7);
     in.push(ts.data(), ts.size());
     ASSERT_EQ(energy_inv(in.v, out.v, q.v, 100000, nullptr), static_cast<int32_t>(ts.size()));
     std::vector<uint8_t> got;
@@ -166,7 +154,7 @@ TEST_F(EnergyDispersal, PiecesAndWrapAroundGiveSameOutputAndDump) {
     FILE* whole = std::tmpfile();
     ASSERT_NE(whole, nullptr);
     Sequence q;
-    Ring in(ts.size(), 0), out(ts.size(), 0);
+    ByteRing in(ts.size(), 0), out(ts.size(), 0);
     in.push(ts.data(), ts.size());
     ASSERT_EQ(energy_inv(in.v, out.v, q.v, ts.size(), whole), static_cast<int32_t>(ts.size()));
     const std::vector<uint8_t> ref = file_bytes(whole);
@@ -191,7 +179,7 @@ TEST_F(EnergyDispersal, EmptyInputOrFullOutputDoNothingSilently) {
     verbosity = 4;
     Sequence q;
     q.v->head = 100;
-    Ring in(50, 3), out(50, 4);
+    ByteRing in(50, 3), out(50, 4);
     const uint8_t b[20] = {1, 2, 3};
     FILE* dump = std::tmpfile();
     ASSERT_NE(dump, nullptr);
@@ -217,7 +205,7 @@ TEST_F(EnergyDispersal, ParameterisedFormCodesAndCount) {
     verbosity = 4;
     Sequence q;
     const std::vector<uint8_t> s = own_sequence();
-    Ring in(40), out(40);
+    ByteRing in(40), out(40);
     const std::vector<uint8_t> zeros(20, 0);
     uint32_t count = 77;
     testing::internal::CaptureStdout();
@@ -243,7 +231,7 @@ TEST_F(EnergyDispersal, ReadMpegFillsRingAcrossWrapThenStops) {
     ASSERT_NE(f, nullptr);
     for (int i = 0; i < 20; i++) std::fputc(100 + i, f);
     std::rewind(f);
-    Ring ts(10, 6);
+    ByteRing ts(10, 6);
     testing::internal::CaptureStdout();
     EXPECT_EQ(read_mpeg(f, ts.v, 10), 10u);
     EXPECT_EQ(read_mpeg(f, ts.v, 10), 0u);  // ring full: silent

@@ -13,30 +13,12 @@
 #include "cli_util.hpp"
 #include "frame/params.hpp"
 #include "ofdm/filter.hpp"
+#include "ring_util.hpp"
 #include "vectors/manage.hpp"
 
 namespace {
 
-struct Ring {
-    dvbVect* v = nullptr;
-    explicit Ring(uint32_t len) {
-        priv_dvbCreateVect(&v, Complex);
-        dvbConstVect(v, Complex, len, 0.0, 0.0);
-        v->head = v->fill = 0;
-    }
-    ~Ring() { priv_dvbDestroyVect(&v); }
-    Ring(const Ring&) = delete;
-    Ring& operator=(const Ring&) = delete;
-    void push(const dvbComplex& c) {
-        dvbCplx(v)[dvbRingWritePos(v)] = c;
-        ++v->fill;
-    }
-    dvbComplex pop() {
-        const dvbComplex c = dvbCplx(v)[v->head];
-        dvbRingConsume(v, 1);
-        return c;
-    }
-};
+using testutil::CplxRing;
 
 void setup(uint32_t interp) {
     dvbt_parms = dvbt_parms_t{};
@@ -54,7 +36,7 @@ std::vector<dvbComplex> random_samples(size_t n, unsigned seed) {
 
 // Streams the input through transmit in uneven calls over small rings that wrap.
 std::vector<dvbComplex> stream(const std::vector<dvbComplex>& input, uint32_t R, unsigned seed) {
-    Ring in(37), out(53);
+    CplxRing in(37), out(53);
     std::mt19937 gen(seed);
     std::vector<dvbComplex> result;
     size_t next = 0;
@@ -109,7 +91,7 @@ TEST(FilterInterp, FastFormMatchesPlainPhases) {
 TEST(FilterInterp, ImpulseAndConstantAnswers) {
     setup(1);
     {
-        Ring in(64), out(128);
+        CplxRing in(64), out(128);
         in.push({1.0f, 0.0f});
         for (int i = 0; i < 20; ++i) in.push({0.0f, 0.0f});
         ASSERT_EQ(transmit(in.v, out.v, 1000, nullptr), 21u);
@@ -120,7 +102,7 @@ TEST(FilterInterp, ImpulseAndConstantAnswers) {
         }
     }
     setup(2);
-    Ring in(64), out(256);
+    CplxRing in(64), out(256);
     for (int i = 0; i < 40; ++i) in.push({1.0f, 0.0f});
     ASSERT_EQ(transmit(in.v, out.v, 1000, nullptr), 40u);
     const float settled[4] = {0.2547144f, 0.2551731f, 0.2547144f, 0.2551567f};
@@ -137,7 +119,7 @@ TEST(FilterInterp, ImpulseAndConstantAnswers) {
 TEST(FilterInterp, StreamingRuleUnits) {
     setup(2);
     verbosity = 4;
-    Ring in(16), out(16);
+    CplxRing in(16), out(16);
     for (int i = 0; i < 5; ++i) in.push({1.0f, 1.0f});
     out.v->fill = 13;  // 3 free: less than R
     testing::internal::CaptureStdout();
@@ -166,7 +148,7 @@ TEST(FilterInterp, DumpHoldsTheProducedSamplesAcrossTheWrap) {
         const uint32_t R = interp == 1 ? 2 : 4;
         FILE* dump = std::tmpfile();
         ASSERT_NE(dump, nullptr);
-        Ring in(32), out(30);
+        CplxRing in(32), out(30);
         out.v->head = 25;  // the first call's outputs wrap, one group straddling the end
         const auto input = random_samples(13, 7);
         for (const auto& c : input) in.push(c);

@@ -9,47 +9,13 @@
 
 #include "frame/params.hpp"
 #include "inner/inner_coder.hpp"
+#include "ring_util.hpp"
 #include "vectors/manage.hpp"
 
 namespace {
 
-struct Ring {
-    dvbVect* v = nullptr;
-    explicit Ring(uint32_t len, uint32_t head = 0) {
-        priv_dvbCreateVect(&v, Symbol);
-        dvbConstVect(v, Symbol, len, 0);
-        v->head = head;
-        v->fill = 0;
-    }
-    ~Ring() { priv_dvbDestroyVect(&v); }
-    Ring(const Ring&) = delete;
-    Ring& operator=(const Ring&) = delete;
-    void push(const uint8_t* b, size_t n) {
-        ASSERT_LE(n, size_t{v->len - v->fill});
-        for (size_t i = 0; i < n; i++) {
-            dvbBytes(v)[(v->head + v->fill) % v->len] = b[i];
-            v->fill++;
-        }
-    }
-    void push(const std::vector<uint8_t>& b) { push(b.data(), b.size()); }
-    void pop_into(std::vector<uint8_t>& r) {
-        for (; v->fill > 0; v->fill--) {
-            r.push_back(dvbBytes(v)[v->head]);
-            v->head = (v->head + 1) % v->len;
-        }
-    }
-    std::vector<uint8_t> pop_all() {
-        std::vector<uint8_t> r;
-        pop_into(r);
-        return r;
-    }
-};
-
-struct Verbose {
-    uint16_t saved = verbosity;
-    Verbose() { verbosity = 4; }
-    ~Verbose() { verbosity = saved; }
-};
+using testutil::ByteRing;
+using testutil::Verbose;
 
 // K = 7 encoder kept as a delay line d[1..6] of past input bits.
 // G1 = 171 octal: X = u + d1 + d2 + d3 + d6; G2 = 133 octal: Y = u + d2 + d3 + d5 + d6.
@@ -70,7 +36,7 @@ struct RefEncoder {
 };
 
 std::vector<uint8_t> encode_once(const std::vector<uint8_t>& in, uint32_t* st) {
-    Ring i(static_cast<uint32_t>(in.size())), o(static_cast<uint32_t>(16 * in.size()));
+    ByteRing i(static_cast<uint32_t>(in.size())), o(static_cast<uint32_t>(16 * in.size()));
     i.push(in);
     EXPECT_EQ(encode27(i.v, o.v, st, 1000000, nullptr), static_cast<int32_t>(in.size()));
     return o.pop_all();
@@ -127,7 +93,7 @@ TEST(OuterConvEnc, StateCarriesOverBytes) {
 TEST(OuterConvEnc, RoomForOneByteAndLimits) {
     Verbose v;
     uint32_t st = 0;
-    Ring in(10), out(40);
+    ByteRing in(10), out(40);
     in.push({0xAB, 0xCD, 0xEF});
     out.v->fill = 25;  // 15 free
     testing::internal::CaptureStdout();
@@ -158,7 +124,7 @@ TEST(OuterConvEnc, MatchesBitwiseReferenceAcrossCallsAndWraps) {
     const std::vector<uint8_t> want = ref.bytes(data);
 
     uint32_t st = 0;
-    Ring in(37, 30), out(16 * 5 + 7, 80);  // 16-bit blocks straddle the output end
+    ByteRing in(37, 30), out(16 * 5 + 7, 80);  // 16-bit blocks straddle the output end
     FILE* dump = std::tmpfile();
     ASSERT_NE(dump, nullptr);
     std::vector<uint8_t> got;
@@ -192,7 +158,7 @@ TEST(OuterConvEnc, PuncturePatterns) {
         std::vector<uint8_t> want;
         for (size_t p = 0; p < 50; p++)
             for (int k : kKept[r]) want.push_back(bits[p * kPeriod[r] + k]);
-        Ring in(static_cast<uint32_t>(bits.size())), out(static_cast<uint32_t>(bits.size()));
+        ByteRing in(static_cast<uint32_t>(bits.size())), out(static_cast<uint32_t>(bits.size()));
         in.push(bits);
         EXPECT_EQ(puncture(in.v, out.v, static_cast<uint16_t>(r), 100000, nullptr),
                   static_cast<int32_t>(bits.size()));
@@ -206,7 +172,7 @@ TEST(OuterConvEnc, PuncturePatterns) {
 TEST(OuterConvEnc, PunctureWholePeriods) {
     Verbose v;
     const std::vector<uint8_t> bits = random_bits(28, 3);
-    Ring in(40), out(40);
+    ByteRing in(40), out(40);
     in.push(bits.data(), 13);
     testing::internal::CaptureStdout();
     EXPECT_EQ(puncture(in.v, out.v, 4, 100, nullptr), 0);
@@ -238,7 +204,7 @@ TEST(OuterConvEnc, PunctureAcrossCallsAndWraps) {
         std::vector<uint8_t> want;
         for (size_t p = 0; p < 300; p++)
             for (int k : kKept[r]) want.push_back(bits[p * kPeriod[r] + k]);
-        Ring in(53, 50), out(29, 27);
+        ByteRing in(53, 50), out(29, 27);
         FILE* dump = std::tmpfile();
         ASSERT_NE(dump, nullptr);
         std::vector<uint8_t> got;

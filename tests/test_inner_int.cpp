@@ -10,47 +10,13 @@
 
 #include "frame/params.hpp"
 #include "inner/inner_int.hpp"
+#include "ring_util.hpp"
 #include "vectors/manage.hpp"
 
 namespace {
 
-struct Ring {
-    dvbVect* v = nullptr;
-    explicit Ring(uint32_t len, uint32_t head = 0) {
-        priv_dvbCreateVect(&v, Symbol);
-        dvbConstVect(v, Symbol, len, 0);
-        v->head = head;
-        v->fill = 0;
-    }
-    ~Ring() { priv_dvbDestroyVect(&v); }
-    Ring(const Ring&) = delete;
-    Ring& operator=(const Ring&) = delete;
-    void push(const uint8_t* b, size_t n) {
-        ASSERT_LE(n, size_t{v->len - v->fill});
-        for (size_t i = 0; i < n; i++) {
-            dvbBytes(v)[(v->head + v->fill) % v->len] = b[i];
-            v->fill++;
-        }
-    }
-    void push(const std::vector<uint8_t>& b) { push(b.data(), b.size()); }
-    void pop_into(std::vector<uint8_t>& r) {
-        for (; v->fill > 0; v->fill--) {
-            r.push_back(dvbBytes(v)[v->head]);
-            v->head = (v->head + 1) % v->len;
-        }
-    }
-    std::vector<uint8_t> pop_all() {
-        std::vector<uint8_t> r;
-        pop_into(r);
-        return r;
-    }
-};
-
-struct Verbose {
-    uint16_t saved = verbosity;
-    Verbose() { verbosity = 4; }
-    ~Verbose() { verbosity = saved; }
-};
+using testutil::ByteRing;
+using testutil::Verbose;
 
 std::vector<uint8_t> random_bytes(size_t n, unsigned seed, unsigned mask) {
     std::mt19937 g(seed);
@@ -135,7 +101,7 @@ std::vector<uint8_t> impulse_block(int M, bool hier, bool on_lp, size_t bit) {
     const size_t lpn = hier ? 126 * static_cast<size_t>(v - 2) : 0;
     std::vector<uint8_t> hp(hpn, 0), lp(lpn, 0);
     (on_lp ? lp : hp).at(bit) = 1;
-    Ring in_hp(static_cast<uint32_t>(hpn)), in_lp(std::max<uint32_t>(1, static_cast<uint32_t>(lpn))),
+    ByteRing in_hp(static_cast<uint32_t>(hpn)), in_lp(std::max<uint32_t>(1, static_cast<uint32_t>(lpn))),
         out(126);
     in_hp.push(hp);
     in_lp.push(lp);
@@ -206,7 +172,7 @@ TEST(InnerBitInt, Hierarchical16FirstLpBit) {
 TEST(InnerBitInt, Hierarchical64Shares) {
     Verbose vb;
     set_params(0, 2, 3, 0);
-    Ring hp(600), lp(1200), out(400);
+    ByteRing hp(600), lp(1200), out(400);
     hp.push(random_bytes(600, 1, 1));
     lp.push(random_bytes(1100, 2, 1));
     testing::internal::CaptureStdout();
@@ -226,7 +192,7 @@ TEST(InnerBitInt, Hierarchical64Shares) {
 TEST(InnerBitInt, WholeBlocksOnly) {
     Verbose vb;
     set_params(0, 0, 0, 0);
-    Ring in(600), out(300);
+    ByteRing in(600), out(300);
     in.push(random_bytes(251, 5, 1));
     testing::internal::CaptureStdout();
     EXPECT_EQ(bit_interleave(in.v, nullptr, out.v, 1000, nullptr), 0u);
@@ -255,7 +221,7 @@ TEST(InnerBitInt, WholeBlocksOnly) {
     out.v->fill = 0;
     EXPECT_EQ(bit_interleave(in.v, nullptr, out.v, 1000, nullptr), 0u);  // no input
     set_params(0, 1, 2, 0);
-    Ring lp(10);
+    ByteRing lp(10);
     in.push(random_bytes(300, 8, 1));
     EXPECT_EQ(bit_interleave(in.v, lp.v, out.v, 1000, nullptr), 0u);  // no LP input
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
@@ -276,7 +242,7 @@ TEST(InnerBitInt, RoundTripEveryConstellation) {
         const std::vector<uint8_t> hp = random_bytes(hpn, 100 + c.M, 1), lp = random_bytes(lpn, 200 + c.M, 1);
 
         // Ring sizes that are no multiple of any block, started near their ends.
-        Ring in_hp(1777, 1700), in_lp(2003, 1990), out(401, 399);
+        ByteRing in_hp(1777, 1700), in_lp(2003, 1990), out(401, 399);
         FILE* dump = std::tmpfile();
         ASSERT_NE(dump, nullptr);
         std::mt19937 g(c.M + 10);
@@ -312,7 +278,7 @@ TEST(InnerBitInt, RoundTripEveryConstellation) {
 }
 
 TEST(InnerBitInt, FollowsParametersAtEveryCall) {
-    Ring in(2000), out(400);
+    ByteRing in(2000), out(400);
     in.push(random_bytes(2000, 9, 1));
     set_params(0, 0, 0, 0);
     EXPECT_EQ(bit_interleave(in.v, nullptr, out.v, 100000, nullptr), 252u * 3);  // output bounds at 3
@@ -358,7 +324,7 @@ TEST(InnerSymInt, EvenThenOddBlock2k) {
     ASSERT_EQ(dvbSymIntBlockNum(), 0) << "module state must be fresh (ctest runs each test alone)";
     set_params(0, 0, 0, 0);
     dvbSymIntAddrGenerate();
-    Ring in(3024), out(3024);
+    ByteRing in(3024), out(3024);
     std::vector<uint8_t> blk(1512, 0);
     blk[1] = 1;
     blk[2] = 2;
@@ -397,7 +363,7 @@ TEST(InnerSymInt, ParityRunsOnAcrossCallsAndWraps) {
         const int parity = dvbSymIntBlockNum() % 2;
         const int32_t start_num = dvbSymIntBlockNum();
 
-        Ring in(static_cast<uint32_t>(N + N / 2 + 7), static_cast<uint32_t>(N)),
+        ByteRing in(static_cast<uint32_t>(N + N / 2 + 7), static_cast<uint32_t>(N)),
             out(static_cast<uint32_t>(2 * N + 3), static_cast<uint32_t>(2 * N));
         FILE* dump = std::tmpfile();
         ASSERT_NE(dump, nullptr);
@@ -433,7 +399,7 @@ TEST(InnerSymInt, InDepth2k) {
     if (even) {
         EXPECT_EQ(to, 4096u);
     }
-    Ring in(8000), out(7000);
+    ByteRing in(8000), out(7000);
     std::vector<uint8_t> blk(6048, 0);
     blk[1] = 5;
     in.push(blk.data(), 1512);
@@ -454,7 +420,7 @@ TEST(InnerSymInt, BlockBounds) {
     Verbose vb;
     set_params(0, 0, 0, 0);
     dvbSymIntAddrGenerate();
-    Ring in(4000), out(2000);
+    ByteRing in(4000), out(2000);
     in.push(random_bytes(3100, 50, 0x3F));
     out.v->fill = 2000 - 1511;  // N - 1 free
     EXPECT_EQ(symbol_interleave(in.v, out.v, 100000, nullptr), 0);

@@ -13,42 +13,14 @@
 
 #include "frame/params.hpp"
 #include "inner/mapper.hpp"
+#include "ring_util.hpp"
 #include "vectors/manage.hpp"
 
 namespace {
 
-struct Verbose {
-    uint16_t saved = verbosity;
-    Verbose() { verbosity = 4; }
-    ~Verbose() { verbosity = saved; }
-};
-
-struct Vect {
-    dvbVect* v = nullptr;
-    Vect(uint32_t type, uint32_t len, uint32_t head) {
-        priv_dvbCreateVect(&v, type);
-        if (type == Complex)
-            dvbConstVect(v, Complex, len, 0.0, 0.0);
-        else
-            dvbConstVect(v, type, len, 0);
-        v->head = head;
-        v->fill = 0;
-    }
-    ~Vect() { priv_dvbDestroyVect(&v); }
-    Vect(const Vect&) = delete;
-    Vect& operator=(const Vect&) = delete;
-};
-
-void push_words(dvbVect* v, const uint8_t* w, size_t n) {
-    for (size_t i = 0; i < n; i++) dvbBytes(v)[(v->head + v->fill++) % v->len] = w[i];
-}
-
-void pop_cells(dvbVect* v, std::vector<dvbComplex>& r) {
-    for (; v->fill > 0; v->fill--) {
-        r.push_back(dvbCplx(v)[v->head]);
-        v->head = (v->head + 1) % v->len;
-    }
-}
+using testutil::ByteRing;
+using testutil::CplxRing;
+using testutil::Verbose;
 
 void build(uint32_t M, uint32_t alpha) {
     dvbt_parms.M = M;
@@ -153,14 +125,15 @@ TEST(InnerMapper, StreamingAcrossWraps) {
     std::mt19937 g(5);
     std::vector<uint8_t> words(5000);
     for (auto& w : words) w = static_cast<uint8_t>(g() & 63);
-    Vect in(Symbol, 97, 90), out(Complex, 61, 55);
+    ByteRing in(97, 90);
+    CplxRing out(61, 55);
     FILE* dump = std::tmpfile();
     ASSERT_NE(dump, nullptr);
     std::vector<dvbComplex> got;
     size_t pos = 0;
     for (int guard = 0; got.size() + out.v->fill < words.size() && guard < 100000; guard++) {
         const size_t a = std::min<size_t>({in.v->len - in.v->fill, words.size() - pos, g() % 80});
-        push_words(in.v, words.data() + pos, a);
+        in.push(words.data() + pos, a);
         pos += a;
         const uint32_t in_before = in.v->fill, out_before = out.v->fill;
         const uint32_t maxlen = g() % 70;
@@ -170,9 +143,9 @@ TEST(InnerMapper, StreamingAcrossWraps) {
         }
         EXPECT_EQ(in_before - in.v->fill, static_cast<uint32_t>(n));
         EXPECT_EQ(out.v->fill - out_before, static_cast<uint32_t>(n));
-        if (g() % 2 != 0) pop_cells(out.v, got);
+        if (g() % 2 != 0) out.pop_into(got);
     }
-    pop_cells(out.v, got);
+    out.pop_into(got);
     ASSERT_EQ(got.size(), words.size());
     for (size_t i = 0; i < words.size(); i++) {
         ASSERT_EQ(std::memcmp(&got[i], &dvbQAMTable()[words[i]], 8), 0) << i;
@@ -198,9 +171,10 @@ TEST(InnerMapper, StreamingAcrossWraps) {
 TEST(InnerMapper, BoundsAndMessages) {
     Verbose vb;
     build(0, 0);
-    Vect in(Symbol, 10, 0), out(Complex, 5, 3);
+    ByteRing in(10, 0);
+    CplxRing out(5, 3);
     const uint8_t w[6] = {3, 0, 1, 2, 3, 3};
-    push_words(in.v, w, 6);
+    in.push(w, 6);
     out.v->fill = 4;  // one free element, at index 2
     testing::internal::CaptureStdout();
     EXPECT_EQ(qam_map(in.v, out.v, 100, nullptr), 1);

@@ -14,43 +14,13 @@
 
 #include "frame/params.hpp"
 #include "ofdm/ofdm.hpp"
+#include "ring_util.hpp"
 #include "vectors/manage.hpp"
 
 namespace {
 
-struct CplxRing {
-    dvbVect* v = nullptr;
-    explicit CplxRing(uint32_t len, uint32_t head = 0) {
-        priv_dvbCreateVect(&v, Complex);
-        dvbConstVect(v, Complex, len, 0.0, 0.0);
-        v->head = head;
-        v->fill = 0;
-    }
-    ~CplxRing() { priv_dvbDestroyVect(&v); }
-    CplxRing(const CplxRing&) = delete;
-    CplxRing& operator=(const CplxRing&) = delete;
-    void push(const std::vector<dvbComplex>& c) {
-        ASSERT_LE(c.size(), size_t{v->len - v->fill});
-        for (const dvbComplex& x : c) {
-            dvbCplx(v)[(v->head + v->fill) % v->len] = x;
-            v->fill++;
-        }
-    }
-    std::vector<dvbComplex> pop_all() {
-        std::vector<dvbComplex> r;
-        for (; v->fill > 0; v->fill--) {
-            r.push_back(dvbCplx(v)[v->head]);
-            v->head = (v->head + 1) % v->len;
-        }
-        return r;
-    }
-};
-
-struct Verbose {
-    uint16_t saved = verbosity;
-    explicit Verbose(uint16_t level = 4) { verbosity = level; }
-    ~Verbose() { verbosity = saved; }
-};
+using testutil::CplxRing;
+using testutil::Verbose;
 
 void setup(uint32_t mode, uint32_t delta, uint32_t ifftmm) {
     dvbt_parms = dvbt_parms_t{};

@@ -10,35 +10,12 @@
 
 #include "frame/params.hpp"
 #include "outer/outer_int.hpp"
+#include "ring_util.hpp"
 #include "vectors/manage.hpp"
 
 namespace {
 
-struct Ring {
-    dvbVect* v = nullptr;
-    explicit Ring(uint32_t len, uint32_t head = 0) {
-        priv_dvbCreateVect(&v, Symbol);
-        dvbConstVect(v, Symbol, len, 0);
-        v->head = head;
-        v->fill = 0;
-    }
-    ~Ring() { priv_dvbDestroyVect(&v); }
-    Ring(const Ring&) = delete;
-    Ring& operator=(const Ring&) = delete;
-    void push(const uint8_t* b, size_t n) {
-        ASSERT_LE(n, size_t{v->len - v->fill});
-        for (size_t i = 0; i < n; i++) {
-            dvbBytes(v)[(v->head + v->fill) % v->len] = b[i];
-            v->fill++;
-        }
-    }
-    void pop_into(std::vector<uint8_t>& r) {
-        for (; v->fill > 0; v->fill--) {
-            r.push_back(dvbBytes(v)[v->head]);
-            v->head = (v->head + 1) % v->len;
-        }
-    }
-};
+using testutil::ByteRing;
 
 class OuterInt : public ::testing::Test {
 protected:
@@ -55,7 +32,7 @@ protected:
 std::vector<uint8_t> interleave(const std::vector<uint8_t>& stream, convint_state* s,
                                 unsigned seed) {
     std::mt19937 g(seed);
-    Ring in(137, 130), out(149, 140);
+    ByteRing in(137, 130), out(149, 140);
     std::vector<uint8_t> got;
     size_t pos = 0;
     for (;;) {
@@ -183,7 +160,7 @@ TEST_F(OuterInt, WholeGroupsAndLimits) {
     convint_state s;
     init_convint(&s, 12, 17);
     const std::vector<uint8_t> b = random_stream(40, 7);
-    Ring in(100), out(100);
+    ByteRing in(100), out(100);
 
     testing::internal::CaptureStdout();
     EXPECT_EQ(conv_int(in.v, out.v, &s, 100, nullptr), 0u);
@@ -218,7 +195,7 @@ TEST_F(OuterInt, DumpHoldsOutput) {
     convint_state s;
     init_convint(&s, 12, 17);
     const std::vector<uint8_t> b = random_stream(60, 8);
-    Ring in(64), out(50, 45);  // the output wraps
+    ByteRing in(64), out(50, 45);  // the output wraps
     in.push(b.data(), 60);
     FILE* dump = std::tmpfile();
     ASSERT_NE(dump, nullptr);

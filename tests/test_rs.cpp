@@ -12,43 +12,13 @@
 #include "frame/params.hpp"
 #include "outer/outer_coder.hpp"
 #include "outer/rs.hpp"
+#include "ring_util.hpp"
 #include "vectors/manage.hpp"
 
 namespace {
 
-struct Ring {
-    dvbVect* v = nullptr;
-    explicit Ring(uint32_t len, uint32_t head = 0) {
-        priv_dvbCreateVect(&v, Symbol);
-        dvbConstVect(v, Symbol, len, 0);
-        v->head = head;
-        v->fill = 0;
-    }
-    ~Ring() { priv_dvbDestroyVect(&v); }
-    Ring(const Ring&) = delete;
-    Ring& operator=(const Ring&) = delete;
-    void push(const std::vector<uint8_t>& b) {
-        ASSERT_LE(b.size(), size_t{v->len - v->fill});
-        for (uint8_t x : b) {
-            dvbBytes(v)[(v->head + v->fill) % v->len] = x;
-            v->fill++;
-        }
-    }
-    std::vector<uint8_t> pop_all() {
-        std::vector<uint8_t> r;
-        for (; v->fill > 0; v->fill--) {
-            r.push_back(dvbBytes(v)[v->head]);
-            v->head = (v->head + 1) % v->len;
-        }
-        return r;
-    }
-};
-
-struct Verbose {
-    uint16_t saved = verbosity;
-    Verbose() { verbosity = 4; }
-    ~Verbose() { verbosity = saved; }
-};
+using testutil::ByteRing;
+using testutil::Verbose;
 
 // GF(256) multiply by shift and add, reduced by x^8 + x^4 + x^3 + x^2 + 1.
 uint8_t gmul(uint8_t a, uint8_t b) {
@@ -91,7 +61,7 @@ void reference_encode(const uint8_t* data, uint8_t* bb) {
 }
 
 std::vector<uint8_t> code_one(const std::vector<uint8_t>& pkt) {
-    Ring in(188), out(204);
+    ByteRing in(188), out(204);
     in.push(pkt);
     EXPECT_EQ(rs_short204188(in.v, out.v, 188, nullptr), 188u);
     return out.pop_all();
@@ -209,7 +179,7 @@ TEST_F(OuterRs, WholePacketsOnly) {
     Verbose v;
     std::mt19937 g(3);
     const std::vector<uint8_t> pkt = random_bytes(g, 188);
-    Ring in(1000), out(1000);
+    ByteRing in(1000), out(1000);
 
     testing::internal::CaptureStdout();
     EXPECT_EQ(rs_short204188(in.v, out.v, 1000, nullptr), 0u);  // empty input: silent
@@ -234,7 +204,7 @@ TEST_F(OuterRs, WholePacketsOnly) {
 TEST_F(OuterRs, OutputRoomAndMaxlen) {
     std::mt19937 g(4);
     {
-        Ring in(1000), out(407);  // 203 free after 204 held
+        ByteRing in(1000), out(407);  // 203 free after 204 held
         out.v->fill = 204;
         in.push(random_bytes(g, 3 * 188));
         EXPECT_EQ(rs_short204188(in.v, out.v, 1000, nullptr), 0u);
@@ -246,7 +216,7 @@ TEST_F(OuterRs, OutputRoomAndMaxlen) {
         EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
     }
     {
-        Ring in(1000), out(1000);
+        ByteRing in(1000), out(1000);
         in.push(random_bytes(g, 3 * 188));
         EXPECT_EQ(rs_short204188(in.v, out.v, 375, nullptr), 188u);
         EXPECT_EQ(rs_short204188(in.v, out.v, 376, nullptr), 376u);
@@ -266,7 +236,7 @@ TEST_F(OuterRs, PacketsStraddleRingEnds) {
     }
     // Ring lengths that are not multiples of the packet sizes, starting near
     // the end of the storage, so packets keep crossing the wrap point.
-    Ring in(401, 350), out(509, 470);
+    ByteRing in(401, 350), out(509, 470);
     FILE* dump = std::tmpfile();
     ASSERT_NE(dump, nullptr);
     std::vector<uint8_t> got;

@@ -11,35 +11,13 @@
 #include "frame/files.hpp"
 #include "frame/params.hpp"
 #include "ofdm/ofdm.hpp"
+#include "ring_util.hpp"
 #include "vectors/manage.hpp"
 
 namespace {
 
-struct CplxRing {
-    dvbVect* v = nullptr;
-    explicit CplxRing(uint32_t len, uint32_t head = 0) {
-        priv_dvbCreateVect(&v, Complex);
-        dvbConstVect(v, Complex, len, 0.0, 0.0);
-        v->head = head;
-        v->fill = 0;
-    }
-    ~CplxRing() { priv_dvbDestroyVect(&v); }
-    CplxRing(const CplxRing&) = delete;
-    CplxRing& operator=(const CplxRing&) = delete;
-    void push(const std::vector<dvbComplex>& c) {
-        ASSERT_LE(c.size(), size_t{v->len - v->fill});
-        for (const dvbComplex& x : c) {
-            dvbCplx(v)[(v->head + v->fill) % v->len] = x;
-            v->fill++;
-        }
-    }
-};
-
-struct Verbose {
-    uint16_t saved = verbosity;
-    explicit Verbose(uint16_t level = 4) { verbosity = level; }
-    ~Verbose() { verbosity = saved; }
-};
+using testutil::CplxRing;
+using testutil::Verbose;
 
 struct TmpFile {
     FILE* fp = std::tmpfile();

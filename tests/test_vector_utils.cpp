@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "ring_util.hpp"
 #include "vectors/basic_ops.hpp"
 #include "vectors/dumps.hpp"
 #include "vectors/manage.hpp"
@@ -22,16 +23,9 @@
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using testutil::Vec;
 
-// Owns a handle for the duration of a test.
-struct Vec {
-    dvbVect* v = nullptr;
-    explicit Vec(uint32_t type) { EXPECT_EQ(priv_dvbCreateVect(&v, type), 0u); }
-    ~Vec() { priv_dvbDestroyVect(&v); }
-    Vec(const Vec&) = delete;
-    Vec& operator=(const Vec&) = delete;
-};
+using Bytes = std::vector<uint8_t>;
 
 void set_ints(Vec& h, std::vector<int32_t> x, int acc, double range) {
     ASSERT_EQ(dvbConstVect(h.v, Digital, static_cast<uint32_t>(x.size()), 0, acc, range), 0u);

@@ -6,20 +6,14 @@
 #include <cstring>
 #include <vector>
 
+#include "ring_util.hpp"
 #include "vectors/basic_ops.hpp"
 #include "vectors/manage.hpp"
 #include "vectors/prbs.hpp"
 
 namespace {
 
-// Owns a handle for the duration of a test.
-struct Vec {
-    dvbVect* v = nullptr;
-    explicit Vec(uint32_t type) { EXPECT_EQ(priv_dvbCreateVect(&v, type), 0u); }
-    ~Vec() { priv_dvbDestroyVect(&v); }
-    Vec(const Vec&) = delete;
-    Vec& operator=(const Vec&) = delete;
-};
+using testutil::Vec;
 
 // Scrambler of the standard written stage by stage: stages 1..15 loaded with
 // 100101010000000, feedback stage 14 XOR stage 15 into stage 1, output = feedback.
