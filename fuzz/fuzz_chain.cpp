@@ -87,18 +87,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     verbosity = 0;
 
     // Buffer lengths exactly as the driver derives them.
-    const auto packets = static_cast<uint32_t>(packnum);
-    mpeg2len = 188u * packets;
-    rslen = 204u * packets;
-    cilen = rslen;
-    velen = 16u * rslen;
-    pulen = velen;
-    bilen = velen;
-    silen = velen;
-    malen = silen / static_cast<uint32_t>(dvbt_bitpersymb[p.M]);
-    fdlen = malen;
-    tdlen = malen;
-    txlen = malen;
+    chain_set_lengths();
 
     // The two adjustments of the parameter report.
     const bool hier = dvbt_hierarchical();

@@ -55,6 +55,23 @@ void create_buffer(dvbVect** buf, uint32_t type, uint32_t len) {
 
 }  // namespace
 
+void chain_set_lengths() {
+    if (packnum > 1000) packnum = 1000;
+    if (packnum < 5) packnum = 5;
+    const auto packets = static_cast<uint32_t>(packnum);
+    mpeg2len = 188u * packets;
+    rslen = 204u * packets;
+    cilen = rslen;
+    velen = 16u * rslen;
+    pulen = velen;
+    bilen = velen;
+    silen = velen;
+    malen = silen / static_cast<uint32_t>(dvbt_bitpersymb[dvbt_parms.M]);
+    fdlen = malen;
+    tdlen = malen;
+    txlen = malen;
+}
+
 void chain_create() {
     const dvbt_parms_t& p = dvbt_parms;
     const bool hier = dvbt_hierarchical();

@@ -4,6 +4,10 @@
 
 #include <cstdint>
 
+// Clamps packnum to 5..1000 and derives every buffer length from it and from
+// the constellation as it stands.
+void chain_set_lengths();
+
 // Creates every stream buffer and initialises the stages in chain order, for
 // the settled parameters, buffer lengths and the files of the files module.
 // A buffer that cannot be allocated ends the process with a message.

@@ -63,20 +63,7 @@ int main(int argc, char** argv) {
     }
 
     // Steps 4 and 5: batch size and buffer lengths.
-    if (packnum > 1000) packnum = 1000;
-    if (packnum < 5) packnum = 5;
-    const auto packets = static_cast<uint32_t>(packnum);
-    mpeg2len = 188u * packets;
-    rslen = 204u * packets;
-    cilen = rslen;
-    velen = 16u * rslen;
-    pulen = velen;
-    bilen = velen;
-    silen = velen;
-    malen = silen / static_cast<uint32_t>(dvbt_bitpersymb[p.M]);
-    fdlen = malen;
-    tdlen = malen;
-    txlen = malen;
+    chain_set_lengths();
 
     // Steps 6 and 7: report, then files.
     const uint32_t requested_M = p.M;
