@@ -30,14 +30,6 @@ constexpr std::array<NibbleBits, 1024> enc_nibble = [] {
     return t;
 }();
 
-// Appends the n elements just produced at ring position w0 to the dump.
-void dump_ring(FILE* dump, const uint8_t* ring, uint32_t len, uint32_t w0, uint32_t n) {
-    if (dump == nullptr || n == 0) return;
-    const uint32_t first = len - w0 < n ? len - w0 : n;
-    std::fwrite(ring + w0, 1, first, dump);
-    if (n > first) std::fwrite(ring, 1, n - first, dump);
-}
-
 // Kept positions of one period for rate index R, taken from p_mat.
 template <int R>
 constexpr auto kept_positions() {
@@ -129,7 +121,7 @@ int32_t encode27(dvbVect* in, dvbVect* out, uint32_t* state, uint32_t maxlen, FI
     }
     *state = st;
 
-    dump_ring(dump, dst, olen, w0, 16 * n);
+    dvbRingDump(out, w0, 16 * n, dump);
     dvbRingConsume(in, n);
     out->fill += 16 * n;
     dvbMsgPrint(4, "Inner_coder1: %d samples\n", static_cast<int>(n));
@@ -162,7 +154,7 @@ int32_t puncture(dvbVect* in, dvbVect* out, uint16_t rate, uint32_t maxlen, FILE
     }
 
     const uint32_t consumed = q * ip;
-    dump_ring(dump, dst, olen, w0, q * op);
+    dvbRingDump(out, w0, q * op, dump);
     dvbRingConsume(in, consumed);
     out->fill += q * op;
     dvbMsgPrint(4, "Inner_coder2: %d samples\n", static_cast<int>(consumed));

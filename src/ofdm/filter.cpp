@@ -86,12 +86,7 @@ uint32_t run(dvbVect* in, dvbVect* out, uint32_t n, FILE* dump) {
             }
         }
     }
-    if (dump != nullptr && n > 0) {
-        const uint32_t total = n * R;
-        const uint32_t first = out->len - q0 < total ? out->len - q0 : total;
-        std::fwrite(dst + q0, sizeof(dvbComplex), first, dump);
-        if (first < total) std::fwrite(dst, sizeof(dvbComplex), total - first, dump);
-    }
+    dvbRingDump(out, q0, n * R, dump);
     return n;
 }
 

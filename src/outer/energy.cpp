@@ -31,12 +31,7 @@ void disperse(dvbVect* in, dvbVect* out, dvbVect* q, uint32_t plen, uint32_t per
         if (++w == out->len) w = 0;
     }
     q->head = p;
-    if (dump != nullptr && n > 0) {
-        // The produced bytes sit contiguously in the output ring, possibly wrapped.
-        const uint32_t first = out->len - w0 < n ? out->len - w0 : n;
-        std::fwrite(dst + w0, 1, first, dump);
-        if (n > first) std::fwrite(dst, 1, n - first, dump);
-    }
+    dvbRingDump(out, w0, n, dump);
     dvbRingConsume(in, n);
     out->fill += n;
 }

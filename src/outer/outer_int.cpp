@@ -70,11 +70,7 @@ uint32_t conv_int(dvbVect* in, dvbVect* out, convint_state* s, uint32_t maxlen, 
         if (fifo[j] != nullptr) s->branch_pos[j] = fpos[j];
 
     const uint32_t moved = GROUP * ngroup;
-    if (dump != nullptr && moved > 0) {
-        const uint32_t first = olen - w0 < moved ? olen - w0 : moved;
-        std::fwrite(dst + w0, 1, first, dump);
-        if (moved > first) std::fwrite(dst, 1, moved - first, dump);
-    }
+    dvbRingDump(out, w0, moved, dump);
     dvbRingConsume(in, moved);
     out->fill += moved;
     dvbMsgPrint(4, "Outer_int   : %d samples\n", static_cast<int>(moved));

@@ -298,3 +298,11 @@ unsigned dvbResizeVect(dvbVect* v, uint32_t len) {
     v->len = len;
     return DVB_OK;
 }
+
+void dvbRingDump(const dvbVect* v, uint32_t start, uint32_t n, FILE* dump) {
+    if (dump == nullptr || n == 0) return;
+    const size_t es = dvbElemSize(v->type);
+    const uint32_t first = v->len - start < n ? v->len - start : n;
+    std::fwrite(static_cast<const uint8_t*>(v->data) + size_t{start} * es, es, first, dump);
+    if (n > first) std::fwrite(v->data, es, n - first, dump);
+}

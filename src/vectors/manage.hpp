@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 
 // Element type codes. Codes 1, 3, 4, 5 and 8 are not element types.
 enum : uint32_t {
@@ -87,6 +88,10 @@ inline uint32_t dvbRingWritePos(const dvbVect* v) {
 inline uint32_t dvbRingAdvance(uint32_t pos, uint32_t n, uint32_t len) {
     return static_cast<uint32_t>((uint64_t{pos} + n) % len);
 }
+// Appends to the dump file (when there is one) the n elements that sit in the
+// ring from position start on, wrapping at the end of the storage.
+void dvbRingDump(const dvbVect* v, uint32_t start, uint32_t n, FILE* dump);
+
 // Marks n held elements as consumed.
 inline void dvbRingConsume(dvbVect* v, uint32_t n) {
     v->fill -= n;
