@@ -73,10 +73,6 @@ uint32_t bit_reverse(uint32_t i, uint32_t bits) {
     return r;
 }
 
-bool same_bits(const dvbComplex& a, const dvbComplex& b) {
-    return std::bit_cast<uint64_t>(a) == std::bit_cast<uint64_t>(b);
-}
-
 }  // namespace
 
 TEST(OfdmFft, MatchesDirectDftForEveryModeAndMapping) {
@@ -128,7 +124,7 @@ TEST(OfdmFft, MatchesDirectDftForEveryModeAndMapping) {
             EXPECT_LT(rms / level, rms_limit[mode]) << "max " << max_err / level;
             EXPECT_LT(max_err / level, max_limit[mode]) << "rms " << rms / level;
             // Cyclic prefix: the last prf useful samples, bit for bit.
-            for (uint32_t i = 0; i < prf; i++) ASSERT_TRUE(same_bits(y[i], y[F + i])) << i;
+            EXPECT_EQ(std::memcmp(y.data(), y.data() + F, prf * sizeof(dvbComplex)), 0);
         }
     }
 }
@@ -151,92 +147,6 @@ TEST(OfdmFft, CarrierPlacementOf2kMappings) {
         const double step = std::atan2(y[64 + 1].im, y[64 + 1].re);
         const long m = std::lround(step * 2048.0 / (2.0 * std::numbers::pi));
         EXPECT_EQ(static_cast<uint32_t>((m + 2048) % 2048), c.bin);
-        for (uint32_t u = 0; u < 2048; u++) {
-            const double a = 2.0 * std::numbers::pi * static_cast<double>((uint64_t{c.bin} * u) % 2048) / 2048.0;
-            // Within the drift of the single-precision twiddle recurrence.
-            ASSERT_NEAR(y[64 + u].re, std::cos(a), 3e-3) << u;
-            ASSERT_NEAR(y[64 + u].im, std::sin(a), 3e-3) << u;
-        }
-    }
-}
-
-TEST(OfdmFft, UnusedBinsStayEmpty) {
-    // All carriers at unit amplitude; a forward DFT of the useful part shows
-    // each mapping's guard bins empty and its occupied bins at exactly one cell.
-    const uint32_t F = 2048;
-    std::vector<double> cs(F), sn(F);
-    for (uint32_t n = 0; n < F; n++) {
-        cs[n] = std::cos(2.0 * std::numbers::pi * n / F);
-        sn[n] = std::sin(2.0 * std::numbers::pi * n / F);
-    }
-    for (uint32_t mapping = 0; mapping < 3; mapping++) {
-        setup(0, 0, mapping);
-        std::vector<dvbComplex> cells(1705);
-        for (uint32_t k = 0; k < 1705; k++) cells[k] = {static_cast<float>(k % 7) - 3.0f, static_cast<float>(k % 5)};
-        const auto y = modulate(cells, 2560);
-        std::vector<int> carrier(F, -1);
-        for (uint32_t k = 0; k < 1705; k++) carrier[bin_of(0, mapping, k)] = static_cast<int>(k);
-        std::vector<bool> used(F);
-        for (uint32_t m = 0; m < F; m++) used[m] = carrier[m] >= 0;
-        int empty = 0;
-        for (uint32_t m = 0; m < F; m++) {
-            double re = 0.0, im = 0.0;
-            for (uint32_t u = 0; u < F; u++) {
-                const uint32_t idx = static_cast<uint32_t>((uint64_t{m} * u) % F);
-                // e^(-i 2 pi m u / F)
-                re += y[512 + u].re * cs[idx] + y[512 + u].im * sn[idx];
-                im += y[512 + u].im * cs[idx] - y[512 + u].re * sn[idx];
-            }
-            re /= F;
-            im /= F;
-            if (carrier[m] < 0) {
-                ASSERT_NEAR(std::hypot(re, im), 0.0, 1e-2) << "mapping " << mapping << " bin " << m;
-                empty++;
-            } else {
-                const dvbComplex c = cells[static_cast<size_t>(carrier[m])];
-                ASSERT_NEAR(re, c.re, 1e-2) << "mapping " << mapping << " bin " << m;
-                ASSERT_NEAR(im, c.im, 1e-2) << "mapping " << mapping << " bin " << m;
-            }
-        }
-        EXPECT_EQ(empty, 2048 - 1705);
-        // The guard bins of each mapping, as laid out: 853 .. 1195 for "0" and "INV", the two edges for "BB".
-        if (mapping == 1) {
-            EXPECT_FALSE(used[171]);
-            EXPECT_TRUE(used[172]);
-            EXPECT_TRUE(used[1876]);
-            EXPECT_FALSE(used[1877]);
-        } else {
-            EXPECT_TRUE(used[852]);
-            EXPECT_FALSE(used[853]);
-            EXPECT_FALSE(used[1195]);
-            EXPECT_TRUE(used[1196]);
-        }
-    }
-}
-
-TEST(OfdmFft, CentreCarrierAloneGivesConstantOrAlternation) {
-    for (uint32_t mode = 0; mode < 3; mode++) {
-        const uint32_t F = F_of(mode);
-        const uint32_t K = K_of(mode);
-        const uint32_t prf = prf_of(mode, 0);
-        std::vector<dvbComplex> cells(K, dvbComplex{0.0f, 0.0f});
-        cells[(K - 1) / 2] = {1.0f, 0.0f};
-        for (uint32_t mapping : {0u, 2u}) {
-            setup(mode, 0, mapping);
-            const auto y = modulate(cells, F + prf);
-            for (uint32_t i = 0; i < F + prf; i++) {
-                ASSERT_EQ(y[i].re, 1.0f) << "mode " << mode << " sample " << i;
-                ASSERT_EQ(y[i].im, 0.0f) << "mode " << mode << " sample " << i;
-            }
-        }
-        // "BB": the centre carrier sits on bin F/2 and the samples alternate, prefix included.
-        setup(mode, 0, 1);
-        const auto y = modulate(cells, F + prf);
-        for (uint32_t i = 0; i < F + prf; i++) {
-            const float want = i % 2 == 0 ? 1.0f : -1.0f;
-            ASSERT_NEAR(y[i].re, want, 1e-6) << "mode " << mode << " sample " << i;
-            ASSERT_NEAR(y[i].im, 0.0f, 1e-6) << "mode " << mode << " sample " << i;
-        }
     }
 }
 
@@ -248,10 +158,9 @@ TEST(OfdmFft, FastTransformsAreBitIdenticalToThePlainOne) {
         const uint32_t bits = 11 + mode;
         for (uint32_t mapping = 0; mapping < 3; mapping++) {
             setup(mode, 3, mapping);
-            for (int trial = 0; trial < 3; trial++) {
-                SCOPED_TRACE("mode " + std::to_string(mode) + " mapping " + std::to_string(mapping));
-                // Symbols of very different levels, as pilots, data and large values give.
-                const float scale = trial == 0 ? 1.0f : trial == 1 ? 1e-3f : 1e4f;
+            SCOPED_TRACE("mode " + std::to_string(mode) + " mapping " + std::to_string(mapping));
+            // Symbols of very different levels, as pilots, data and large values give.
+            for (float scale : {1.0f, 1e-3f, 1e4f}) {
                 const auto cells = random_cells(K, rng, scale);
                 const auto y = modulate(cells, F + prf_of(mode, 3));
                 // The same spectrum placed here and transformed by the plain recurrence.
@@ -260,11 +169,8 @@ TEST(OfdmFft, FastTransformsAreBitIdenticalToThePlainOne) {
                 std::vector<dvbComplex> a = x, b = x;
                 ofdm_ifft_reference(a.data());
                 ofdm_ifft_generic(b.data());
-                const uint32_t prf = prf_of(mode, 3);
-                for (uint32_t u = 0; u < F; u++) {
-                    ASSERT_TRUE(same_bits(y[prf + u], a[u])) << "modulator, sample " << u;
-                    ASSERT_TRUE(same_bits(b[u], a[u])) << "generic, sample " << u;
-                }
+                EXPECT_EQ(std::memcmp(y.data() + prf_of(mode, 3), a.data(), F * sizeof(dvbComplex)), 0) << scale;
+                EXPECT_EQ(std::memcmp(b.data(), a.data(), F * sizeof(dvbComplex)), 0) << scale;
             }
             // Arbitrary full buffers (every bin used) through all three forms.
             std::vector<dvbComplex> x = random_cells(F, rng, 100.0f);
@@ -278,56 +184,21 @@ TEST(OfdmFft, FastTransformsAreBitIdenticalToThePlainOne) {
     }
 }
 
-TEST(OfdmFft, SymbolLengthsOfEveryModeAndGuard) {
-    const uint32_t expect[3][4] = {{2560, 2304, 2176, 2112}, {5120, 4608, 4352, 4224}, {10240, 9216, 8704, 8448}};
-    for (uint32_t mode = 0; mode < 3; mode++)
-        for (uint32_t delta = 0; delta < 4; delta++) {
-            setup(mode, delta, 0);
-            const uint32_t K = K_of(mode);
-            CplxRing in(K);
-            CplxRing out(20000);
-            in.push(std::vector<dvbComplex>(K, dvbComplex{0.5f, 0.0f}));
-            Verbose quiet(0);
-            EXPECT_EQ(ofdm_mod(in.v, out.v, K, nullptr), K);
-            EXPECT_EQ(out.v->fill, expect[mode][delta]) << mode << " " << delta;
-        }
-}
-
 TEST(OfdmFft, StreamingRules) {
     setup(2, 0, 0);
     const uint32_t K = 6817;
     Verbose loud;
-    {  // Two 8k symbols in one call.
-        CplxRing in(2 * K);
-        CplxRing out(20480 + 3);
-        in.push(std::vector<dvbComplex>(2 * K, dvbComplex{1.0f, -1.0f}));
-        testing::internal::CaptureStdout();
-        EXPECT_EQ(ofdm_mod(in.v, out.v, 13634, nullptr), 13634u);
-        EXPECT_EQ(testing::internal::GetCapturedStdout(), "OFDM        : 13634 samples\n");
-        EXPECT_EQ(out.v->fill, 20480u);
-        EXPECT_EQ(in.v->fill, 0u);
-    }
-    {  // Empty input or full output: nothing; short input, short room or small maxlen: zero with the message.
-        CplxRing in(2 * K);
-        CplxRing out(20480);
-        testing::internal::CaptureStdout();
-        EXPECT_EQ(ofdm_mod(in.v, out.v, 2 * K, nullptr), 0u);
-        in.push(std::vector<dvbComplex>(K - 1, dvbComplex{1.0f, 0.0f}));
-        out.v->fill = 20480;
-        EXPECT_EQ(ofdm_mod(in.v, out.v, 2 * K, nullptr), 0u);
-        EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-        out.v->fill = 0;
-        testing::internal::CaptureStdout();
-        EXPECT_EQ(ofdm_mod(in.v, out.v, 2 * K, nullptr), 0u);
-        in.push(std::vector<dvbComplex>(5, dvbComplex{1.0f, 0.0f}));
-        out.v->fill = 20480 - 10239;
-        EXPECT_EQ(ofdm_mod(in.v, out.v, 2 * K, nullptr), 0u);
-        out.v->fill = 0;
-        EXPECT_EQ(ofdm_mod(in.v, out.v, K - 1, nullptr), 0u);
-        EXPECT_EQ(testing::internal::GetCapturedStdout(),
-                  "OFDM        : 0 samples\nOFDM        : 0 samples\nOFDM        : 0 samples\n");
-        EXPECT_EQ(in.v->fill, K + 4);
-    }
+    CplxRing in(3 * K);
+    CplxRing out(20480 + 3);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(ofdm_mod(in.v, out.v, 3 * K, nullptr), 0u);  // empty input: no message
+    in.push(std::vector<dvbComplex>(K - 1, dvbComplex{1.0f, -1.0f}));
+    EXPECT_EQ(ofdm_mod(in.v, out.v, 3 * K, nullptr), 0u);  // short input: zero with the message
+    in.push(std::vector<dvbComplex>(2 * K + 1, dvbComplex{1.0f, -1.0f}));
+    EXPECT_EQ(ofdm_mod(in.v, out.v, 3 * K, nullptr), 2 * K);  // room for two symbols of the three
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "OFDM        : 0 samples\nOFDM        : 13634 samples\n");
+    EXPECT_EQ(out.v->fill, 20480u);
+    EXPECT_EQ(in.v->fill, K);
 }
 
 TEST(OfdmFft, RingsWrapAndDumpMatches) {
@@ -354,11 +225,11 @@ TEST(OfdmFft, RingsWrapAndDumpMatches) {
     ASSERT_EQ(ofdm_mod(in.v, out.v, 10 * K, dump), K);
     const auto got = out.pop_all();
     ASSERT_EQ(got.size(), want.size());
-    for (size_t i = 0; i < want.size(); i++) ASSERT_TRUE(same_bits(got[i], want[i])) << i;
+    EXPECT_EQ(std::memcmp(got.data(), want.data(), want.size() * sizeof(dvbComplex)), 0);
     std::fflush(dump);
     std::rewind(dump);
     std::vector<dvbComplex> file(want.size() + 1);
     ASSERT_EQ(std::fread(file.data(), sizeof(dvbComplex), file.size(), dump), want.size());
     std::fclose(dump);
-    for (size_t i = 0; i < want.size(); i++) ASSERT_TRUE(same_bits(file[i], want[i])) << i;
+    EXPECT_EQ(std::memcmp(file.data(), want.data(), want.size() * sizeof(dvbComplex)), 0);
 }
