@@ -90,16 +90,8 @@ void build_layout(uint32_t mode) {
     layout_mode = mode;
 }
 
-// Copies n data cells from the ring at r into dst and advances r.
-void take_data(dvbComplex* dst, const dvbComplex* src, uint32_t& r, uint32_t in_len, uint32_t n) {
-    const uint32_t first = in_len - r < n ? in_len - r : n;
-    std::memcpy(dst, src + r, first * sizeof(dvbComplex));
-    if (first < n) std::memcpy(dst + first, src, (n - first) * sizeof(dvbComplex));
-    r = dvbRingAdvance(r, n, in_len);
-}
-
 // Builds the symbol numbered l of the frame into sym_buf, taking its data cells from the ring at r.
-void build_symbol(int32_t l, const dvbComplex* src, uint32_t& r, uint32_t in_len, uint32_t K) {
+void build_symbol(int32_t l, const dvbVect* in, uint32_t& r, uint32_t K) {
     const auto& list = specials[static_cast<size_t>(l % 4)];
     const uint32_t n = special_count[static_cast<size_t>(l % 4)];
     const bool reference = l == 0;
@@ -107,7 +99,7 @@ void build_symbol(int32_t l, const dvbComplex* src, uint32_t& r, uint32_t in_len
     uint32_t k = 0;
     for (uint32_t e = 0; e < n; e++) {
         const Special& sp = list[e];
-        if (sp.k > k) take_data(sym_buf.data() + k, src, r, in_len, sp.k - k);
+        if (sp.k > k) r = dvbRingGet(in, r, sym_buf.data() + k, sp.k - k);
         if (sp.tps_j < 0) {
             sym_buf[sp.k] = {sp.value, 0.0f};
         } else {
@@ -120,7 +112,7 @@ void build_symbol(int32_t l, const dvbComplex* src, uint32_t& r, uint32_t in_len
         }
         k = sp.k + 1;
     }
-    if (k < K) take_data(sym_buf.data() + k, src, r, in_len, K - k);
+    if (k < K) r = dvbRingGet(in, r, sym_buf.data() + k, K - k);
 }
 
 }  // namespace
@@ -174,17 +166,11 @@ uint32_t piltps_add(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump) {
     if (dvbRingFree(out) / uK < n) n = dvbRingFree(out) / uK;
     if (maxlen / N < n) n = maxlen / N;
 
-    const dvbComplex* src = dvbCplx(in);
-    dvbComplex* dst = dvbCplx(out);
     uint32_t r = in->head;
     uint32_t q = dvbRingWritePos(out);
     for (uint32_t u = 0; u < n; u++) {
-        build_symbol(sym_num, src, r, in->len, uK);
-        // Copy the symbol into the output ring, in two pieces when it wraps.
-        const uint32_t first = out->len - q < uK ? out->len - q : uK;
-        std::memcpy(dst + q, sym_buf.data(), first * sizeof(dvbComplex));
-        if (first < uK) std::memcpy(dst, sym_buf.data() + first, (uK - first) * sizeof(dvbComplex));
-        q = dvbRingAdvance(q, uK, out->len);
+        build_symbol(sym_num, in, r, uK);
+        q = dvbRingPut(out, q, sym_buf.data(), uK);
         if (dump != nullptr) std::fwrite(sym_buf.data(), sizeof(dvbComplex), uK, dump);
 
         if (++sym_num == frame_symbols) {

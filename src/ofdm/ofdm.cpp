@@ -149,14 +149,6 @@ void build_gather(uint32_t mapping) {
     gather_mapping = mapping;
 }
 
-// Copies n values into the ring at q (wrapping) and returns the next write position.
-uint32_t ring_put(dvbComplex* ring, uint32_t len, uint32_t q, const dvbComplex* src, uint32_t n) {
-    const uint32_t first = len - q < n ? len - q : n;
-    std::memcpy(ring + q, src, first * sizeof(dvbComplex));
-    if (first < n) std::memcpy(ring, src + first, (n - first) * sizeof(dvbComplex));
-    return dvbRingAdvance(q, n, len);
-}
-
 // Running state of the sample output.
 float wsymb = 0.0f;
 int32_t sym_num = 0;
@@ -367,21 +359,16 @@ uint32_t ofdm_mod(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump) {
     if (dvbRingFree(out) / prf_len < n) n = dvbRingFree(out) / prf_len;
     if (maxlen / K < n) n = maxlen / K;
 
-    const dvbComplex* src = dvbCplx(in);
-    dvbComplex* dst = dvbCplx(out);
     uint32_t r = in->head;
     uint32_t q = dvbRingWritePos(out);
     for (uint32_t u = 0; u < n; u++) {
-        const uint32_t first = in->len - r < K ? in->len - r : K;
-        std::memcpy(in_buf.data(), src + r, first * sizeof(dvbComplex));
-        if (first < K) std::memcpy(in_buf.data() + first, src, (K - first) * sizeof(dvbComplex));
-        r = dvbRingAdvance(r, K, in->len);
+        r = dvbRingGet(in, r, in_buf.data(), K);
 
         for (uint32_t p = 0; p < F; p++) out_buf[p] = in_buf[gather[p]];
         ofdm_ifft(out_buf.data());
 
-        q = ring_put(dst, out->len, q, out_buf.data() + (F - prf), prf);
-        q = ring_put(dst, out->len, q, out_buf.data(), F);
+        q = dvbRingPut(out, q, out_buf.data() + (F - prf), prf);
+        q = dvbRingPut(out, q, out_buf.data(), F);
         if (dump != nullptr) {
             std::fwrite(out_buf.data() + (F - prf), sizeof(dvbComplex), prf, dump);
             std::fwrite(out_buf.data(), sizeof(dvbComplex), F, dump);

@@ -306,3 +306,21 @@ void dvbRingDump(const dvbVect* v, uint32_t start, uint32_t n, FILE* dump) {
     std::fwrite(static_cast<const uint8_t*>(v->data) + size_t{start} * es, es, first, dump);
     if (n > first) std::fwrite(v->data, es, n - first, dump);
 }
+
+uint32_t dvbRingPut(dvbVect* v, uint32_t pos, const void* src, uint32_t n) {
+    const size_t es = dvbElemSize(v->type);
+    const uint32_t first = v->len - pos < n ? v->len - pos : n;
+    const auto* from = static_cast<const uint8_t*>(src);
+    std::memcpy(static_cast<uint8_t*>(v->data) + size_t{pos} * es, from, size_t{first} * es);
+    if (n > first) std::memcpy(v->data, from + size_t{first} * es, size_t{n - first} * es);
+    return dvbRingAdvance(pos, n, v->len);
+}
+
+uint32_t dvbRingGet(const dvbVect* v, uint32_t pos, void* dst, uint32_t n) {
+    const size_t es = dvbElemSize(v->type);
+    const uint32_t first = v->len - pos < n ? v->len - pos : n;
+    auto* to = static_cast<uint8_t*>(dst);
+    std::memcpy(to, static_cast<const uint8_t*>(v->data) + size_t{pos} * es, size_t{first} * es);
+    if (n > first) std::memcpy(to + size_t{first} * es, v->data, size_t{n - first} * es);
+    return dvbRingAdvance(pos, n, v->len);
+}

@@ -88,6 +88,13 @@ inline uint32_t dvbRingWritePos(const dvbVect* v) {
 inline uint32_t dvbRingAdvance(uint32_t pos, uint32_t n, uint32_t len) {
     return static_cast<uint32_t>((uint64_t{pos} + n) % len);
 }
+// Copies n elements from src into the ring's storage from position pos on,
+// wrapping at its end; returns the position after the last one.
+uint32_t dvbRingPut(dvbVect* v, uint32_t pos, const void* src, uint32_t n);
+// Copies n elements of the ring's storage from position pos on (wrapping) to
+// dst; returns the position after the last one.
+uint32_t dvbRingGet(const dvbVect* v, uint32_t pos, void* dst, uint32_t n);
+
 // Appends to the dump file (when there is one) the n elements that sit in the
 // ring from position start on, wrapping at the end of the storage.
 void dvbRingDump(const dvbVect* v, uint32_t start, uint32_t n, FILE* dump);
