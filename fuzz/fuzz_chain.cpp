@@ -90,9 +90,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     chain_set_lengths();
 
     // The two adjustments of the parameter report.
+    settle_parms();
     const bool hier = dvbt_hierarchical();
-    if (hier && p.M == 0) p.M = 1;
-    if (p.mode == 2) p.idi = 0;
 
     // The streams.
     const uint8_t* ts = data + HEADER;
@@ -107,9 +106,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     // Output and dump files, and the scale factor as the files module computes it.
     set_dump_files(with_files ? sink() : nullptr);
-    const double A = dvbRefAmplitude(p.mode);
-    const double gain = p.gain;
-    tdstream_sf = p.dumpformat == 2 ? static_cast<float>(8191.0 / (gain * A)) : static_cast<float>(32767.0 / (gain * A));
+    tdstream_sf = dvbIntegerScale(p.dumpformat, p.mode, p.gain);
 
     // The outer interleaver's random fill: the same sequence in every run.
     std::srand(1);

@@ -109,6 +109,12 @@ double dvbRefAmplitude(uint32_t mode) {
     return std::sqrt(P / 2.0);
 }
 
+float dvbIntegerScale(uint32_t dumpformat, uint32_t mode, float gain) {
+    if (dumpformat == 0) return 0.0f;
+    const double full_scale = dumpformat == 1 ? 32767.0 : 8191.0;
+    return static_cast<float>(full_scale / (double{gain} * dvbRefAmplitude(mode)));
+}
+
 void open_files() {
     const bool hier = dvbt_hierarchical();
     if (!hier) {
@@ -179,17 +185,15 @@ void open_files() {
     }
 
     if (dumps[9] != 0) {
-        const double gain = dvbt_parms.gain;
+        tdstream_sf = dvbIntegerScale(dvbt_parms.dumpformat, dvbt_parms.mode, dvbt_parms.gain);
         switch (dvbt_parms.dumpformat) {
         case 0:
             td_fp = open_dump(stem, ".bin", "Time domain dumping selected - Standard format: %s\n");
             break;
         case 1:
-            tdstream_sf = static_cast<float>(32767.0 / (gain * dvbRefAmplitude(dvbt_parms.mode)));
             td_fp = open_dump(stem, "_agi.bin", "Time domain dumping selected - Agilent format: %s\n");
             break;
         default:
-            tdstream_sf = static_cast<float>(8191.0 / (gain * dvbRefAmplitude(dvbt_parms.mode)));
             dvbMsgPrint(2, "Time domain dumping selected - Old Agilent format: _I & _Q\n");
             tdI_fp = open_dump(stem, "_I.bin", nullptr);
             tdQ_fp = open_dump(stem, "_Q.bin", nullptr);
@@ -202,30 +206,22 @@ void close_files() {}
 
 uint32_t out2null(dvbVect* ring, uint32_t maxlen) {
     if (ring->fill == 0) return 0;
-    const uint32_t n = ring->fill < maxlen ? ring->fill : maxlen;
+    const uint32_t n = dvbRingUnits(ring, 1, nullptr, 1, maxlen, 1);
     dvbRingConsume(ring, n);
     return n;
 }
 
 uint32_t out2file(dvbVect* ring, FILE* fp, uint32_t maxlen) {
     if (ring->fill == 0) return 0;
-    const uint32_t n = ring->fill < maxlen ? ring->fill : maxlen;
-    if (fp == nullptr) {
-        dvbRingConsume(ring, n);
-        return n;
-    }
-    const uint32_t first = ring->len - ring->head < n ? ring->len - ring->head : n;
-    size_t done = std::fwrite(dvbBytes(ring) + ring->head, 1, first, fp);
-    if (done == first && n > first) done += std::fwrite(dvbBytes(ring), 1, n - first, fp);
+    const uint32_t n = dvbRingUnits(ring, 1, nullptr, 1, maxlen, 1);
+    const size_t done = fp != nullptr ? dvbRingWrite(ring, ring->head, n, fp) : n;
     dvbRingConsume(ring, static_cast<uint32_t>(done));
     return static_cast<uint32_t>(done);
 }
 
 uint32_t in2out(dvbVect* in, dvbVect* out, uint32_t maxlen) {
     if (in->fill == 0 || out->fill == out->len) return 0;
-    uint32_t n = in->fill;
-    if (dvbRingFree(out) < n) n = dvbRingFree(out);
-    if (maxlen < n) n = maxlen;
+    const uint32_t n = dvbRingUnits(in, 1, out, 1, maxlen, 1);
     uint32_t r = in->head, w = dvbRingWritePos(out);
     const uint8_t* src = dvbBytes(in);
     uint8_t* dst = dvbBytes(out);
@@ -242,12 +238,8 @@ uint32_t in2out(dvbVect* in, dvbVect* out, uint32_t maxlen) {
 
 uint32_t file2in(FILE* fp, dvbVect* ring, uint32_t maxlen) {
     if (ring->fill == ring->len) return 0;
-    uint32_t n = dvbRingFree(ring);
-    if (maxlen < n) n = maxlen;
-    const uint32_t w = dvbRingWritePos(ring);
-    const uint32_t first = ring->len - w < n ? ring->len - w : n;
-    size_t got = std::fread(dvbBytes(ring) + w, 1, first, fp);
-    if (n > first) got += std::fread(dvbBytes(ring), 1, n - first, fp);
+    const uint32_t n = dvbRingUnits(nullptr, 1, ring, 1, maxlen, 1);
+    const size_t got = dvbRingRead(fp, ring, dvbRingWritePos(ring), n);
     ring->fill += static_cast<uint32_t>(got);
     std::printf("file2in:  %d\n", static_cast<int>(got));
     return got == n ? 1u : 0u;

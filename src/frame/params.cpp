@@ -20,3 +20,24 @@ uint32_t mpeg2len = 0, rslen = 0, cilen = 0, velen = 0, pulen = 0, bilen = 0, si
 float f_s = 0.0f, T_s = 0.0f, B_n = 0.0f, r_u = 0.0f, r_uhp = 0.0f, r_ulp = 0.0f;
 
 float proc_data_hp = 0.0f, proc_data_lp = 0.0f;
+
+void settle_parms() {
+    if (dvbt_hierarchical() && dvbt_parms.M == 0) dvbt_parms.M = 1;
+    if (dvbt_parms.mode == 2) dvbt_parms.idi = 0;
+}
+
+void compute_rates() {
+    // In double from the single-precision tables; RS(204,188) as the float 188/204.
+    const dvbt_parms_t& p = dvbt_parms;
+    const double fs = dvbt_fs[p.band];
+    const double fft = dvbt_fftsize[p.mode];
+    const double guard = dvbt_guardfrac[p.delta];
+    const double rs_ratio = 0.92156863f;
+    f_s = static_cast<float>(fs);
+    T_s = static_cast<float>(1.0 / fs);
+    const double Rc = fs / (1.0 + guard) * dvbt_N[p.mode] / fft;
+    r_u = static_cast<float>(Rc * dvbt_bitpersymb[p.M] * double{dvbt_punrate[p.rate]} * rs_ratio);
+    r_uhp = static_cast<float>(Rc * 2 * double{dvbt_punrate[p.rate_hp]} * rs_ratio);
+    r_ulp = static_cast<float>(Rc * (dvbt_bitpersymb[p.M] - 2) * double{dvbt_punrate[p.rate_lp]} * rs_ratio);
+    B_n = static_cast<float>(dvbt_K[p.mode] * double{f_s} / fft);
+}

@@ -75,3 +75,10 @@ extern float f_s, T_s, B_n, r_u, r_uhp, r_ulp;
 extern float proc_data_hp, proc_data_lp;
 
 inline bool dvbt_hierarchical() { return dvbt_parms.alpha != 0; }
+
+// The two adjustments made before any stage is set up: a hierarchical QPSK
+// request runs as 16-QAM, and in-depth interleaving does not exist in 8k.
+void settle_parms();
+
+// Derives f_s, T_s, B_n, r_u, r_uhp and r_ulp from the settled parameters.
+void compute_rates();

@@ -120,7 +120,7 @@ void print_args() {
     }
     dvbMsgPrint(2, "\tOutput file basename   : %s\n", settle_name(out_fname));
     dvbMsgPrint(2, "\tMode                   : %s\n", dvbt_modename[p.mode]);
-    if (dvbt_hierarchical() && p.M == 0) p.M = 1;
+    settle_parms();
     dvbMsgPrint(2, "\tConstellation order    : %sQAM\n", dvbt_Mname[p.M]);
     dvbMsgPrint(2, "\tUniformity order       : %s\n", dvbt_alphaname[p.alpha]);
     dvbMsgPrint(2, "\tPrefix duration        : %s\n", dvbt_deltaname[p.delta]);
@@ -130,7 +130,6 @@ void print_args() {
     } else {
         dvbMsgPrint(2, "\tPuncturing rate        : %s\n", dvbt_ratename[p.rate]);
     }
-    if (p.mode == 2) p.idi = 0;
     dvbMsgPrint(2, "\tIn-depth interleaving  : %s\n", p.idi != 0 ? "yes" : "no");
     dvbMsgPrint(2, "\tChannel spacing        : %s MHz\n", dvbt_bandname[p.band]);
     if (p.cid < 0)
@@ -143,19 +142,9 @@ void print_args() {
     dvbMsgPrint(2, "\tGain factor            : %.4f\n", static_cast<double>(p.gain));
     dvbMsgPrint(2, "\t----------------------------------------------\n");
 
-    // Derived quantities, computed in double from the single-precision tables.
-    const double fs = dvbt_fs[p.band];
+    compute_rates();
     const double fft = dvbt_fftsize[p.mode];
     const double guard = dvbt_guardfrac[p.delta];
-    const double rs_ratio = 0.92156863f;
-    f_s = static_cast<float>(fs);
-    T_s = static_cast<float>(1.0 / fs);
-    const double Rc = fs / (1.0 + guard) * dvbt_N[p.mode] / fft;
-    r_u = static_cast<float>(Rc * dvbt_bitpersymb[p.M] * double{dvbt_punrate[p.rate]} * rs_ratio);
-    r_uhp = static_cast<float>(Rc * 2 * double{dvbt_punrate[p.rate_hp]} * rs_ratio);
-    r_ulp = static_cast<float>(Rc * (dvbt_bitpersymb[p.M] - 2) * double{dvbt_punrate[p.rate_lp]} * rs_ratio);
-    B_n = static_cast<float>(dvbt_K[p.mode] * double{f_s} / fft);
-
     const double Ts = T_s;
     dvbMsgPrint(2, "\tOutput sampling rate   : %.6f Msps\n", double{dvbt_interprate[p.interp]} * f_s / 1000000.0);
     dvbMsgPrint(2, "\tOutput sample time     : %.3f ns\n", 1.0e9 * Ts);

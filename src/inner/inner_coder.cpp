@@ -84,9 +84,7 @@ void init_convenc(uint32_t* state, uint32_t value) { *state = value; }
 int32_t encode27(dvbVect* in, dvbVect* out, uint32_t* state, uint32_t maxlen, FILE* dump) {
     if (in->fill == 0 || out->fill == out->len) return 0;
 
-    uint32_t n = dvbRingFree(out) / 16;
-    if (in->fill < n) n = in->fill;
-    if (maxlen < n) n = maxlen;
+    const uint32_t n = dvbRingUnits(in, 1, out, 16, maxlen, 1);
 
     const uint8_t* src = dvbBytes(in);
     uint8_t* dst = dvbBytes(out);
@@ -134,9 +132,7 @@ int32_t puncture(dvbVect* in, dvbVect* out, uint16_t rate, uint32_t maxlen, FILE
 
     const uint32_t ip = static_cast<uint32_t>(in_plen[rate]);
     const uint32_t op = static_cast<uint32_t>(out_plen[rate]);
-    uint32_t q = dvbRingFree(out) / op;
-    if (in->fill / ip < q) q = in->fill / ip;
-    if (maxlen / ip < q) q = maxlen / ip;
+    const uint32_t q = dvbRingUnits(in, ip, out, op, maxlen, ip);
 
     const uint8_t* src = dvbBytes(in);
     uint8_t* dst = dvbBytes(out);

@@ -10,32 +10,6 @@
 namespace {
 
 // ---------------------------------------------------------------------------
-// Ring access shared by both interleavers
-
-// n held elements from ring index r on, as one contiguous run: the storage
-// itself when they do not cross its end, else a copy in scratch.
-const uint8_t* ring_read(const dvbVect* v, uint32_t r, uint32_t n, uint8_t* scratch) {
-    const uint8_t* base = dvbBytes(v);
-    const uint32_t first = v->len - r;
-    if (first >= n) return base + r;
-    std::memcpy(scratch, base + r, first);
-    std::memcpy(scratch + first, base, n - first);
-    return scratch;
-}
-
-// Copies n bytes into the ring from index w on, wrapping once at most.
-void ring_write(dvbVect* v, uint32_t w, const uint8_t* src, uint32_t n) {
-    uint8_t* base = dvbBytes(v);
-    const uint32_t first = v->len - w;
-    if (first >= n) {
-        std::memcpy(base + w, src, n);
-    } else {
-        std::memcpy(base + w, src, first);
-        std::memcpy(base, src + first, n - first);
-    }
-}
-
-// ---------------------------------------------------------------------------
 // Bit interleaver
 
 constexpr uint32_t BI_BLOCK = 126;
@@ -145,9 +119,7 @@ uint32_t bit_interleave(dvbVect* in_hp, dvbVect* in_lp, dvbVect* out, uint32_t m
     const uint32_t hp_bits = BI_BLOCK * (v - lp_share);
     const uint32_t lp_bits = BI_BLOCK * lp_share;
 
-    uint32_t B = dvbRingFree(out) / BI_BLOCK;
-    if (in_hp->fill / hp_bits < B) B = in_hp->fill / hp_bits;
-    if (maxlen / hp_bits < B) B = maxlen / hp_bits;
+    uint32_t B = dvbRingUnits(in_hp, hp_bits, out, BI_BLOCK, maxlen, hp_bits);
     if (lp_bits != 0 && in_lp->fill / lp_bits < B) B = in_lp->fill / lp_bits;
 
     uint32_t r_hp = in_hp->head;
@@ -156,11 +128,11 @@ uint32_t bit_interleave(dvbVect* in_hp, dvbVect* in_lp, dvbVect* out, uint32_t m
 
     for (uint32_t b = 0; b < B; b++) {
         // Collect: demultiplex the block's bits into the sub-stream stores.
-        const uint8_t* hp = ring_read(in_hp, r_hp, hp_bits, bi_scratch_hp);
+        const auto* hp = static_cast<const uint8_t*>(dvbRingView(in_hp, r_hp, hp_bits, bi_scratch_hp));
         r_hp = dvbRingAdvance(r_hp, hp_bits, in_hp->len);
         const uint8_t* lp = nullptr;
         if (lp_bits != 0) {
-            lp = ring_read(in_lp, r_lp, lp_bits, bi_scratch_lp);
+            lp = static_cast<const uint8_t*>(dvbRingView(in_lp, r_lp, lp_bits, bi_scratch_lp));
             r_lp = dvbRingAdvance(r_lp, lp_bits, in_lp->len);
         }
         switch (v) {
@@ -168,8 +140,7 @@ uint32_t bit_interleave(dvbVect* in_hp, dvbVect* in_lp, dvbVect* out, uint32_t m
             case 4: bi_block<4>(hp, lp); break;
             default: bi_block<6>(hp, lp); break;
         }
-        ring_write(out, w, bi_words, BI_BLOCK);
-        w = dvbRingAdvance(w, BI_BLOCK, out->len);
+        w = dvbRingPut(out, w, bi_words, BI_BLOCK);
         if (dump != nullptr) std::fwrite(bi_words, 1, BI_BLOCK, dump);
     }
 
@@ -209,14 +180,12 @@ int32_t symbol_interleave(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump
     if (in->fill == 0 || out->fill == out->len) return 0;
 
     const uint32_t N = static_cast<uint32_t>(dvbt_N[si_mode()]);
-    uint32_t B = dvbRingFree(out) / N;
-    if (in->fill / N < B) B = in->fill / N;
-    if (maxlen / N < B) B = maxlen / N;
+    const uint32_t B = dvbRingUnits(in, N, out, N, maxlen, N);
 
     uint32_t r = in->head;
     uint32_t w = dvbRingWritePos(out);
     for (uint32_t b = 0; b < B; b++) {
-        const uint8_t* src = ring_read(in, r, N, si_in.data());
+        const auto* src = static_cast<const uint8_t*>(dvbRingView(in, r, N, si_in.data()));
         r = dvbRingAdvance(r, N, in->len);
         // Assemble straight into the output ring when the block fits before its end.
         const bool direct = out->len - w >= N;
@@ -226,8 +195,10 @@ int32_t symbol_interleave(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump
         } else {
             for (uint32_t q = 0; q < N; q++) dst[q] = src[H[q]];
         }
-        if (!direct) ring_write(out, w, ib.data(), N);
-        w = dvbRingAdvance(w, N, out->len);
+        if (direct)
+            w = dvbRingAdvance(w, N, out->len);
+        else
+            w = dvbRingPut(out, w, ib.data(), N);
         if (dump != nullptr) std::fwrite(dst, 1, N, dump);
         sym_num = (sym_num + 1) % 68;
     }

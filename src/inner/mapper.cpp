@@ -86,9 +86,7 @@ uint32_t dvbQAMConstGenerate() {
 int32_t qam_map(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump) {
     if (in->fill == 0 || out->fill == out->len) return 0;
 
-    uint32_t n = dvbRingFree(out);
-    if (in->fill < n) n = in->fill;
-    if (maxlen < n) n = maxlen;
+    const uint32_t n = dvbRingUnits(in, 1, out, 1, maxlen, 1);
 
     const uint8_t* src = dvbBytes(in);
     dvbComplex* dst = dvbCplx(out);
@@ -96,9 +94,7 @@ int32_t qam_map(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump) {
     uint32_t w = dvbRingWritePos(out);
     // Runs that cross neither ring end.
     for (uint32_t done = 0; done < n;) {
-        uint32_t run = n - done;
-        if (in->len - r < run) run = in->len - r;
-        if (out->len - w < run) run = out->len - w;
+        const uint32_t run = dvbRingRun(out, w, dvbRingRun(in, r, n - done));
         for (uint32_t i = 0; i < run; i++) dst[w + i] = QAM[src[r + i] & 63u];
         if (dump != nullptr) dump_cells(dump, dst + w, run);
         r = dvbRingAdvance(r, run, in->len);

@@ -142,9 +142,7 @@ void transmit_reference_step(dvbComplex u, dvbComplex* y) {
 uint32_t transmit(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump) {
     if (in->fill == 0 || out->fill == out->len) return 0;
     const auto R = static_cast<uint32_t>(dvbt_interprate[dvbt_parms.interp]);
-    uint32_t n = in->fill;
-    if (dvbRingFree(out) / R < n) n = dvbRingFree(out) / R;
-    if (maxlen / R < n) n = maxlen / R;
+    uint32_t n = dvbRingUnits(in, 1, out, R, maxlen, R);
     if (R == 2 && Mup == 2) run<2>(in, out, n, dump);
     else if (R == 4 && Mup == 4) run<4>(in, out, n, dump);
     else n = 0;  // the filter was not set up for this factor

@@ -162,9 +162,7 @@ uint32_t piltps_add(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump) {
     const auto uK = static_cast<uint32_t>(dvbt_K[mode]);
     if (layout_mode != static_cast<int64_t>(mode)) build_layout(mode);
 
-    uint32_t n = in->fill / N;
-    if (dvbRingFree(out) / uK < n) n = dvbRingFree(out) / uK;
-    if (maxlen / N < n) n = maxlen / N;
+    const uint32_t n = dvbRingUnits(in, N, out, uK, maxlen, N);
 
     uint32_t r = in->head;
     uint32_t q = dvbRingWritePos(out);

@@ -183,16 +183,12 @@ inline void put_be16(uint8_t* p, uint16_t v) {
 
 // Writes n samples from the ring at r in the "std" format; returns the records accepted.
 uint32_t write_std(const dvbVect* in, uint32_t n, FILE* fp) {
-    const dvbComplex* src = dvbCplx(in);
-    const uint32_t r = in->head;
-    const uint32_t first = in->len - r < n ? in->len - r : n;
     if constexpr (std::endian::native == std::endian::little) {
-        size_t done = std::fwrite(src + r, sizeof(dvbComplex), first, fp);
-        if (done == first && first < n) done += std::fwrite(src, sizeof(dvbComplex), n - first, fp);
-        return static_cast<uint32_t>(done);
+        return static_cast<uint32_t>(dvbRingWrite(in, in->head, n, fp));
     } else {
+        const dvbComplex* src = dvbCplx(in);
         uint32_t done = 0;
-        uint32_t pos = r;
+        uint32_t pos = in->head;
         while (done < n) {
             const uint32_t m = n - done < io_chunk / 2 ? n - done : io_chunk / 2;
             uint8_t* p = io_buf.data();
@@ -355,9 +351,7 @@ uint32_t ofdm_mod(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump) {
     if (gather_mapping != static_cast<int64_t>(dvbt_parms.ifftmm)) build_gather(dvbt_parms.ifftmm);
     in_buf[K] = {0.0f, 0.0f};
 
-    uint32_t n = in->fill / K;
-    if (dvbRingFree(out) / prf_len < n) n = dvbRingFree(out) / prf_len;
-    if (maxlen / K < n) n = maxlen / K;
+    const uint32_t n = dvbRingUnits(in, K, out, prf_len, maxlen, K);
 
     uint32_t r = in->head;
     uint32_t q = dvbRingWritePos(out);
@@ -383,7 +377,7 @@ uint32_t ofdm_mod(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump) {
 
 int32_t time_dump(dvbVect* in, FILE* td_fp, FILE* tdI_fp, FILE* tdQ_fp, uint32_t maxlen) {
     if (in->fill == 0) return 0;
-    const uint32_t n = in->fill < maxlen ? in->fill : maxlen;
+    const uint32_t n = dvbRingUnits(in, 1, nullptr, 1, maxlen, 1);
     const dvbt_parms_t& p = dvbt_parms;
 
     uint32_t count = n;

@@ -36,18 +36,11 @@ void disperse(dvbVect* in, dvbVect* out, dvbVect* q, uint32_t plen, uint32_t per
     out->fill += n;
 }
 
-uint32_t count_for(const dvbVect* in, const dvbVect* out, uint32_t maxlen) {
-    uint32_t n = in->fill;
-    if (dvbRingFree(out) < n) n = dvbRingFree(out);
-    if (maxlen < n) n = maxlen;
-    return n;
-}
-
 }  // namespace
 
 int32_t energy_inv(dvbVect* in, dvbVect* out, dvbVect* q, uint32_t maxlen, FILE* dump) {
     if (in->fill == 0 || out->fill == out->len) return 0;
-    const uint32_t n = count_for(in, out, maxlen);
+    const uint32_t n = dvbRingUnits(in, 1, out, 1, maxlen, 1);
     disperse(in, out, q, ED_PACKET, ED_GROUP, n, dump);
     dvbMsgPrint(4, "Energy+Inv. : %d samples\n", static_cast<int>(n));
     return static_cast<int32_t>(n);
@@ -60,7 +53,7 @@ unsigned dvbTSDisperdInvert(dvbVect* in, dvbVect* out, dvbVect* q, uint32_t plen
         *count = 0;
         return 1;
     }
-    const uint32_t n = count_for(in, out, maxlen);
+    const uint32_t n = dvbRingUnits(in, 1, out, 1, maxlen, 1);
     disperse(in, out, q, plen, period, n, dump);
     dvbMsgPrint(4, "%s => process : %d samples\n", label, static_cast<int>(n));
     *count = n;

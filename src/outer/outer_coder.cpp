@@ -2,8 +2,6 @@
 // with 51 implied leading zero bytes, which are then dropped.
 #include "outer/outer_coder.hpp"
 
-#include <cstring>
-
 #include "frame/print.hpp"
 #include "outer/rs.hpp"
 
@@ -17,43 +15,22 @@ constexpr uint32_t NPAR = 16;
 // 239..254 the parity.
 uint8_t codeword[255];
 
-// Copies n ring elements starting at pos into dst, wrapping at len.
-void ring_read(const uint8_t* ring, uint32_t len, uint32_t pos, uint8_t* dst, uint32_t n) {
-    const uint32_t first = (len - pos < n) ? len - pos : n;
-    std::memcpy(dst, ring + pos, first);
-    std::memcpy(dst + first, ring, n - first);
-}
-
-// Copies n bytes into the ring starting at pos, wrapping at len.
-void ring_write(uint8_t* ring, uint32_t len, uint32_t pos, const uint8_t* src, uint32_t n) {
-    const uint32_t first = (len - pos < n) ? len - pos : n;
-    std::memcpy(ring + pos, src, first);
-    std::memcpy(ring, src + first, n - first);
-}
-
 }  // namespace
 
 uint32_t rs_short204188(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump) {
     if (in->fill == 0 || out->fill == out->len) return 0;
 
-    uint32_t npkt = dvbRingFree(out) / PKT_OUT;
-    if (in->fill / PKT_IN < npkt) npkt = in->fill / PKT_IN;
-    if (maxlen / PKT_IN < npkt) npkt = maxlen / PKT_IN;
-
-    const uint8_t* src = dvbBytes(in);
-    uint8_t* dst = dvbBytes(out);
+    const uint32_t npkt = dvbRingUnits(in, PKT_IN, out, PKT_OUT, maxlen, PKT_IN);
     uint32_t r = in->head;
     uint32_t w = dvbRingWritePos(out);
     uint8_t pkt[PKT_OUT];
 
     for (uint32_t p = 0; p < npkt; p++) {
-        ring_read(src, in->len, r, pkt, PKT_IN);
-        r = dvbRingAdvance(r, PKT_IN, in->len);
+        r = dvbRingGet(in, r, pkt, PKT_IN);
         for (uint32_t k = 0; k < PKT_IN; k++) codeword[PKT_IN - 1 - k] = pkt[k];
         encode_rs(codeword, codeword + 239);
         for (uint32_t m = 0; m < NPAR; m++) pkt[PKT_IN + m] = codeword[254 - m];
-        ring_write(dst, out->len, w, pkt, PKT_OUT);
-        w = dvbRingAdvance(w, PKT_OUT, out->len);
+        w = dvbRingPut(out, w, pkt, PKT_OUT);
         if (dump != nullptr) std::fwrite(pkt, 1, PKT_OUT, dump);
     }
 

@@ -27,9 +27,7 @@ void init_convint(convint_state* s, uint32_t I, uint32_t M) {
 uint32_t conv_int(dvbVect* in, dvbVect* out, convint_state* s, uint32_t maxlen, FILE* dump) {
     if (in->fill == 0 || out->fill == out->len) return 0;
 
-    uint32_t ngroup = dvbRingFree(out) / GROUP;
-    if (in->fill / GROUP < ngroup) ngroup = in->fill / GROUP;
-    if (maxlen / GROUP < ngroup) ngroup = maxlen / GROUP;
+    const uint32_t ngroup = dvbRingUnits(in, GROUP, out, GROUP, maxlen, GROUP);
 
     // Branch views for the 12 commutator positions; a position without a
     // branch FIFO passes its byte straight through.

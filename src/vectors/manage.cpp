@@ -299,17 +299,17 @@ unsigned dvbResizeVect(dvbVect* v, uint32_t len) {
     return DVB_OK;
 }
 
-void dvbRingDump(const dvbVect* v, uint32_t start, uint32_t n, FILE* dump) {
-    if (dump == nullptr || n == 0) return;
-    const size_t es = dvbElemSize(v->type);
-    const uint32_t first = v->len - start < n ? v->len - start : n;
-    std::fwrite(static_cast<const uint8_t*>(v->data) + size_t{start} * es, es, first, dump);
-    if (n > first) std::fwrite(v->data, es, n - first, dump);
+uint32_t dvbRingUnits(const dvbVect* in, uint32_t in_unit, const dvbVect* out, uint32_t out_unit,
+                      uint32_t maxlen, uint32_t max_unit) {
+    uint32_t n = maxlen / max_unit;
+    if (in != nullptr && in->fill / in_unit < n) n = in->fill / in_unit;
+    if (out != nullptr && dvbRingFree(out) / out_unit < n) n = dvbRingFree(out) / out_unit;
+    return n;
 }
 
 uint32_t dvbRingPut(dvbVect* v, uint32_t pos, const void* src, uint32_t n) {
     const size_t es = dvbElemSize(v->type);
-    const uint32_t first = v->len - pos < n ? v->len - pos : n;
+    const uint32_t first = dvbRingRun(v, pos, n);
     const auto* from = static_cast<const uint8_t*>(src);
     std::memcpy(static_cast<uint8_t*>(v->data) + size_t{pos} * es, from, size_t{first} * es);
     if (n > first) std::memcpy(v->data, from + size_t{first} * es, size_t{n - first} * es);
@@ -318,9 +318,31 @@ uint32_t dvbRingPut(dvbVect* v, uint32_t pos, const void* src, uint32_t n) {
 
 uint32_t dvbRingGet(const dvbVect* v, uint32_t pos, void* dst, uint32_t n) {
     const size_t es = dvbElemSize(v->type);
-    const uint32_t first = v->len - pos < n ? v->len - pos : n;
+    const uint32_t first = dvbRingRun(v, pos, n);
     auto* to = static_cast<uint8_t*>(dst);
     std::memcpy(to, static_cast<const uint8_t*>(v->data) + size_t{pos} * es, size_t{first} * es);
     if (n > first) std::memcpy(to + size_t{first} * es, v->data, size_t{n - first} * es);
     return dvbRingAdvance(pos, n, v->len);
+}
+
+const void* dvbRingView(const dvbVect* v, uint32_t pos, uint32_t n, void* scratch) {
+    if (dvbRingRun(v, pos, n) == n) return static_cast<const uint8_t*>(v->data) + size_t{pos} * dvbElemSize(v->type);
+    dvbRingGet(v, pos, scratch, n);
+    return scratch;
+}
+
+size_t dvbRingRead(FILE* fp, dvbVect* v, uint32_t pos, uint32_t n) {
+    const size_t es = dvbElemSize(v->type);
+    const uint32_t first = dvbRingRun(v, pos, n);
+    size_t got = std::fread(static_cast<uint8_t*>(v->data) + size_t{pos} * es, es, first, fp);
+    if (n > first) got += std::fread(v->data, es, n - first, fp);
+    return got;
+}
+
+size_t dvbRingWrite(const dvbVect* v, uint32_t pos, uint32_t n, FILE* fp) {
+    const size_t es = dvbElemSize(v->type);
+    const uint32_t first = dvbRingRun(v, pos, n);
+    size_t done = std::fwrite(static_cast<const uint8_t*>(v->data) + size_t{pos} * es, es, first, fp);
+    if (done == first && n > first) done += std::fwrite(v->data, es, n - first, fp);
+    return done;
 }

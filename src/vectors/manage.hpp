@@ -80,7 +80,8 @@ inline float* dvbReals(dvbVect* v) { return static_cast<float*>(v->data); }
 inline dvbComplex* dvbCplx(dvbVect* v) { return static_cast<dvbComplex*>(v->data); }
 inline const dvbComplex* dvbCplx(const dvbVect* v) { return static_cast<const dvbComplex*>(v->data); }
 
-// Ring helpers shared by the stage functions.
+// The ring toolkit shared by every stage function.
+
 inline uint32_t dvbRingFree(const dvbVect* v) { return v->len - v->fill; }
 inline uint32_t dvbRingWritePos(const dvbVect* v) {
     return static_cast<uint32_t>((uint64_t{v->head} + v->fill) % v->len);
@@ -88,16 +89,40 @@ inline uint32_t dvbRingWritePos(const dvbVect* v) {
 inline uint32_t dvbRingAdvance(uint32_t pos, uint32_t n, uint32_t len) {
     return static_cast<uint32_t>((uint64_t{pos} + n) % len);
 }
+
+// Whole units a stage can move in one call: the smallest of the held input
+// elements / in_unit, the free output elements / out_unit and maxlen /
+// max_unit. A null in (a producer) or out (a consumer) sets no bound.
+uint32_t dvbRingUnits(const dvbVect* in, uint32_t in_unit, const dvbVect* out, uint32_t out_unit,
+                      uint32_t maxlen, uint32_t max_unit);
+
+// Elements from position pos on, at most n, that lie before the end of the storage.
+inline uint32_t dvbRingRun(const dvbVect* v, uint32_t pos, uint32_t n) {
+    return v->len - pos < n ? v->len - pos : n;
+}
+
 // Copies n elements from src into the ring's storage from position pos on,
 // wrapping at its end; returns the position after the last one.
 uint32_t dvbRingPut(dvbVect* v, uint32_t pos, const void* src, uint32_t n);
 // Copies n elements of the ring's storage from position pos on (wrapping) to
 // dst; returns the position after the last one.
 uint32_t dvbRingGet(const dvbVect* v, uint32_t pos, void* dst, uint32_t n);
+// The n elements from position pos on as one contiguous run: the storage
+// itself when they do not cross its end, else a copy in scratch.
+const void* dvbRingView(const dvbVect* v, uint32_t pos, uint32_t n, void* scratch);
 
-// Appends to the dump file (when there is one) the n elements that sit in the
-// ring from position start on, wrapping at the end of the storage.
-void dvbRingDump(const dvbVect* v, uint32_t start, uint32_t n, FILE* dump);
+// Reads up to n elements from the file into the storage from pos on, in two
+// reads when they cross its end (the second is made even when the first came
+// back short); returns the elements read.
+size_t dvbRingRead(FILE* fp, dvbVect* v, uint32_t pos, uint32_t n);
+// Writes the n elements from pos on to the file, in two writes when they
+// cross the end of the storage (the second only when the first was whole);
+// returns the elements written.
+size_t dvbRingWrite(const dvbVect* v, uint32_t pos, uint32_t n, FILE* fp);
+// Appends the n elements from pos on to the dump file, when there is one.
+inline void dvbRingDump(const dvbVect* v, uint32_t pos, uint32_t n, FILE* dump) {
+    if (dump != nullptr) dvbRingWrite(v, pos, n, dump);
+}
 
 // Marks n held elements as consumed.
 inline void dvbRingConsume(dvbVect* v, uint32_t n) {
