@@ -1,23 +1,28 @@
-// End-to-end tests of the executable's frame: help, version, fatal input errors,
-// the parameter report, the log, option quirks and the energy-dispersal dump.
+// The executable seen from outside: help and version, fatal input errors, the
+// parameter report and its adjustments, the level of every kind of message,
+// the end report's figures, the log, file names, the hierarchical branches,
+// option quirks and hostile input. Every run is bounded by `timeout`.
 #include <gtest/gtest.h>
 
-#include <array>
+#include <cmath>
+#include <cstring>
+#include <map>
+#include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
-#include "cli_util.hpp"
+#include "util.hpp"
 
 namespace {
 
-using cli::TempDir;
+using tu::contains;
+using tu::TempDir;
+namespace fs = std::filesystem;
 
 const std::string kBanner =
-    "\nDVB-T compliant software transmitter\n"
-    "Tervane v. 2.1b Linux   - (2006/08/03)\n"
-    "Written by the tervane developers\n"
-    "https://tervane.example.org/\n"
-    "Standard: ETSI EN 300 744 V1.5.1 (2004-11)\n";
+    "\nDVB-T compliant software transmitter\nTervane v. 2.1b Linux   - (2006/08/03)\n"
+    "Written by the tervane developers\nhttps://tervane.example.org/\nStandard: ETSI EN 300 744 V1.5.1 (2004-11)\n";
 
 const std::string kHelp =
     "\nCurrent available options are:\n\n-i\tMPEG-2 NH transport stream file name\n-ihp\tMPEG-2 HP "
@@ -35,248 +40,281 @@ const std::string kHelp =
     "rate {1x | 2x | 4x}\n-F\tPost-IFFT format {std | agi | agiold}\n-g\tGain factor {4.20}\n-s\tInternal "
     "buffer base size {100}\n";
 
-bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+// Runs the transmitter under `timeout`; it must end with this status (124 is a
+// hang, 128 + n a signal) and say nothing on standard error.
+tu::Result transmit(const TempDir& dir, const std::vector<std::string>& args, int status = 0) {
+    std::vector<std::string> full{"-k", "5", "60", TERVANE_EXE};
+    full.insert(full.end(), args.begin(), args.end());
+    const tu::Result r = tu::run(dir.path, "timeout", full);
+    EXPECT_EQ(r.status, status) << r.out;
+    EXPECT_EQ(tu::read_text(dir / "err.txt"), "");
+    return r;
+}
 
-TEST(CliHelp, HelpAndVersionPrintExactlyAndOpenNothing) {
+std::vector<std::string> lines(const std::string& text) {
+    std::vector<std::string> v;
+    std::istringstream in(text);
+    for (std::string l; std::getline(in, l);) v.push_back(l);
+    return v;
+}
+
+TEST(Cli, HelpAndVersionPrintExactlyAndOpenNothing) {
     TempDir dir;
-    // -h wins over everything else, even a missing input and requested dumps.
-    auto r = cli::tervane(dir.path, {"-i", "missing.ts", "-o", "out", "-d", "ercvpbsmft", "-h", "-V"});
-    EXPECT_EQ(r.status, 0);
+    auto r = transmit(dir, {"-i", "missing.ts", "-o", "out", "-d", "ercvpbsmft", "-h", "-V", "-v", "0"});
     EXPECT_EQ(r.out, kBanner + kHelp);
-    EXPECT_FALSE(std::filesystem::exists(dir / "out.bin"));
-    EXPECT_FALSE(std::filesystem::exists(dir / "out_ed.bin"));
-    const std::string log = cli::read_text(dir / "test.log");
+    EXPECT_FALSE(fs::exists(dir / "out.bin") || fs::exists(dir / "out_ed.bin"));
+    const std::string log = tu::read_text(dir / "test.log");
     EXPECT_EQ(log.rfind("Generated log information: test.log , ", 0), 0u);
-    EXPECT_EQ(cli::log_body(log), kBanner + kHelp);  // no closing rule after an early end
-
-    r = cli::tervane(dir.path, {"-V", "-l", "v.log"});
-    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(tu::log_body(log), kBanner + kHelp);  // no closing rule after an early end
+    r = transmit(dir, {"-V", "-l", "v.log"});
     EXPECT_EQ(r.out, kBanner);
-    EXPECT_EQ(cli::read_text(dir / "v.log").rfind("Generated log information: v.log , ", 0), 0u);
+    EXPECT_EQ(tu::read_text(dir / "v.log").rfind("Generated log information: v.log , ", 0), 0u);
 }
 
-TEST(CliInput, FatalErrorsInTheirOrder) {
+TEST(Cli, FatalErrorsInTheirOrder) {
     TempDir dir;
-    cli::write_file(dir / "a.ts", cli::make_ts(10));
-    const std::string no_name = "FATAL ERROR: no MPEG-2 TS file name given.\nTry -h for command line parameters help.\n";
-    auto r = cli::tervane(dir.path, {"-o", "out", "-d", "e"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_TRUE(r.out.ends_with(no_name)) << r.out;
-
-    r = cli::tervane(dir.path, {"-i", "nothere.ts", "-o", "out", "-d", "et"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_TRUE(r.out.ends_with("FATAL ERROR: Can't find \"nothere.ts\"\n")) << r.out;
-    EXPECT_FALSE(std::filesystem::exists(dir / "out_ed.bin"));
-    EXPECT_FALSE(std::filesystem::exists(dir / "out.bin"));
-
-    // A directory is not a readable input.
-    std::filesystem::create_directory(dir / "sub");
-    r = cli::tervane(dir.path, {"-i", "sub"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_TRUE(r.out.ends_with("FATAL ERROR: Can't find \"sub\"\n"));
-
-    // Hierarchical: HP name, then LP name, then the HP file, then the LP file.
-    r = cli::tervane(dir.path, {"-a", "1", "-i", "a.ts"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_TRUE(r.out.ends_with("FATAL ERROR: no MPEG-2 TS HP file name given.\nTry -h for command line parameters help.\n"));
-    r = cli::tervane(dir.path, {"-a", "1", "-ihp", "x.ts"});
-    EXPECT_TRUE(r.out.ends_with("FATAL ERROR: no MPEG-2 TS LP file name given.\nTry -h for command line parameters help.\n"));
-    r = cli::tervane(dir.path, {"-a", "1", "-ihp", "x.ts", "-ilp", "y.ts"});
-    EXPECT_TRUE(r.out.ends_with("FATAL ERROR: Can't find \"x.ts\"\n"));
-    r = cli::tervane(dir.path, {"-a", "1", "-ihp", "a.ts", "-ilp", "y.ts"});
-    EXPECT_EQ(r.status, 1);
-    EXPECT_TRUE(r.out.ends_with("FATAL ERROR: Can't find \"y.ts\"\n"));
-
-    // Level 0 messages show even at verbosity 0.
-    r = cli::tervane(dir.path, {"-v", "0"});
-    EXPECT_EQ(r.out, no_name);
-}
-
-TEST(CliReport, DefaultFiguresAndLogMirrorsScreen) {
-    TempDir dir;
-    cli::write_file(dir / "in.ts", cli::make_ts(250));
-    auto r = cli::tervane(dir.path, {"-i", "in.ts", "-o", "out.dat", "-d", "e"});
-    ASSERT_EQ(r.status, 0) << r.out;
-    for (const char* line : {
-             "\tMPEG-2 TS file name    : in.ts\n", "\tOutput file basename   : out.dat\n",
-             "\tMode                   : 2k\n", "\tConstellation order    : 4QAM\n",
-             "\tPrefix duration        : 1/32\n", "\tCell identifier        : not set\n",
-             "\tOutput sampling rate   : 9.142857 Msps\n", "\tOutput sample time     : 109.375 ns\n",
-             "\tUseful symbol time     : 224.000 micros\n", "\tGuard interval time    : 7.000 micros\n",
-             "\tTotal symbol time      : 231.000 micros\n", "\tUseful throughput      : 6.032085 Mbps\n",
-             "\tCarrier spacing        : 4.464 kHz\n", "\tNominal bandwidth      : 7.611607 MHz\n",
-             "\tMPEG-2 packets per time: 100\n", "\tTotal RAM (approx.)    : 6.282 MB\n",
-             "Checking MPEG-2 TS file length ... 47000 bytes\n",
-             "Energy disperder dumping selected: out_ed.bin\n", "Theoretical global rate = 6032.08"}) {
-        EXPECT_TRUE(contains(r.out, line)) << "missing: " << line;
+    tu::write_file(dir / "a.ts", tu::make_ts(10));
+    fs::create_directory(dir / "sub");
+    const std::string no_name = "FATAL ERROR: no MPEG-2 TS %sfile name given.\nTry -h for command line parameters help.\n";
+    auto fatal = [](const char* fmt, const char* what) {
+        char buf[200];
+        std::snprintf(buf, sizeof buf, fmt, what);
+        return std::string(buf);
+    };
+    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+        {{"-o", "out", "-d", "et", "-v", "0"}, fatal(no_name.c_str(), "")},
+        {{"-i", "nothere.ts", "-o", "out", "-d", "et"}, "FATAL ERROR: Can't find \"nothere.ts\"\n"},
+        {{"-i", "sub", "-o", "out", "-d", "et"}, "FATAL ERROR: Can't find \"sub\"\n"},
+        {{"-a", "1", "-i", "a.ts"}, fatal(no_name.c_str(), "HP ")},
+        {{"-a", "1", "-ihp", "x.ts"}, fatal(no_name.c_str(), "LP ")},
+        {{"-a", "1", "-ihp", "x.ts", "-ilp", "y.ts"}, "FATAL ERROR: Can't find \"x.ts\"\n"},
+        {{"-a", "1", "-ihp", "a.ts", "-ilp", "y.ts"}, "FATAL ERROR: Can't find \"y.ts\"\n"},
+    };
+    for (const auto& [args, message] : cases) {
+        const auto r = transmit(dir, args, 1);
+        EXPECT_TRUE(r.out.ends_with(message)) << r.out;
+        EXPECT_FALSE(fs::exists(dir / "out.bin") || fs::exists(dir / "out_ed.bin"));
     }
-    const std::string log = cli::read_text(dir / "test.log");
-    const std::string rule = "________________________________________________\n\n";
-    EXPECT_EQ(cli::log_body(log), r.out + rule);
+    EXPECT_EQ(transmit(dir, {"-v", "0"}, 1).out, fatal(no_name.c_str(), ""));  // level 0 shows at -v 0
 }
 
-TEST(CliReport, AdjustmentsHierarchyInDepthAndCellId) {
+TEST(Cli, ReportFiguresAndAdjustments) {
     TempDir dir;
-    cli::write_file(dir / "a.ts", cli::make_ts(10));
-    // Hierarchical QPSK runs as 16-QAM; HP gets 2 bits per cell, LP the other 2.
-    auto r = cli::tervane(dir.path, {"-a", "2", "-ihp", "a.ts", "-ilp", "a.ts", "-php", "1/2", "-plp", "3/4",
-                                     "-cid", "255", "-idi"});
-    ASSERT_EQ(r.status, 0) << r.out;
-    EXPECT_TRUE(contains(r.out, "\tConstellation order    : 16QAM\n"));
-    EXPECT_TRUE(contains(r.out, "\tMPEG-2 TS file name, HP: a.ts\n\tMPEG-2 TS file name, LP: a.ts\n"));
-    EXPECT_TRUE(contains(r.out, "\tPuncturing rate, HP    : 1/2\n\tPuncturing rate, LP    : 3/4\n"));
-    EXPECT_TRUE(contains(r.out, "\tUseful throughput, HP  : 6.032085 Mbps\n"));
-    EXPECT_TRUE(contains(r.out, "\tUseful throughput, LP  : 9.048128 Mbps\n"));
-    EXPECT_TRUE(contains(r.out, "\tIn-depth interleaving  : yes\n"));
-    EXPECT_TRUE(contains(r.out, "\tCell identifier        : 0x00ff\n"));
-    EXPECT_TRUE(contains(r.out, "Checking MPEG-2 TS files length ... 1880 bytes (HP) + 1880 bytes (LP)\n"));
-    // Buffers stay sized for the QPSK request: 2 bits per cell.
-    EXPECT_TRUE(contains(r.out, "\tTotal RAM (approx.)    : 6.282 MB\n"));
-    EXPECT_TRUE(contains(r.out, "Theoretical global rate = 15080.2"));
+    tu::write_file(dir / "a.ts", tu::make_ts(250));
+    auto r = transmit(dir, {"-i", "a.ts", "-o", "out.dat", "-d", "e"});
+    for (const char* line :
+         {"\tMPEG-2 TS file name    : a.ts\n\tOutput file basename   : out.dat\n\tMode                   : 2k\n"
+          "\tConstellation order    : 4QAM\n\tUniformity order       : NH\n\tPrefix duration        : 1/32\n"
+          "\tPuncturing rate        : 1/2\n\tIn-depth interleaving  : no\n\tChannel spacing        : 8 MHz\n"
+          "\tCell identifier        : not set\n\tConv. Interleaver init.: rand\n\tFrequency mapping      : 0 IF\n"
+          "\tInterpolation rate     : 1x\n\tGain factor            : 4.2000\n",
+          "\tOutput sampling rate   : 9.142857 Msps\n\tOutput sample time     : 109.375 ns\n"
+          "\tUseful symbol time     : 224.000 micros\n\tGuard interval time    : 7.000 micros\n"
+          "\tTotal symbol time      : 231.000 micros\n\tUseful throughput      : 6.032085 Mbps\n"
+          "\tCarrier spacing        : 4.464 kHz\n\tNominal bandwidth      : 7.611607 MHz\n",
+          "\tMPEG-2 packets per time: 100\n\tTotal RAM (approx.)    : 6.282 MB\n",
+          "Checking MPEG-2 TS file length ... 47000 bytes\n", "Energy disperder dumping selected: out_ed.bin\n",
+          "Theoretical global rate = 6032.086 kbps\n"})
+        EXPECT_TRUE(contains(r.out, line)) << "missing: " << line;
+    EXPECT_EQ(tu::log_body(tu::read_text(dir / "test.log")), r.out + std::string(48, '_') + "\n\n");
 
-    r = cli::tervane(dir.path, {"-i", "a.ts", "-m", "8k", "-idi", "-cid", "0", "-M", "64", "-D", "1/4", "-p", "7/8"});
-    ASSERT_EQ(r.status, 0);
-    EXPECT_TRUE(contains(r.out, "\tIn-depth interleaving  : no\n"));
-    EXPECT_TRUE(contains(r.out, "\tCell identifier        : 0x0000\n"));
-    EXPECT_TRUE(contains(r.out, "\tUseful throughput      : 26.126470 Mbps\n"));
-    EXPECT_TRUE(contains(r.out, "\tCarrier spacing        : 1.116 kHz\n"));
+    // Hierarchical QPSK runs as 16-QAM (buffers stay sized for 2 bits);
+    // HP 2 bits per cell, LP the other 2; the end report adds them.
+    r = transmit(dir, {"-a", "2", "-ihp", "a.ts", "-ilp", "a.ts", "-php", "1/2", "-plp", "3/4", "-cid", "255", "-idi",
+                       "-b", "7", "-f", "INV", "-I", "2x", "-c", "0", "-g", "0.5"});
+    for (const char* line :
+         {"\tMPEG-2 TS file name, HP: a.ts\n\tMPEG-2 TS file name, LP: a.ts\n\tOutput file basename   : NONE\n",
+          "\tConstellation order    : 16QAM\n\tUniformity order       : 2\n",
+          "\tPuncturing rate, HP    : 1/2\n\tPuncturing rate, LP    : 3/4\n\tIn-depth interleaving  : yes\n"
+          "\tChannel spacing        : 7 MHz\n\tCell identifier        : 0x00ff\n\tConv. Interleaver init.: 0\n"
+          "\tFrequency mapping      : INV IF\n\tInterpolation rate     : 2x\n\tGain factor            : 0.5000\n",
+          "\tOutput sampling rate   : 16.000000 Msps\n\tOutput sample time     : 125.000 ns\n",
+          "\tUseful throughput, HP  : 5.278075 Mbps\n\tUseful throughput, LP  : 7.917112 Mbps\n",
+          "\tCarrier spacing        : 3.906 kHz\n", "\tTotal RAM (approx.)    : 6.282 MB\n",
+          "Checking MPEG-2 TS files length ... 47000 bytes (HP) + 47000 bytes (LP)\n",
+          "Theoretical global rate = 13195.188 kbps\n"})
+        EXPECT_TRUE(contains(r.out, line)) << "missing: " << line;
+    r = transmit(dir, {"-i", "a.ts", "-m", "8k", "-idi", "-cid", "0", "-M", "64", "-D", "1/4", "-p", "7/8", "-s", "19"});
+    for (const char* line : {"\tIn-depth interleaving  : no\n", "\tCell identifier        : 0x0000\n",
+                             "\tUseful throughput      : 26.126470 Mbps\n", "\tCarrier spacing        : 1.116 kHz\n"})
+        EXPECT_TRUE(contains(r.out, line)) << "missing: " << line;
 }
 
-TEST(CliOptions, ParserQuirksSeenFromOutside) {
+// Each kind of line appears exactly from its level on: 0 warnings, 1 the end
+// report, 2 the parameter report, dump selections, progress and the speed
+// comparison, 3 the input size, 4 one count line per stage call.
+TEST(Cli, EveryMessageAtItsLevel) {
     TempDir dir;
-    cli::write_file(dir / "a.ts", cli::make_ts(10));
-    // First occurrence of an integer wins; last valid occurrence of a list wins.
-    auto r = cli::tervane(dir.path, {"-i", "a.ts", "-s", "20", "-s", "30", "-m", "8k", "-m", "2k", "-b", "9"});
+    tu::write_file(dir / "a.ts", tu::make_ts(60));
+    auto level_of = [](const std::string& l) {
+        if (l.rfind("WARNING", 0) == 0) return 0;
+        if (l.rfind("Theoretical global rate", 0) == 0 || l.rfind("Elapsed time", 0) == 0) return 1;
+        if (l.rfind("Checking MPEG-2", 0) == 0) return 3;
+        if (l.ends_with(" samples")) return 4;
+        return 2;
+    };
+    std::map<int, size_t> all;
+    for (const std::string& l : lines(transmit(dir, {"-i", "a.ts", "-o", "nodir/x", "-d", "et", "-v", "4", "-I", "2x"}).out))
+        ++all[level_of(l)];
+    ASSERT_EQ(all[0], 2u);  // the two files that cannot be opened
+    ASSERT_EQ(all[1], 2u);
+    ASSERT_GT(all[4], 12u);
+    for (int v = 0; v <= 3; ++v) {
+        std::map<int, size_t> seen;
+        for (const std::string& l : lines(transmit(dir, {"-i", "a.ts", "-o", "nodir/x", "-d", "et", "-v", std::to_string(v), "-I", "2x"}).out))
+            ++seen[level_of(l)];
+        for (int level = 0; level <= 4; ++level) EXPECT_EQ(seen[level], level <= v ? all[level] : 0u) << "-v " << v << ", level " << level;
+    }
+    // The count lines name every stage, in chain order in each pass.
+    const std::string out = transmit(dir, {"-i", "a.ts", "-v", "4", "-I", "2x"}).out;
+    const std::string pass = "MPEG-2_read : 11280 samples\nEnergy+Inv. : 11280 samples\nOuter_coder : 11280 samples\n"
+                             "Outer_int   : 12240 samples\nInner_coder1: 12240 samples\nInner_coder2: 195840 samples\n"
+                             "Inner_int_b : 195804 samples\nInner_int_s : 96768 samples\nMapping     : 96768 samples\n"
+                             "Framing     : 96768 samples\nOFDM        : 109120 samples\nTransmission: 81600 samples\n"
+                             "Time dump   : 163200 samples\n";
+    EXPECT_TRUE(contains(out, pass)) << out;
+}
+
+// Elapsed time times the measured rate is the payload that the samples carry;
+// the comparison is their ratio to the theoretical rate.
+TEST(Cli, EndReportFigures) {
+    TempDir dir;
+    tu::write_file(dir / "a.ts", tu::make_ts(2000));
+    const std::string out = transmit(dir, {"-i", "a.ts", "-o", "o", "-d", "t", "-p", "2/3", "-v", "2"}).out;
+    double theory = 0, t = 0, x = 0, ratio = 0;
+    const size_t at = out.find("Theoretical global rate = ");
+    ASSERT_NE(at, std::string::npos) << out;
+    ASSERT_EQ(std::sscanf(out.c_str() + at, "Theoretical global rate = %lf kbps\nElapsed time = %lf s. Approx. %lf kbps.\n",
+                          &theory, &t, &x), 3) << out.substr(at);
+    EXPECT_DOUBLE_EQ(theory, 8042.781);
+    const double symbols = static_cast<double>(fs::file_size(dir / "o.bin")) / 8 / 2112;
+    const double payload_kbit = symbols * 1512 * 2 * (2.0 / 3) * 188 / 204 / 1000;
+    ASSERT_GT(t, 0.0);
+    EXPECT_NEAR(x * t / payload_kbit, 1.0, 0.01);
+    const char* word = x > theory ? "faster" : "slower";
+    ASSERT_EQ(std::sscanf(out.c_str() + out.find("This is "), "This is %lf times", &ratio), 1);
+    EXPECT_TRUE(contains(out, std::string(" times ") + word + " than real-time " + (x > theory ? ";=)" : ":=(") + "\n"));
+    EXPECT_NEAR(ratio, x > theory ? x / theory : theory / x, 0.051 * ratio);
+}
+
+TEST(Cli, OptionQuirksSeenFromOutside) {
+    TempDir dir;
+    tu::write_file(dir / "a.ts", tu::make_ts(10));
+    auto r = transmit(dir, {"-i", "a.ts", "-s", "20", "-s", "30", "-m", "8k", "-m", "2k", "-b", "9", "-D", "1/4", "-D", "x"});
     EXPECT_TRUE(contains(r.out, "packets per time: 20\n"));
     EXPECT_TRUE(contains(r.out, "Mode                   : 2k\n"));
     EXPECT_TRUE(contains(r.out, "Channel spacing        : 8 MHz\n"));
-    r = cli::tervane(dir.path, {"-i", "a.ts", "-m", "8k", "-m", "16k"});
-    EXPECT_TRUE(contains(r.out, "Mode                   : 8k\n"));
-    // -s is clamped silently to 5..1000.
-    for (auto [value, shown] : std::array<std::pair<const char*, const char*>, 4>{
-             {{"0", "5"}, {"-7", "5"}, {"abc", "5"}, {"100000", "1000"}}}) {
-        r = cli::tervane(dir.path, {"-i", "a.ts", "-s", value});
-        EXPECT_TRUE(contains(r.out, std::string("packets per time: ") + shown + "\n")) << value;
-    }
-    // -v -1 shows every level, the per-stage counts included; -v 65536 is 0.
-    r = cli::tervane(dir.path, {"-i", "a.ts", "-v", "-1"});
-    EXPECT_TRUE(contains(r.out, "MPEG-2_read : 1880 samples\n"));
-    EXPECT_TRUE(contains(r.out, "Energy+Inv. : 1880 samples\n"));
-    EXPECT_TRUE(contains(r.out, "MPEG-2_read : 0 samples\n"));
-    r = cli::tervane(dir.path, {"-i", "a.ts", "-v", "65536"});
-    EXPECT_EQ(r.out, "");
-    // -v 1 hides the report but keeps the end report.
-    r = cli::tervane(dir.path, {"-i", "a.ts", "-v", "1"});
-    EXPECT_FALSE(contains(r.out, "DVB-T Exciter parameters"));
-    EXPECT_TRUE(contains(r.out, "Theoretical global rate"));
-    // "-o" followed by "-i": -i finds its value, -o receives the text "-i".
-    r = cli::tervane(dir.path, {"-o", "-i", "a.ts"});
-    EXPECT_TRUE(contains(r.out, "\tOutput file basename   : -i\n"));
+    EXPECT_TRUE(contains(r.out, "Prefix duration        : 1/4\n"));
+    for (auto [value, shown] : std::vector<std::pair<const char*, const char*>>{{"0", "5"}, {"-7", "5"}, {"abc", "5"}, {"1001", "1000"}})
+        EXPECT_TRUE(contains(transmit(dir, {"-i", "a.ts", "-s", value}).out, std::string("packets per time: ") + shown + "\n")) << value;
+    EXPECT_TRUE(contains(transmit(dir, {"-i", "a.ts", "-v", "-1"}).out, "MPEG-2_read : 1880 samples\n"));
+    EXPECT_EQ(transmit(dir, {"-i", "a.ts", "-v", "65536"}).out, "");
+    r = transmit(dir, {"-o", "-i", "a.ts"});
+    EXPECT_TRUE(contains(r.out, "\tOutput file basename   : -i\n\tMode"));
     EXPECT_TRUE(contains(r.out, "\tMPEG-2 TS file name    : a.ts\n"));
+    r = transmit(dir, {"-i", "a.ts", "-g", "nan", "-cid", "99999999999"});
+    EXPECT_TRUE(contains(r.out, "Gain factor            : nan\n"));
+    EXPECT_TRUE(contains(r.out, "Cell identifier        : 0x7fffffff\n"));
 }
 
-TEST(CliDumps, FileNamesAndMessages) {
+TEST(Cli, FileNamesWarningsAndRefusals) {
     TempDir dir;
-    cli::write_file(dir / "a.ts", cli::make_ts(10));
-    auto r = cli::tervane(dir.path, {"-i", "a.ts", "-o", "a.b.c", "-d", "rcEq"});
+    tu::write_file(dir / "a.ts", tu::make_ts(40));
+    auto r = transmit(dir, {"-i", "a.ts", "-o", "a.b.c", "-d", "rcEq"});
     EXPECT_TRUE(contains(r.out, "Reed-Solomon encoder dumping selected: a_rs.bin\nConvolutional interleaver dumping selected: a_ci.bin\n"));
     EXPECT_FALSE(contains(r.out, "Energy disperder"));
-    r = cli::tervane(dir.path, {"-a", "4", "-ihp", "a.ts", "-ilp", "a.ts", "-o", "h", "-d", "r"});
-    EXPECT_TRUE(contains(r.out, "Reed-Solomon HP encoder dumping selected: h_rshp.bin\nReed-Solomon LP encoder dumping selected: h_rslp.bin\n"));
-    EXPECT_TRUE(std::filesystem::exists(dir / "h_rshp.bin"));
-    EXPECT_TRUE(std::filesystem::exists(dir / "h_rslp.bin"));
-    r = cli::tervane(dir.path, {"-i", "a.ts", "-d", "t"});
-    EXPECT_TRUE(contains(r.out, "WARNING: no DAC stream file name given -> using tervane.bin\n"));
-    r = cli::tervane(dir.path, {"-i", "a.ts", "-o", "out", "-d", "t", "-F", "agiold"});
+    r = transmit(dir, {"-a", "4", "-ihp", "a.ts", "-ilp", "a.ts", "-o", "h", "-d", "erpvbsmfc"});
+    for (const char* m : {"Energy disperder HP dumping selected: h_edhp.bin\nEnergy disperder LP dumping selected: h_edlp.bin\n"
+                          "Reed-Solomon HP encoder dumping selected: h_rshp.bin\nReed-Solomon LP encoder dumping selected: h_rslp.bin\n"
+                          "Convolutional HP interleaver dumping selected: h_cihp.bin\nConvolutional LP interleaver dumping selected: h_cilp.bin\n"
+                          "Convolutional HP encoder dumping selected: h_vehp.bin\nConvolutional LP encoder dumping selected: h_velp.bin\n"
+                          "HP Puncturer dumping selected: h_puhp.bin\nLP Puncturer dumping selected: h_pulp.bin\n"
+                          "Bit interleaver dumping selected: h_bi.bin\nSymbol interleaver stream dumping selected\n"
+                          "Mapper stream dumping selected\nfrequency domain dumping selected: h_fd.bin\n"})
+        EXPECT_TRUE(contains(r.out, m)) << r.out;
+    EXPECT_TRUE(fs::exists(dir / "h_si.bin") && fs::exists(dir / "h_ma.bin"));
+    EXPECT_TRUE(contains(transmit(dir, {"-i", "a.ts", "-d", "t"}).out, "WARNING: no DAC stream file name given -> using tervane.bin\n"));
+    EXPECT_TRUE(fs::exists(dir / "tervane.bin"));
+    r = transmit(dir, {"-i", "a.ts", "-o", "out", "-d", "t", "-F", "agiold"});
     EXPECT_TRUE(contains(r.out, "Time domain dumping selected - Old Agilent format: _I & _Q\n"));
-    EXPECT_TRUE(std::filesystem::exists(dir / "out_I.bin"));
-    EXPECT_TRUE(std::filesystem::exists(dir / "out_Q.bin"));
-    // A dump in a missing directory is skipped with a warning; the run goes on.
-    r = cli::tervane(dir.path, {"-i", "a.ts", "-o", "nodir/x", "-d", "e"});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_TRUE(contains(r.out, "WARNING: Can't open \"nodir/x_ed.bin\" -> skipping ...\n"));
-    // A name longer than the name buffer is refused, not cut.
-    const std::string longstem(130, 'L');
-    r = cli::tervane(dir.path, {"-i", "a.ts", "-o", longstem, "-d", "e"});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_TRUE(contains(r.out, "WARNING: file name too long"));
-}
-
-// Energy dispersal sequence computed bit by bit: 1 + x^14 + x^15, register
-// loaded with 100101010000000 (stages 1..15).
-std::vector<unsigned char> dispersal_bytes() {
-    std::array<int, 15> reg{1, 0, 0, 1, 0, 1, 0, 1, 0, 0, 0, 0, 0, 0, 0};
-    std::vector<unsigned char> bytes(1504, 0);
-    for (int i = 0; i < 12032; ++i) {
-        const int fb = reg[13] ^ reg[14];
-        for (int k = 14; k > 0; --k) reg[k] = reg[k - 1];
-        reg[0] = fb;
-        bytes[i / 8] = static_cast<unsigned char>(bytes[i / 8] | (fb << (7 - i % 8)));
-    }
-    return bytes;
-}
-
-TEST(CliEnergy, DumpIsTheDispersedStreamForAnyBatchSize) {
-    TempDir dir;
-    const auto ts = cli::make_ts(83, 7);  // not a multiple of 8 packets nor of any batch
-    cli::write_file(dir / "in.ts", ts);
-    const auto seq = dispersal_bytes();
-    ASSERT_EQ(seq[0], 0x03);
-    ASSERT_EQ(seq[1], 0xF6);
-
-    auto r = cli::tervane(dir.path, {"-i", "in.ts", "-o", "s100", "-d", "e"});
-    ASSERT_EQ(r.status, 0);
-    const auto dump = cli::read_file(dir / "s100_ed.bin");
-    ASSERT_EQ(dump.size(), ts.size());
-    for (size_t i = 0; i < ts.size(); ++i) {
-        const size_t p = i % 1504;
-        unsigned char expect;
-        if (p == 0) expect = static_cast<unsigned char>(~ts[i]);
-        else if (p % 188 == 0) expect = ts[i];
-        else expect = ts[i] ^ seq[p - 1];
-        ASSERT_EQ(dump[i], expect) << "byte " << i;
-    }
-    EXPECT_EQ(dump[0], 0xB8);
-    for (const char* s : {"5", "7", "13"}) {
-        const std::string stem = std::string("s") + s;
-        r = cli::tervane(dir.path, {"-i", "in.ts", "-o", stem, "-d", "e", "-s", s});
-        ASSERT_EQ(r.status, 0);
-        EXPECT_EQ(cli::read_file(dir / (stem + "_ed.bin")), dump) << "-s " << s;
-    }
-}
-
-}  // namespace
-
-namespace {
-
-TEST(CliBatch, TooSmallForOneSymbolIsSaidAndWritesNothing) {
-    TempDir dir;
-    cli::write_file(dir / "a.ts", cli::make_ts(400));
-    // 8k, 64-QAM, guard 1/4: a symbol is 10240 samples; 544 per packet of batch.
-    auto r = cli::tervane(dir.path, {"-i", "a.ts", "-o", "o", "-d", "t", "-m", "8k", "-M", "64", "-D", "1/4", "-s", "18"});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_TRUE(contains(r.out, "WARNING: -s 18 is too small for this mode"));
-    EXPECT_TRUE(contains(r.out, "(use -s 19 or more)"));
-    EXPECT_EQ(std::filesystem::file_size(dir / "o.bin"), 0u);
-    r = cli::tervane(dir.path, {"-i", "a.ts", "-o", "o", "-d", "t", "-m", "8k", "-M", "64", "-D", "1/4", "-s", "19"});
-    EXPECT_FALSE(contains(r.out, "WARNING"));
-    EXPECT_GT(std::filesystem::file_size(dir / "o.bin"), 0u);
-    EXPECT_EQ(std::filesystem::file_size(dir / "o.bin") % (10240 * 8), 0u);
-}
-
-}  // namespace
-
-namespace {
-
-TEST(CliDumps, AnOutputNamedLikeAnInputIsRefused) {
-    TempDir dir;
-    const auto ts = cli::make_ts(40);
-    cli::write_file(dir / "x.bin", ts);
-    const auto r = cli::tervane(dir.path, {"-i", "x.bin", "-o", "x", "-d", "te"});
-    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(fs::file_size(dir / "out_I.bin"), fs::file_size(dir / "out_Q.bin"));
+    EXPECT_TRUE(contains(transmit(dir, {"-i", "a.ts", "-o", "g", "-d", "t", "-F", "agi"}).out,
+                         "Time domain dumping selected - Agilent format: g_agi.bin\n"));
+    // Not creatable, too long for the name buffer (126 characters), or one of the inputs: skipped.
+    r = transmit(dir, {"-i", "a.ts", "-o", "missing/out", "-d", "et"});
+    EXPECT_TRUE(contains(r.out, "WARNING: Can't open \"missing/out_ed.bin\" -> skipping ...\n"));
+    EXPECT_TRUE(contains(r.out, "WARNING: Can't open \"missing/out.bin\" -> skipping ...\n"));
+    const std::string stem(122, 's');
+    r = transmit(dir, {"-i", "a.ts", "-o", stem + ".ext", "-d", "te"});
+    EXPECT_TRUE(fs::exists(dir / (stem + ".bin")));
+    EXPECT_TRUE(contains(r.out, "WARNING: file name too long (129 characters, at most 126)")) << r.out;
+    const auto ts = tu::read_file(dir / "a.ts");
+    tu::write_file(dir / "x.bin", ts);
+    r = transmit(dir, {"-i", "x.bin", "-o", "x", "-d", "te"});
     EXPECT_TRUE(contains(r.out, "WARNING: \"x.bin\" is an input file and would be overwritten -> skipping ...\n"));
-    EXPECT_EQ(cli::read_file(dir / "x.bin"), ts);  // the input is intact
-    EXPECT_EQ(std::filesystem::file_size(dir / "x_ed.bin"), ts.size());  // the other dumps still run
+    EXPECT_EQ(tu::read_file(dir / "x.bin"), ts);
+    EXPECT_EQ(fs::file_size(dir / "x_ed.bin"), ts.size());
+    // A batch too small for one OFDM symbol is said, and no sample comes out.
+    r = transmit(dir, {"-i", "a.ts", "-o", "o", "-d", "t", "-m", "8k", "-M", "64", "-D", "1/4", "-s", "18"});
+    EXPECT_TRUE(contains(r.out, "WARNING: -s 18 is too small for this mode: no OFDM symbol fits the buffers, so no "
+                                "samples will be produced (use -s 19 or more)\n"));
+    EXPECT_EQ(fs::file_size(dir / "o.bin"), 0u);
+}
+
+// The same stream on both branches: with zero fills the branches' dumps are
+// equal; with random fills the two interleavers start differently, and a
+// second run reproduces the first.
+TEST(Cli, HierarchicalBranches) {
+    TempDir dir;
+    tu::write_file(dir / "a.ts", tu::make_ts(60));
+    transmit(dir, {"-a", "1", "-M", "64", "-ihp", "a.ts", "-ilp", "a.ts", "-o", "z", "-d", "ercv", "-c", "0"});
+    for (const char* s : {"ed", "rs", "ci", "ve"})
+        EXPECT_EQ(tu::read_file(dir / (std::string("z_") + s + "hp.bin")), tu::read_file(dir / (std::string("z_") + s + "lp.bin"))) << s;
+    transmit(dir, {"-a", "1", "-M", "64", "-ihp", "a.ts", "-ilp", "a.ts", "-o", "r1", "-d", "c"});
+    transmit(dir, {"-a", "1", "-M", "64", "-ihp", "a.ts", "-ilp", "a.ts", "-o", "r2", "-d", "c"});
+    const auto hp = tu::read_file(dir / "r1_cihp.bin"), lp = tu::read_file(dir / "r1_cilp.bin");
+    EXPECT_NE(hp, lp);
+    EXPECT_EQ(std::vector(hp.begin() + 2244, hp.end()), std::vector(lp.begin() + 2244, lp.end()));
+    EXPECT_EQ(tu::read_file(dir / "r2_cihp.bin"), hp);
+    EXPECT_EQ(tu::read_file(dir / "r2_cilp.bin"), lp);
+}
+
+// Degenerate and malformed streams end normally with whole symbols of finite samples.
+TEST(Cli, HostileStreams) {
+    TempDir dir;
+    auto symbols = [&](const std::string& name) {
+        const auto b = tu::read_file(dir / name);
+        EXPECT_EQ(b.size() % (2112 * 8), 0u);
+        for (size_t i = 0; i + 4 <= b.size(); i += 4) {
+            float f;
+            std::memcpy(&f, &b[i], 4);
+            if (!std::isfinite(f)) ADD_FAILURE() << "non-finite sample in " << name;
+        }
+        return b.size() / (2112 * 8);
+    };
+    tu::write_file(dir / "empty.ts", {});
+    auto r = transmit(dir, {"-i", "empty.ts", "-o", "e", "-d", "et"});
+    EXPECT_TRUE(contains(r.out, "Checking MPEG-2 TS file length ... 0 bytes\n"));
+    EXPECT_FALSE(contains(r.out, "% done"));
+    EXPECT_EQ(symbols("e.bin"), 0u);
+    // Starting inside a packet and ending with part of one: coded by position alone.
+    auto in = tu::make_ts(60, 7);
+    in.erase(in.begin(), in.begin() + 5);
+    tu::write_file(dir / "unsync.ts", in);
+    transmit(dir, {"-i", "unsync.ts", "-o", "u", "-d", "et"});
+    EXPECT_EQ(tu::read_file(dir / "u_ed.bin")[0], static_cast<unsigned char>(~in[0]));
+    EXPECT_GT(symbols("u.bin"), 40u);
+    std::mt19937 gen(3);
+    for (auto& x : in) x = static_cast<unsigned char>(gen() >> 24);
+    tu::write_file(dir / "random.ts", in);
+    transmit(dir, {"-i", "random.ts", "-o", "x", "-d", "t", "-m", "8k", "-M", "64", "-D", "1/4", "-I", "4x", "-F", "agi", "-s", "19"});
+    // Streams of very different lengths: the shorter one bounds the output.
+    tu::write_file(dir / "short.ts", tu::make_ts(10, 1));
+    tu::write_file(dir / "long.ts", tu::make_ts(2000, 2));
+    for (const auto& [hp, lp] : {std::pair{"short.ts", "long.ts"}, std::pair{"long.ts", "short.ts"}}) {
+        transmit(dir, {"-a", "2", "-M", "16", "-ihp", hp, "-ilp", lp, "-o", "h", "-d", "t"});
+        EXPECT_EQ(symbols("h.bin"), 10u) << hp;
+    }
 }
 
 }  // namespace

@@ -26,11 +26,11 @@
 #include <unordered_map>
 #include <vector>
 
-#include "cli_util.hpp"
+#include "util.hpp"
 
 namespace {
 
-using cli::TempDir;
+using tu::TempDir;
 
 constexpr size_t kPacket = 188;
 constexpr double kMinRecovered = 0.80;
@@ -118,10 +118,10 @@ const std::string& receiver_script() {
 // Writes the stream as in.ts and transmits it to out.bin; returns the number
 // of samples written.
 size_t transmit(const TempDir& dir, const Config& cfg, const std::vector<unsigned char>& ts) {
-    cli::write_file(dir / "in.ts", ts);
-    const auto tx = cli::tervane(dir.path, {"-i", "in.ts", "-o", "out", "-d", "t", "-m", cfg.mode, "-M", cfg.M,
+    tu::write_file(dir / "in.ts", ts);
+    const auto tx = tu::tervane(dir.path, {"-i", "in.ts", "-o", "out", "-d", "t", "-m", cfg.mode, "-M", cfg.M,
                                             "-D", cfg.guard, "-p", cfg.rate, "-s", cfg.packnum, "-v", "0"});
-    EXPECT_EQ(tx.status, 0) << cli::read_text(dir / "err.txt");
+    EXPECT_EQ(tx.status, 0) << tu::read_text(dir / "err.txt");
     std::error_code ec;
     const auto bytes = std::filesystem::file_size(dir / "out.bin", ec);
     EXPECT_FALSE(ec) << "no out.bin";
@@ -133,9 +133,9 @@ size_t transmit(const TempDir& dir, const Config& cfg, const std::vector<unsigne
 // returns the receiver's exit status (124 when it had to be stopped).
 int receive(const TempDir& dir, const Config& rx) {
     // A receiver that stalls must not hang the suite: it gets 5 minutes.
-    const auto r = cli::run(dir.path, "/usr/bin/timeout",
+    const auto r = tu::run(dir.path, "/usr/bin/timeout",
                             {"300", kPython, receiver_script(), "out.bin", "rx.ts", rx.mode, rx.M, rx.rate, rx.guard});
-    EXPECT_EQ(r.status, 0) << "receiver failed (124: timed out)\n" << cli::read_text(dir / "err.txt");
+    EXPECT_EQ(r.status, 0) << "receiver failed (124: timed out)\n" << tu::read_text(dir / "err.txt");
     return r.status;
 }
 
@@ -148,7 +148,7 @@ int receive(const TempDir& dir, const Config& rx) {
 // what comes back (see the top of the file).
 void check_round_trip(const Config& cfg) {
     TempDir dir;
-    const auto in = cli::make_ts(cfg.superframes * packets_per_superframe(cfg), 7);
+    const auto in = tu::make_ts(cfg.superframes * packets_per_superframe(cfg), 7);
 
     using clock = std::chrono::steady_clock;
     const auto t0 = clock::now();
@@ -158,7 +158,7 @@ void check_round_trip(const Config& cfg) {
     ASSERT_EQ(receive(dir, cfg), 0);
     const auto t2 = clock::now();
 
-    const auto rx = cli::read_file(dir / "rx.ts");
+    const auto rx = tu::read_file(dir / "rx.ts");
     const Comparison c = compare(in, rx);
     const size_t n_in = in.size() / kPacket;
     const double recovered = static_cast<double>(c.matching) / static_cast<double>(n_in);
@@ -220,18 +220,18 @@ TEST(InteropMismatch, WrongReceiverSettingsRecoverNothing) {
     SKIP_WITHOUT_RECEIVER();
     const Config sent{"sent", "2k", "4", "1/32", "1/2", "7", 4};
     TempDir dir;
-    const auto in = cli::make_ts(sent.superframes * packets_per_superframe(sent), 3);
+    const auto in = tu::make_ts(sent.superframes * packets_per_superframe(sent), 3);
     ASSERT_GT(transmit(dir, sent, in), 0u);
     for (const Config& wrong : {Config{"rate", "2k", "4", "1/32", "2/3", "", 0},
                                 Config{"constellation", "2k", "16", "1/32", "1/2", "", 0}}) {
         SCOPED_TRACE(wrong.name);
         ASSERT_EQ(receive(dir, wrong), 0);
-        const Comparison c = compare(in, cli::read_file(dir / "rx.ts"));
+        const Comparison c = compare(in, tu::read_file(dir / "rx.ts"));
         EXPECT_FALSE(c.found) << "rx packet #" << c.first_rx << " equals input packet #" << c.first_in;
     }
     // The right settings on the same file do recover it.
     ASSERT_EQ(receive(dir, sent), 0);
-    EXPECT_TRUE(compare(in, cli::read_file(dir / "rx.ts")).found);
+    EXPECT_TRUE(compare(in, tu::read_file(dir / "rx.ts")).found);
 }
 
 }  // namespace

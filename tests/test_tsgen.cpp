@@ -7,11 +7,11 @@
 #include <map>
 #include <vector>
 
-#include "cli_util.hpp"
+#include "util.hpp"
 
 namespace {
 
-using cli::TempDir;
+using tu::TempDir;
 
 // CRC-32 of MPEG-2 sections, bit by bit over the message polynomial.
 uint32_t crc_bitwise(const unsigned char* p, size_t n) {
@@ -32,9 +32,9 @@ unsigned pid_of(const unsigned char* pkt) { return ((pkt[1] & 0x1Fu) << 8) | pkt
 TEST(TsgenStream, PacketsTablesCountersAndPrbs) {
     TempDir dir;
     const int n = 1750;  // 18 PATs and PMTs: every counter wraps past 15
-    auto r = cli::run(dir.path, TSGEN_EXE, {"-o", "s.ts", "-n", std::to_string(n)});
+    auto r = tu::run(dir.path, TSGEN_EXE, {"-o", "s.ts", "-n", std::to_string(n)});
     ASSERT_EQ(r.status, 0);
-    const auto ts = cli::read_file(dir / "s.ts");
+    const auto ts = tu::read_file(dir / "s.ts");
     ASSERT_EQ(ts.size(), 188u * n);
 
     // PRBS 2^23-1 as a 23-stage shift register, feedback from stages 23 and 18.
@@ -119,28 +119,28 @@ TEST(TsgenStream, BadArgumentsFailCleanly) {
              {}, {"-n", "10"}, {"-o", "x.ts", "-n", "ten"}, {"-o", "x.ts", "-n", "-5"}, {"-o"},
              {"-o", "x.ts", "-q"}, {"-o", "nodir/x.ts", "-n", "3"}, {"-o", "x.ts", "-n", " 5"},
              {"-o", "x.ts", "-n", "1e3"}, {"-o", "x.ts", "-n", "99999999999999999999999"}, {"-o", "x.ts", "-n"}}) {
-        const auto r = cli::run(dir.path, TSGEN_EXE, args);
+        const auto r = tu::run(dir.path, TSGEN_EXE, args);
         EXPECT_EQ(r.status, 2) << (args.empty() ? "(none)" : args.back());
-        const std::string err = cli::read_text(dir / "err.txt");
+        const std::string err = tu::read_text(dir / "err.txt");
         EXPECT_EQ(err.rfind("tsgen: ", 0), 0u) << err;
         EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << "one line: " << err;
     }
     EXPECT_FALSE(std::filesystem::exists(dir / "x.ts") && std::filesystem::file_size(dir / "x.ts") > 0);
-    const auto help = cli::run(dir.path, TSGEN_EXE, {"-h"});
+    const auto help = tu::run(dir.path, TSGEN_EXE, {"-h"});
     EXPECT_EQ(help.status, 0);
     EXPECT_EQ(help.out.rfind("usage: tsgen -o FILE [-n PACKETS]\n", 0), 0u) << help.out;
 }
 
 TEST(TsgenStream, DefaultLengthAndShortWrite) {
     TempDir dir;
-    ASSERT_EQ(cli::run(dir.path, TSGEN_EXE, {"-o", "d.ts"}).status, 0);
+    ASSERT_EQ(tu::run(dir.path, TSGEN_EXE, {"-o", "d.ts"}).status, 0);
     EXPECT_EQ(std::filesystem::file_size(dir / "d.ts"), 188u * 10000u);
-    ASSERT_EQ(cli::run(dir.path, TSGEN_EXE, {"-o", "z.ts", "-n", "0"}).status, 0);
+    ASSERT_EQ(tu::run(dir.path, TSGEN_EXE, {"-o", "z.ts", "-n", "0"}).status, 0);
     EXPECT_EQ(std::filesystem::file_size(dir / "z.ts"), 0u);
     if (!std::filesystem::exists("/dev/full")) GTEST_SKIP() << "no /dev/full";
     // A device that is always full: the failed write is reported, status 1.
-    EXPECT_EQ(cli::run(dir.path, TSGEN_EXE, {"-o", "/dev/full", "-n", "100"}).status, 1);
-    EXPECT_NE(cli::read_text(dir / "err.txt").find("tsgen: "), std::string::npos);
+    EXPECT_EQ(tu::run(dir.path, TSGEN_EXE, {"-o", "/dev/full", "-n", "100"}).status, 1);
+    EXPECT_NE(tu::read_text(dir / "err.txt").find("tsgen: "), std::string::npos);
 }
 
 }  // namespace

@@ -1,19 +1,22 @@
-// Vector record: creation and destruction codes, conversions, resizing,
-// copying, and the pseudo-random sequence against a bit-serial model.
+// The signal-vector library: result codes, conversions, the pseudo-random
+// sequence, the ring toolkit every stage uses, ramps, arithmetic, vector files
+// and the printer.
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cstdint>
 #include <cstring>
+#include <string>
 #include <vector>
 
-#include "ring_util.hpp"
+#include "util.hpp"
 #include "vectors/basic_ops.hpp"
+#include "vectors/dumps.hpp"
 #include "vectors/manage.hpp"
 #include "vectors/prbs.hpp"
+#include "vectors/sources.hpp"
 
 namespace {
-
-using testutil::Vec;
 
 // Scrambler of the standard written stage by stage: stages 1..15 loaded with
 // 100101010000000, feedback stage 14 XOR stage 15 into stage 1, output = feedback.
@@ -29,6 +32,56 @@ std::vector<uint8_t> serial_prbs(size_t nbits) {
         bits.push_back(static_cast<uint8_t>(b));
     }
     return bits;
+}
+
+using tu::Vec;
+using Bytes = std::vector<uint8_t>;
+using I = std::vector<int32_t>;
+using F = std::vector<float>;
+
+void set_ints(Vec& h, I x, int acc, double range) {
+    ASSERT_EQ(dvbConstVect(h.v, Digital, static_cast<uint32_t>(x.size()), 0, acc, range), 0u);
+    std::memcpy(h.v->data, x.data(), x.size() * 4);
+}
+
+void set_reals(Vec& h, F x) {
+    ASSERT_EQ(dvbConstVect(h.v, Real, static_cast<uint32_t>(x.size()), 0.0), 0u);
+    std::memcpy(h.v->data, x.data(), x.size() * 4);
+}
+
+I ints_of(const Vec& h) { return {dvbInts(h.v), dvbInts(h.v) + h.v->len}; }
+F reals_of(const Vec& h) { return {dvbReals(h.v), dvbReals(h.v) + h.v->len}; }
+
+void le32(Bytes& b, uint32_t x) {
+    for (int i = 0; i < 4; ++i) b.push_back(static_cast<uint8_t>(x >> (8 * i)));
+}
+
+// Native header built independently from the documented layout.
+Bytes native_header(uint32_t type, uint32_t len, uint8_t acc, float range, const char* desc) {
+    Bytes b(16, 0);
+    std::memcpy(b.data(), "mtDVB v0.2b", 11);
+    le32(b, type);
+    le32(b, len);
+    b.push_back(acc);
+    uint32_t r;
+    std::memcpy(&r, &range, 4);
+    le32(b, r);
+    b.resize(45, 0);
+    std::memcpy(b.data() + 29, desc, std::strlen(desc));
+    return b;
+}
+
+// Two's complement wrap of an exact sum into acc bits, by modular arithmetic.
+int32_t wrap_model(int64_t x, int acc) {
+    const int64_t m = int64_t{1} << acc;
+    const int64_t r = ((x % m) + m) % m;
+    return static_cast<int32_t>(r >= m / 2 ? r - m : r);
+}
+
+std::string print_stdout(const dvbVect* v, uint16_t flags, unsigned* rc) {
+    testing::internal::CaptureStdout();
+    *rc = dvbPrintVect(v, flags, nullptr);
+    return testing::internal::GetCapturedStdout();
 }
 
 }  // namespace
@@ -99,4 +152,232 @@ TEST(VecPRBS, DispersalSequenceMatchesSerialScrambler) {
     ASSERT_EQ(dvbConvertVect(q.v, Symbol, 8, 0), 0u);
     const std::vector<uint8_t> first{0x03, 0xF6, 0x08, 0x34, 0x30, 0xB8, 0xA3, 0x93};
     EXPECT_EQ(std::vector<uint8_t>(dvbBytes(q.v), dvbBytes(q.v) + 8), first);
+}
+
+// The whole-unit rule of every stage: the smallest of held input / in_unit,
+// free output / out_unit and maxlen / max_unit; a missing side sets no bound.
+TEST(VecRing, WholeUnitsThatFit) {
+    tu::ByteRing in(1000), out(1000);
+    in.v->fill = 2 * 188 - 1;
+    EXPECT_EQ(dvbRingUnits(in.v, 188, out.v, 204, 1000, 188), 1u);  // input bounds
+    in.v->fill = 1000;
+    out.v->fill = 1000 - (3 * 204 - 1);
+    EXPECT_EQ(dvbRingUnits(in.v, 188, out.v, 204, 1000, 188), 2u);  // output room bounds
+    out.v->fill = 0;
+    EXPECT_EQ(dvbRingUnits(in.v, 188, out.v, 204, 4 * 188 - 1, 188), 3u);  // maxlen bounds
+    EXPECT_EQ(dvbRingUnits(in.v, 1, out.v, 16, 1000, 1), 62u);            // 16 outputs per input
+    EXPECT_EQ(dvbRingUnits(in.v, 1, out.v, 4, 1000, 4), 250u);            // maxlen counted in outputs
+    EXPECT_EQ(dvbRingUnits(nullptr, 1, out.v, 1, 300, 1), 300u);          // producer
+    out.v->fill = 999;
+    EXPECT_EQ(dvbRingUnits(nullptr, 1, out.v, 1, 300, 1), 1u);
+    in.v->fill = 7;
+    EXPECT_EQ(dvbRingUnits(in.v, 1, nullptr, 1, 400000, 1), 7u);          // consumer
+    EXPECT_EQ(dvbRingUnits(in.v, 1, nullptr, 1, 5, 1), 5u);
+}
+
+// Copies in and out across the end of the storage, for one- and eight-byte
+// elements, and the position after them.
+TEST(VecRing, CopiesAndViewsAcrossTheWrap) {
+    tu::ByteRing b(10, 7);
+    b.v->fill = 2;
+    EXPECT_EQ(dvbRingWritePos(b.v), 9u);
+    const uint8_t src[5] = {1, 2, 3, 4, 5};
+    EXPECT_EQ(dvbRingPut(b.v, 9, src, 5), 4u);  // 9, 0, 1, 2, 3
+    EXPECT_EQ(std::vector<uint8_t>(b.data(), b.data() + 10), (std::vector<uint8_t>{2, 3, 4, 5, 0, 0, 0, 0, 0, 1}));
+    uint8_t got[5] = {};
+    EXPECT_EQ(dvbRingGet(b.v, 9, got, 5), 4u);
+    EXPECT_EQ(std::memcmp(got, src, 5), 0);
+    uint8_t scratch[5] = {};
+    EXPECT_EQ(dvbRingView(b.v, 9, 5, scratch), scratch);
+    EXPECT_EQ(std::memcmp(scratch, src, 5), 0);
+    EXPECT_EQ(dvbRingView(b.v, 0, 4, scratch), b.data());  // contiguous: the storage itself
+    EXPECT_EQ(dvbRingRun(b.v, 8, 5), 2u);
+    EXPECT_EQ(dvbRingRun(b.v, 2, 5), 5u);
+
+    tu::CplxRing c(4);
+    const dvbComplex cells[3] = {{1, -1}, {2, -2}, {3, -3}};
+    EXPECT_EQ(dvbRingPut(c.v, 3, cells, 3), 2u);
+    EXPECT_EQ(c.data()[3].re, 1.0f);
+    EXPECT_EQ(c.data()[1].im, -3.0f);
+    dvbComplex back[3];
+    dvbRingGet(c.v, 3, back, 3);
+    EXPECT_EQ(std::memcmp(back, cells, sizeof cells), 0);
+    c.v->fill = 3;
+    c.v->head = 3;
+    dvbRingConsume(c.v, 2);
+    EXPECT_EQ(c.v->head, 1u);
+    EXPECT_EQ(c.v->fill, 1u);
+}
+
+// File transfers in two pieces: a ring of 10 with the write index at 6 reads
+// 4 bytes to 6..9 and 6 to 0..5; a short first read is followed by the second.
+TEST(VecRing, FileReadsAndWritesInTwoPieces) {
+    tu::TempDir dir;
+    tu::Bytes data(20);
+    for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<unsigned char>(100 + i);
+    tu::write_file(dir / "in", data);
+    tu::ByteRing b(10, 6);
+    FILE* f = std::fopen((dir / "in").c_str(), "rb");
+    ASSERT_NE(f, nullptr);
+    EXPECT_EQ(dvbRingRead(f, b.v, 6, 10), 10u);
+    EXPECT_EQ(b.data()[6], 100);
+    EXPECT_EQ(b.data()[0], 104);
+    EXPECT_EQ(dvbRingRead(f, b.v, 8, 6), 6u);  // 2 to 8..9, 4 to 0..3
+    EXPECT_EQ(dvbRingRead(f, b.v, 0, 10), 4u);  // 4 left in the file
+    std::fclose(f);
+    EXPECT_EQ(std::vector<uint8_t>(b.data(), b.data() + 10),
+              (std::vector<uint8_t>{116, 117, 118, 119, 108, 109, 100, 101, 110, 111}));
+
+    f = std::fopen((dir / "out").c_str(), "wb");
+    EXPECT_EQ(dvbRingWrite(b.v, 6, 10, f), 10u);
+    dvbRingDump(b.v, 8, 3, f);
+    dvbRingDump(b.v, 8, 3, nullptr);
+    std::fclose(f);
+    EXPECT_EQ(tu::read_file(dir / "out"), (tu::Bytes{100, 101, 110, 111, 116, 117, 118, 119, 108, 109, 110, 111, 116}));
+}
+
+TEST(VecUtilSources, LinSpaceAndName) {
+    Vec r(Real), d(Digital), e(Empty);
+    ASSERT_EQ(dvbLinSpaceVect(r.v, 5, 0.0, 1.0), 0u);
+    EXPECT_EQ(reals_of(r), (F{0.0f, 0.25f, 0.5f, 0.75f, 1.0f}));
+    ASSERT_EQ(dvbLinSpaceVect(d.v, 3, 0, 10, 8, 2.0), 0u);
+    EXPECT_EQ(ints_of(d), (I{0, 5, 10}));
+    ASSERT_EQ(dvbLinSpaceVect(d.v, 4, 3, -3, 0, 0.0), 0u);  // rounds half up
+    EXPECT_EQ(ints_of(d), (I{3, 1, -1, -3}));
+    EXPECT_EQ(dvbLinSpaceVect(nullptr, 3, 0.0, 1.0), 6u);
+    EXPECT_EQ(dvbLinSpaceVect(e.v, 3, 0.0, 1.0), 1u);
+    // A name longer than 15 characters leaves the description unchanged.
+    ASSERT_EQ(dvbNameVect(r.v, "fifteen_chars_x"), 0u);
+    EXPECT_EQ(dvbNameVect(r.v, "sixteen_chars_xx"), 0u);
+    EXPECT_STREQ(r.v->desc, "fifteen_chars_x");
+}
+
+TEST(VecUtilArith, DigitalWrapInvAndMult) {
+    Vec a(Digital), b(Digital), out(Digital);
+    set_ints(a, {100, -128}, 8, 1.0);
+    set_ints(b, {100, 1}, 8, 1.0);
+    ASSERT_EQ(dvbAddVect(out.v, a.v, b.v, 1), 0u);
+    EXPECT_EQ(ints_of(out)[0], -56);
+    ASSERT_EQ(dvbAddVect(out.v, a.v, b.v, 0), 0u);
+    EXPECT_EQ(ints_of(out)[1], 127);
+    EXPECT_EQ(dvbMultVect(out.v, a.v, b.v, 1), 2u);
+    EXPECT_EQ(ints_of(out), (I{0, 127}));  // not computed
+    set_ints(a, {64}, 8, 0.5);
+    ASSERT_EQ(dvbInvVect(out.v, a.v), 0u);
+    EXPECT_EQ(ints_of(out), (I{2}));
+
+    // Against the modular model at other accuracies.
+    for (int acc : {3, 16, 31}) {
+        I x, y, sum, diff;
+        uint32_t seed = 12345u + static_cast<uint32_t>(acc);
+        for (int i = 0; i < 128; ++i) {
+            seed = seed * 1103515245u + 12345u;
+            (i % 2 ? x : y).push_back(wrap_model(static_cast<int32_t>(seed), acc));
+        }
+        for (size_t i = 0; i < x.size(); ++i) {
+            sum.push_back(wrap_model(int64_t{x[i]} + y[i], acc));
+            diff.push_back(wrap_model(int64_t{x[i]} - y[i], acc));
+        }
+        set_ints(a, x, acc, 1.0);
+        set_ints(b, y, acc, 1.0);
+        ASSERT_EQ(dvbAddVect(out.v, a.v, b.v, 1), 0u);
+        EXPECT_EQ(ints_of(out), sum) << acc;
+        ASSERT_EQ(dvbAddVect(out.v, a.v, b.v, 0), 0u);
+        EXPECT_EQ(ints_of(out), diff) << acc;
+    }
+}
+
+TEST(VecUtilArith, RealFlagsAndResultCodes) {
+    Vec a(Real), b(Real), out(Real), d(Digital), e(Empty);
+    set_reals(a, {1.5f, -2.0f});
+    set_reals(b, {2.0f, 0.5f});
+    ASSERT_EQ(dvbAddVect(out.v, a.v, b.v, 0), 0u);
+    EXPECT_EQ(reals_of(out), (F{-0.5f, -2.5f}));
+    ASSERT_EQ(dvbMultVect(out.v, a.v, b.v, 0), 0u);
+    EXPECT_EQ(reals_of(out), (F{0.75f, -4.0f}));
+
+    set_ints(d, {1, 2}, 8, 1.0);
+    EXPECT_EQ(dvbAddVect(nullptr, a.v, a.v, 1), 5u);
+    EXPECT_EQ(dvbAddVect(out.v, a.v, d.v, 1), 10u);
+    EXPECT_EQ(dvbNegVect(d.v, a.v), 10u);
+    EXPECT_EQ(dvbMultConst(out.v, d.v, 1.0), 9u);
+    EXPECT_EQ(dvbNegVect(e.v, e.v), 1u);
+}
+
+TEST(VecUtilFile, NativeAndMatRoundTripsAndHostileInput) {
+    tu::TempDir dir;
+    const std::string p = (dir / "v.vec").string();
+    Vec s(Symbol), back(Empty);
+    ASSERT_EQ(dvbConstVect(s.v, Symbol, 3, 0), 0u);
+    std::memcpy(s.v->data, "\x03\xF6\x80", 3);
+    s.v->acc = 8;
+    s.v->range = 0.25f;
+    ASSERT_EQ(dvbNameVect(s.v, "dispersal"), 0u);
+    Bytes want = native_header(Symbol, 3, 8, 0.25f, "dispersal");
+    want.insert(want.end(), {0x03, 0xF6, 0x80});
+    ASSERT_EQ(want.size(), 48u);
+    ASSERT_EQ(dvbWriteVect(s.v, p.c_str(), 0x1), 0u);
+    EXPECT_EQ(tu::read_file(p), want);
+    ASSERT_EQ(dvbReadVect(back.v, p.c_str(), 0x1), 0u);
+    EXPECT_EQ(back.v->type, Symbol);
+    ASSERT_EQ(back.v->len, 3u);
+    EXPECT_EQ(back.v->acc, 8);
+    EXPECT_EQ(back.v->range, 0.25f);
+    EXPECT_STREQ(back.v->desc, "dispersal");
+    EXPECT_EQ(std::memcmp(back.v->data, s.v->data, 3), 0);
+
+    Vec r(Real), rb(Empty);
+    set_reals(r, {0.5f, -1.25f, 3.0f});
+    ASSERT_EQ(dvbNameVect(r.v, "carriers"), 0u);
+    ASSERT_EQ(dvbWriteVect(r.v, p.c_str(), 0x4), 0u);
+    want.clear();
+    for (uint32_t x : {0u, 3u, 1u, 0u, 7u}) le32(want, x);
+    want.insert(want.end(), {'c', 'a', 'r', 'r', 'i', 'e', 0});
+    for (double x : {0.5, -1.25, 3.0}) {
+        uint64_t u;
+        std::memcpy(&u, &x, 8);
+        le32(want, static_cast<uint32_t>(u));
+        le32(want, static_cast<uint32_t>(u >> 32));
+    }
+    EXPECT_EQ(tu::read_file(p), want);
+    ASSERT_EQ(dvbReadVect(rb.v, p.c_str(), 0x4), 0u);
+    EXPECT_EQ(rb.v->type, Real);
+    EXPECT_EQ(reals_of(rb), reals_of(r));
+    EXPECT_STREQ(rb.v->desc, "carrie");
+
+    // A file cut inside its elements leaves the vector as it was.
+    want = native_header(Digital, 3, 8, 1.0f, "x");
+    want.insert(want.end(), 11, 0x55);
+    tu::write_file(p, want);
+    const void* const data = r.v->data;
+    EXPECT_EQ(dvbReadVect(r.v, p.c_str(), 0x1), 1u);
+    EXPECT_EQ(r.v->type, Real);
+    EXPECT_EQ(r.v->data, data);
+    EXPECT_EQ(reals_of(r), (F{0.5f, -1.25f, 3.0f}));
+    EXPECT_STREQ(r.v->desc, "carriers");
+
+    Vec e(Digital);
+    EXPECT_EQ(dvbReadVect(nullptr, p.c_str(), 0x1), 6u);
+    EXPECT_EQ(dvbWriteVect(e.v, p.c_str(), 0x1), 5u);
+    EXPECT_EQ(dvbReadVect(r.v, "/nonexistent/dir/x.vec", 0x1), 3u);
+}
+
+TEST(VecUtilPrint, HeaderAndFramedLayouts) {
+    Vec d(Digital);
+    set_ints(d, {-3, 0, 7}, 8, 1.5);
+    ASSERT_EQ(dvbNameVect(d.v, "ramp"), 0u);
+    unsigned rc = 99;
+    EXPECT_EQ(print_stdout(d.v, 0x001 | 0x080 | 0x004 | 0x008, &rc),
+              "\n\nType: Digital\nDesc: ramp\n Acc: 8 bit, +/- 1.500000\n Len: 3\nSize: " +
+                  std::to_string(sizeof(dvbVect) + 12) + " byte\n\n  -3\n  +0\n  +7\n\n");
+    EXPECT_EQ(rc, 0u);
+
+    Vec r(Real);
+    set_reals(r, {0.5f, -2.0f});
+    ASSERT_EQ(dvbNameVect(r.v, "r"), 0u);
+    EXPECT_EQ(print_stdout(r.v, 0x040 | 0x010 | 0x001, &rc),
+              "______________________________\n| Type: Real\n| Desc: r\n------------------------------\n"
+              "|  0 :  +0.500000\n|  1 :  -2.000000\n------------------------------\n");
+    print_stdout(nullptr, 0x001, &rc);
+    EXPECT_EQ(rc, 6u);
 }

@@ -1,0 +1,428 @@
+// Stage functions called directly: the known answers the standard gives, the
+// units each stage moves under the ring rule with its count line, the sample
+// formats and the progress line, the interpolation filter against the full
+// filter, and the fast transforms against the plain one.
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <cmath>
+#include <cstring>
+#include <functional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "frame/files.hpp"
+#include "inner/inner_coder.hpp"
+#include "inner/inner_int.hpp"
+#include "inner/mapper.hpp"
+#include "ofdm/filter.hpp"
+#include "ofdm/framing.hpp"
+#include "ofdm/ofdm.hpp"
+#include "outer/energy.hpp"
+#include "outer/mpeg2.hpp"
+#include "outer/outer_coder.hpp"
+#include "outer/outer_int.hpp"
+#include "outer/rs.hpp"
+#include "util.hpp"
+#include "vectors/prbs.hpp"
+
+namespace {
+
+using tu::ByteRing;
+using tu::CplxRing;
+
+std::string captured(const std::function<void()>& f) {
+    testing::internal::CaptureStdout();
+    f();
+    return testing::internal::GetCapturedStdout();
+}
+
+// A temporary file whose whole content can be read back.
+struct TmpFile {
+    FILE* fp = std::tmpfile();
+    TmpFile() = default;
+    TmpFile(const TmpFile&) = delete;
+    TmpFile& operator=(const TmpFile&) = delete;
+    ~TmpFile() { std::fclose(fp); }
+    std::vector<uint8_t> bytes() {
+        std::fflush(fp);
+        std::rewind(fp);
+        std::vector<uint8_t> b;
+        for (int c; (c = std::fgetc(fp)) != EOF;) b.push_back(static_cast<uint8_t>(c));
+        return b;
+    }
+};
+
+TEST(KnownAnswers, ReedSolomonParity) {
+    init_rs();
+    for (auto [second, parity] : {std::pair<int, std::vector<uint8_t>>{0, {0x7E, 0x34, 0xA4, 0x93, 0xC6, 0x2C, 0xFB, 0x23, 0x0D, 0xF0, 0x0C, 0x9E, 0x57, 0x96, 0xFD, 0x5B}},
+                                  {1, {0x4F, 0x29, 0xDC, 0x45, 0x0E, 0x4C, 0x03, 0x5B, 0xBA, 0xE8, 0x93, 0x84, 0x03, 0x00, 0xE0, 0x04}}}) {
+        ByteRing in(400, 300), out(300, 250);  // both packets straddle their ring's end
+        std::vector<uint8_t> pkt(188, 0);
+        pkt[0] = 0x47;
+        for (size_t k = 1; k < 188; ++k) pkt[k] = static_cast<uint8_t>(second * k);
+        in.push(pkt);
+        ASSERT_EQ(rs_short204188(in.v, out.v, 1000, nullptr), 188u);
+        const auto got = out.pop_all();
+        EXPECT_EQ(std::vector<uint8_t>(got.begin(), got.begin() + 188), pkt);
+        EXPECT_EQ(std::vector<uint8_t>(got.begin() + 188, got.end()), parity);
+    }
+}
+
+TEST(KnownAnswers, EncoderImpulseAndInterleaverTables) {
+    ByteRing in(4), out(40);
+    uint32_t state = 0;
+    in.push({0x80, 0x00});
+    ASSERT_EQ(encode27(in.v, out.v, &state, 10, nullptr), 2);
+    const auto bits = out.pop_all();
+    EXPECT_EQ(std::vector<uint8_t>(bits.begin(), bits.begin() + 16),
+              (std::vector<uint8_t>{1, 1, 1, 0, 1, 1, 1, 1, 0, 0, 0, 1, 1, 1, 0, 0}));
+
+    const std::vector<std::vector<uint32_t>> starts{{0, 1024, 16, 1025, 128, 1056, 2, 1280, 4, 1088, 513, 1160},
+                                                    {0, 2048, 64, 2176, 1024, 2080, 256, 2050, 4, 2064, 512, 2049},
+                                                    {0, 4096, 128, 4128, 2048, 4104, 1, 5120, 256, 4192, 2560, 4140}};
+    for (uint32_t mode = 0; mode < 3; ++mode) {
+        tu::set_parms([mode](dvbt_parms_t& p) { p.mode = mode; });
+        dvbSymIntAddrGenerate();
+        const auto H = dvbSymIntTable();
+        ASSERT_EQ(H.size(), static_cast<size_t>(dvbt_N[mode]));
+        EXPECT_EQ(std::vector<uint32_t>(H.begin(), H.begin() + 12), starts[mode]);
+    }
+}
+
+TEST(KnownAnswers, ConstellationPoints) {
+    struct Point { uint32_t M, alpha, word; float re, im; };
+    for (const Point& t : {Point{0, 2, 3, -0.70710677f, -0.70710677f}, Point{1, 0, 0, 0.9486833f, 0.9486833f},
+                           Point{1, 2, 0, 0.8944272f, 0.8944272f}, Point{1, 3, 0, 0.8320503f, 0.8320503f},
+                           Point{2, 1, 0, 1.0801234f, 1.0801234f}, Point{2, 3, 0, 0.9622505f, 0.9622505f},
+                           Point{2, 0, 63, -3.0f / std::sqrt(42.0f), -3.0f / std::sqrt(42.0f)}}) {
+        tu::set_parms([&t](dvbt_parms_t& p) { p.M = t.M, p.alpha = t.alpha; });
+        dvbQAMConstGenerate();
+        EXPECT_FLOAT_EQ(dvbQAMTable()[t.word].re, t.re) << t.M << " " << t.alpha;
+        EXPECT_FLOAT_EQ(dvbQAMTable()[t.word].im, t.im) << t.M << " " << t.alpha;
+    }
+}
+
+// The four example TPS words, s1..s67, with their BCH parity.
+TEST(KnownAnswers, TpsWords) {
+    struct Row { int frame; dvbt_parms_t parms; const char* bits; };
+    const Row rows[] = {
+        {0, {0, 0, 0, 3, 0, 0, 0, 3, 1, 0, 0, 0, 4.2f, -1, 0},
+         "0011010111101110" "010111" "00000000000000000" "00000000" "000000" "01100110000100"},
+        {1, {2, 2, 0, 0, 2, 0, 0, 3, 1, 0, 0, 0, 4.2f, 0x1234, 0},
+         "1100101000010001" "011111" "01100000100001101" "00110100" "000000" "10001001000010"},
+        {2, {1, 1, 2, 1, 0, 1, 4, 3, 1, 0, 0, 0, 4.2f, 0xABCD, 1},
+         "0011010111101110" "011111" "10011100011001010" "10101011" "000000" "01111100101110"},
+        {3, {2, 2, 3, 2, 0, 3, 0, 3, 1, 0, 0, 0, 4.2f, -1, 0},
+         "1100101000010001" "010111" "11100110110000101" "00000000" "000000" "01011110110000"},
+    };
+    // Frame numbers come from the framing counters: run whole frames of
+    // symbols until the wanted frame opens, whatever earlier tests left.
+    tu::set_parms([](dvbt_parms_t& p) { p.mode = 0; });
+    CplxRing in(1512), out(1705);
+    for (const Row& r : rows) {
+        dvbt_parms = r.parms;
+        while (framing_frame_num() != r.frame || framing_sym_num() != 0) {
+            dvbt_parms.mode = 0;
+            in.v->fill = 1512;
+            out.v->fill = 0;
+            piltps_add(in.v, out.v, 1512, nullptr);
+            dvbt_parms = r.parms;
+        }
+        init_tps();
+        std::string s;
+        for (size_t i = 1; i < 68; ++i) s += static_cast<char>('0' + framing_s()[i]);
+        EXPECT_EQ(s, r.bits) << "frame " << r.frame;
+    }
+}
+
+// ---- Units of each stage under the ring rule -------------------------------
+
+struct Units {
+    const char* label;
+    uint32_t in_unit, out_unit, max_unit;
+    bool in_bytes, out_bytes;
+    std::function<uint32_t(dvbVect*, dvbVect*, uint32_t)> call;
+};
+
+// Empty input or full output: 0 and silence. Otherwise the count line at
+// level 4 with the input elements consumed, whole units only, bounded by the
+// input, the output room and maxlen in turn.
+void check_units(const Units& u) {
+    SCOPED_TRACE(u.label);
+    const uint32_t big = 3 * std::max({u.in_unit, u.out_unit, u.max_unit});
+    ByteRing bi(big), bo(big);
+    CplxRing ci(big), co(big);
+    dvbVect* in = u.in_bytes ? bi.v : ci.v;
+    dvbVect* out = u.out_bytes ? bo.v : co.v;
+    tu::Verbose loud(4);
+    auto move = [&](uint32_t held, uint32_t room, uint32_t maxlen) {
+        in->fill = held, in->head = 0, out->fill = big - room, out->head = 0;
+        uint32_t n = 99;
+        const std::string text = captured([&] { n = u.call(in, out, maxlen); });
+        if (held == 0 || room == 0) {
+            EXPECT_EQ(text, "");
+        } else {
+            EXPECT_EQ(text, std::string(u.label) + ": " + std::to_string(n) + " samples\n");
+        }
+        return n;
+    };
+    EXPECT_EQ(move(0, big, big), 0u);
+    EXPECT_EQ(move(big, 0, big), 0u);
+    EXPECT_EQ(move(u.in_unit - 1, big, big), 0u);
+    EXPECT_EQ(move(2 * u.in_unit - 1, big, big), u.in_unit);
+    EXPECT_EQ(move(big, 2 * u.out_unit - 1, big), u.in_unit);
+    EXPECT_EQ(move(big, big, 2 * u.max_unit - 1), u.in_unit);
+    EXPECT_EQ(in->fill, big - u.in_unit);
+    EXPECT_EQ(out->fill, u.out_unit);
+}
+
+TEST(StageUnits, EveryStageMovesWholeUnits) {
+    tu::set_parms([](dvbt_parms_t& p) { p.interp = 1; });
+    init_rs();
+    dvbSymIntAddrGenerate();
+    dvbQAMConstGenerate();
+    init_tps();
+    init_ifft();
+    init_filt();
+    dvbVect* prbs = nullptr;
+    priv_dvbCreateVect(&prbs, Digital);
+    dvbPRBSCreate(prbs, ED_REGLEN, ED_TAPS, ED_INIT, ED_BITS);
+    dvbConvertVect(prbs, Symbol, 8, 0);
+    convint_state ci{};
+    init_convint(&ci, 12, 17);
+    uint32_t enc = 0;
+    const Units all[] = {
+        {"Energy+Inv. ", 1, 1, 1, true, true, [&](dvbVect* i, dvbVect* o, uint32_t m) { return static_cast<uint32_t>(energy_inv(i, o, prbs, m, nullptr)); }},
+        {"Outer_coder ", 188, 204, 188, true, true, [](dvbVect* i, dvbVect* o, uint32_t m) { return rs_short204188(i, o, m, nullptr); }},
+        {"Outer_int   ", 12, 12, 12, true, true, [&](dvbVect* i, dvbVect* o, uint32_t m) { return conv_int(i, o, &ci, m, nullptr); }},
+        {"Inner_coder1", 1, 16, 1, true, true, [&](dvbVect* i, dvbVect* o, uint32_t m) { return static_cast<uint32_t>(encode27(i, o, &enc, m, nullptr)); }},
+        {"Inner_coder2", 6, 4, 6, true, true, [](dvbVect* i, dvbVect* o, uint32_t m) { return static_cast<uint32_t>(puncture(i, o, 2, m, nullptr)); }},
+        {"Inner_int_b ", 252, 126, 252, true, true, [](dvbVect* i, dvbVect* o, uint32_t m) { return bit_interleave(i, nullptr, o, m, nullptr); }},
+        {"Inner_int_s ", 1512, 1512, 1512, true, true, [](dvbVect* i, dvbVect* o, uint32_t m) { return static_cast<uint32_t>(symbol_interleave(i, o, m, nullptr)); }},
+        {"Mapping     ", 1, 1, 1, true, false, [](dvbVect* i, dvbVect* o, uint32_t m) { return static_cast<uint32_t>(qam_map(i, o, m, nullptr)); }},
+        {"Framing     ", 1512, 1705, 1512, false, false, [](dvbVect* i, dvbVect* o, uint32_t m) { return piltps_add(i, o, m, nullptr); }},
+        {"OFDM        ", 1705, 2112, 1705, false, false, [](dvbVect* i, dvbVect* o, uint32_t m) { return ofdm_mod(i, o, m, nullptr); }},
+        {"Transmission", 1, 2, 2, false, false, [](dvbVect* i, dvbVect* o, uint32_t m) { return transmit(i, o, m, nullptr); }},
+    };
+    for (const Units& u : all) check_units(u);
+    priv_dvbDestroyVect(&prbs);
+
+    // Hierarchical 64-QAM: 252 HP and 504 LP bits per block, the LP ring bounding too.
+    tu::set_parms([](dvbt_parms_t& p) { p.M = 2, p.alpha = 1; });
+    ByteRing hp(2000), lp(2000), words(2000);
+    hp.v->fill = 2000;
+    lp.v->fill = 2 * 504 - 1;
+    EXPECT_EQ(bit_interleave(hp.v, lp.v, words.v, 2000, nullptr), 252u);
+    EXPECT_EQ(lp.v->fill, 504u - 1);
+    EXPECT_EQ(words.v->fill, 126u);
+}
+
+// The producer reads what the room and maxlen allow and says so, also at the
+// end of the file; the consumer writes what it holds up to maxlen.
+TEST(StageUnits, ProducerAndConsumer) {
+    TmpFile f;
+    std::fwrite(std::string(10, 'x').data(), 1, 10, f.fp);
+    std::rewind(f.fp);
+    ByteRing ts(8, 5);
+    tu::Verbose loud(4);
+    EXPECT_EQ(captured([&] { EXPECT_EQ(read_mpeg(f.fp, ts.v, 3), 3u); }), "MPEG-2_read : 3 samples\n");
+    EXPECT_EQ(read_mpeg(f.fp, ts.v, 100), 5u);
+    EXPECT_EQ(captured([&] { EXPECT_EQ(read_mpeg(f.fp, ts.v, 100), 0u); }), "");  // full
+    ts.v->fill = 0;
+    EXPECT_EQ(read_mpeg(f.fp, ts.v, 100), 2u);
+    EXPECT_EQ(captured([&] { EXPECT_EQ(read_mpeg(f.fp, ts.v, 100), 0u); }), "MPEG-2_read : 0 samples\n");
+
+    tu::set_parms([](dvbt_parms_t&) {});
+    tot_flen = 1000;
+    CplxRing td(10);
+    td.v->fill = 7;
+    const std::string text = captured([&] { EXPECT_EQ(time_dump(td.v, nullptr, nullptr, nullptr, 5), 5); });
+    EXPECT_EQ(text.substr(0, 24), "Time dump   : 5 samples\n");
+    EXPECT_TRUE(tu::contains(text, "% done (S")) << text;
+    EXPECT_EQ(td.v->fill, 2u);
+    td.v->fill = 0;
+    EXPECT_EQ(captured([&] { EXPECT_EQ(time_dump(td.v, nullptr, nullptr, nullptr, 5), 0); }), "");
+}
+
+// ---- Sample formats and progress ------------------------------------------
+
+TEST(SampleOutput, ThreeFormatsByteForByteAcrossTheWrap) {
+    tu::Verbose quiet(0);
+    tu::set_parms([](dvbt_parms_t& p) { p.dumpformat = 0; });
+    CplxRing in(4, 3);
+    in.push({{1.0f, -2.0f}, {0.1f, 3.5e-7f}, {-1e6f, 0.0f}});
+    TmpFile f;
+    EXPECT_EQ(time_dump(in.v, f.fp, nullptr, nullptr, 400000), 3);
+    EXPECT_EQ(f.bytes(), (std::vector<uint8_t>{0x00, 0x00, 0x80, 0x3F, 0x00, 0x00, 0x00, 0xC0, 0xCD, 0xCC, 0xCC, 0x3D,
+                                               0xA2, 0xE7, 0xBB, 0x34, 0x00, 0x24, 0x74, 0xC9, 0x00, 0x00, 0x00, 0x00}));
+
+    // agi: truncation toward zero in double, beyond 16 bits -32768.
+    dvbt_parms.dumpformat = 1;
+    tdstream_sf = 1000.0f;
+    in.push({{1.5f, -2.5f}, {0.005f, -0.0019f}, {32.767f, -32.768f}, {40.0f, -40.0f}});
+    TmpFile a;
+    EXPECT_EQ(time_dump(in.v, a.fp, nullptr, nullptr, 400000), 4);
+    EXPECT_EQ(a.bytes(), (std::vector<uint8_t>{0x05, 0xDC, 0xF6, 0x3C, 0x00, 0x04, 0xFF, 0xFF, 0x7F, 0xFE, 0x80, 0x00,
+                                               0x80, 0x00, 0x80, 0x00}));
+
+    // agiold: offset codes modulo 65536, I and Q in two files; nothing written unless both are open.
+    dvbt_parms.dumpformat = 2;
+    tdstream_sf = 8191.0f;
+    in.push({{0.0f, -1.0f}, {1.0f, -1.0001f}, {2.0f, -3.0f}});
+    TmpFile fi, fq;
+    EXPECT_EQ(time_dump(in.v, nullptr, fi.fp, fq.fp, 400000), 3);
+    EXPECT_EQ(fi.bytes(), (std::vector<uint8_t>{0x20, 0x00, 0x3F, 0xFF, 0x5F, 0xFE}));
+    EXPECT_EQ(fq.bytes(), (std::vector<uint8_t>{0x00, 0x01, 0x00, 0x01, 0xC0, 0x03}));
+    in.push({{1.0f, 1.0f}});
+    EXPECT_EQ(time_dump(in.v, nullptr, fi.fp, nullptr, 400000), 1);
+    EXPECT_EQ(fi.bytes().size(), 6u);
+}
+
+// 2k, guard 1/4: 2560 samples are one symbol; the position runs on in
+// symbols, frames of 68 and superframes of 4, the payload in float steps.
+TEST(SampleOutput, ProgressLineAndPayload) {
+    tu::set_parms([](dvbt_parms_t& p) { p.delta = 0; });
+    tot_flen = 94000;
+    proc_data_hp = proc_data_lp = 0.0f;
+    CplxRing in(2560);
+    tu::Verbose level(2);
+    auto position = [](const std::string& line) {
+        int s = 0, f = 0, sf = 0;
+        EXPECT_EQ(std::sscanf(line.c_str() + line.find('('), "(S%d,F%d,SF%d)", &s, &f, &sf), 3) << line;
+        return s + 68 * f + 272 * sf;
+    };
+    int first = -1;
+    float hp = 0.0f;
+    for (int sym = 1; sym <= 273; ++sym) {
+        in.v->fill = 2560;
+        const std::string line = captured([&] { time_dump(in.v, nullptr, nullptr, nullptr, 400000); });
+        hp += 1512.0f * 2.0f * 0.5f * (188.0f / 1632.0f);
+        ASSERT_EQ(std::bit_cast<uint32_t>(proc_data_hp), std::bit_cast<uint32_t>(hp)) << sym;
+        if (first < 0) first = position(line);
+        ASSERT_EQ(position(line), first + sym - 1) << line;
+        if (sym == 1) {
+            EXPECT_EQ(line.substr(0, 11), "0.2% done (");
+        }
+    }
+    EXPECT_EQ(proc_data_lp, 0.0f);
+
+    // 8k, guard 1/8, hierarchical 64-QAM, 4x: 36864 samples per symbol; HP 2 bits, LP 4.
+    dvbt_parms = dvbt_parms_t{2, 2, 1, 1, 0, 1, 3, 0, 0, 0, 2, 0, 0.0f, 0, 0};
+    proc_data_hp = proc_data_lp = 0.0f;
+    CplxRing big(36864 * 2);
+    big.v->fill = 36864 + 18432;
+    captured([&] { EXPECT_EQ(time_dump(big.v, nullptr, nullptr, nullptr, 400000), 36864 + 18432); });
+    const float k = 188.0f / 1632.0f;
+    EXPECT_EQ(proc_data_hp, 1.5f * 6048.0f * 2.0f * (2.0f / 3.0f) * k);
+    EXPECT_EQ(proc_data_lp, 1.5f * 6048.0f * 4.0f * (5.0f / 6.0f) * k);
+}
+
+// ---- Interpolation filter and transform -----------------------------------
+
+std::vector<dvbComplex> random_cells(size_t n, std::mt19937& gen, float scale) {
+    std::normal_distribution<float> d(0.0f, scale);
+    std::vector<dvbComplex> v(n);
+    for (auto& c : v) c = {d(gen), d(gen)};
+    return v;
+}
+
+// Through transmit in uneven calls over small wrapping rings, the output is
+// bit for bit the full filter h (float sums in tap order) on the input with
+// R - 1 zeros after every sample; the plain per-phase form agrees.
+TEST(Interpolation, EqualsTheFullFilterOnZeroStuffedInput) {
+    std::mt19937 gen(5);
+    for (uint32_t interp : {1u, 2u}) {
+        tu::set_parms([interp](dvbt_parms_t& p) { p.interp = interp; });
+        init_filt();
+        const uint32_t R = interp == 1 ? 2 : 4;
+        const std::vector<float> h(interp == 1 ? filter2x.begin() : filter4x.begin(),
+                                   interp == 1 ? filter2x.end() : filter4x.end());
+        const auto input = random_cells(1500, gen, 30.0f);
+        CplxRing in(37), out(53);
+        std::vector<dvbComplex> got;
+        for (size_t next = 0; got.size() < input.size() * R;) {
+            std::vector<dvbComplex> chunk;
+            for (size_t k = gen() % 40; k > 0 && next < input.size() && chunk.size() < dvbRingFree(in.v); --k) chunk.push_back(input[next++]);
+            in.push(chunk);
+            transmit(in.v, out.v, 1 + gen() % 30, nullptr);
+            for (const dvbComplex& c : out.pop_all()) got.push_back(c);
+        }
+        init_filt();
+        std::vector<dvbComplex> plain(R);
+        for (size_t n = 0; n < got.size(); ++n) {
+            dvbComplex y{0.0f, 0.0f};
+            for (size_t k = n % R; k < h.size() && k <= n; k += R) {
+                y.re += h[k] * input[(n - k) / R].re;
+                y.im += h[k] * input[(n - k) / R].im;
+            }
+            ASSERT_EQ(std::memcmp(&y, &got[n], 8), 0) << "R " << R << " output " << n;
+            if (n % R == 0) transmit_reference_step(input[n / R], plain.data());
+            ASSERT_EQ(std::memcmp(&plain[n % R], &got[n], 8), 0) << "plain form, output " << n;
+        }
+    }
+    // 4x on a constant settles to the sums of the phases' taps.
+    const float settled[4] = {0.2547144f, 0.2551731f, 0.2547144f, 0.2551567f};
+    CplxRing in(40), out(160);
+    in.push(std::vector<dvbComplex>(40, dvbComplex{1.0f, 0.0f}));
+    init_filt();
+    ASSERT_EQ(transmit(in.v, out.v, 1000, nullptr), 40u);
+    const auto y = out.pop_all();
+    for (size_t m = 0; m < 4; ++m) EXPECT_NEAR(y[39 * 4 + m].re, settled[m], 2e-7f);
+}
+
+TEST(Transform, FastFormsAreBitIdenticalToThePlainOne) {
+    std::mt19937 gen(77);
+    for (uint32_t mode = 0; mode < 3; ++mode) {
+        tu::set_parms([mode](dvbt_parms_t& p) { p.mode = mode; });
+        init_ifft();
+        const size_t F = static_cast<size_t>(dvbt_fftsize[mode]);
+        for (float scale : {1.0f, 1e-3f, 1e4f}) {
+            const auto x = random_cells(F, gen, scale);
+            auto a = x, b = x, c = x;
+            ofdm_ifft_reference(a.data());
+            ofdm_ifft(b.data());
+            ofdm_ifft_generic(c.data());
+            EXPECT_EQ(std::memcmp(a.data(), b.data(), F * 8), 0) << mode << " " << scale;
+            EXPECT_EQ(std::memcmp(a.data(), c.data(), F * 8), 0) << mode << " " << scale;
+        }
+    }
+}
+
+// ---- Library transfers not used by the chain ------------------------------
+
+TEST(LibraryTransfers, ParameterisedDispersalAndByteRingMoves) {
+    dvbVect* q = nullptr;
+    priv_dvbCreateVect(&q, Digital);
+    dvbPRBSCreate(q, 15, 0x6000, 169, 12032);
+    dvbConvertVect(q, Symbol, 8, 0);
+    ByteRing a(20), b(20), c(20);
+    a.push(std::vector<uint8_t>(10, 0x47));
+    uint32_t n = 99;
+    tu::Verbose loud(4);
+    EXPECT_EQ(captured([&] { EXPECT_EQ(dvbTSDisperdInvert(a.v, b.v, q, 4, 8, 100, "tsd", nullptr, &n), 0u); }),
+              "tsd => process : 10 samples\n");
+    EXPECT_EQ(n, 10u);
+    EXPECT_EQ(b.pop_all(), (std::vector<uint8_t>{0xB8, 0x47 ^ 0x03, 0x47 ^ 0xF6, 0x47 ^ 0x08, 0x47, 0x47 ^ 0x30,
+                                                 0x47 ^ 0xB8, 0x47 ^ 0xA3, 0xB8, 0x47 ^ 0x03}));
+    EXPECT_EQ(dvbTSDisperdInvert(a.v, b.v, q, 4, 8, 100, "tsd", nullptr, &n), 1u);
+    EXPECT_EQ(n, 0u);
+    priv_dvbDestroyVect(&q);
+
+    a.push({1, 2, 3, 4, 5, 6});
+    EXPECT_EQ(captured([&] { EXPECT_EQ(in2out(a.v, b.v, 4), 1u); }), "in2out:   4\n");
+    EXPECT_EQ(out2null(a.v, 1), 1u);
+    TmpFile f;
+    EXPECT_EQ(out2file(a.v, f.fp, 10), 1u);
+    EXPECT_EQ(out2file(b.v, f.fp, 3), 3u);
+    EXPECT_EQ(out2file(b.v, nullptr, 3), 1u);
+    EXPECT_EQ(f.bytes(), (std::vector<uint8_t>{6, 1, 2, 3}));
+    std::rewind(f.fp);
+    EXPECT_EQ(captured([&] { EXPECT_EQ(file2in(f.fp, c.v, 3), 1u); }), "file2in:  3\n");
+    EXPECT_EQ(file2in(f.fp, c.v, 3), 0u);  // only one byte left
+    EXPECT_EQ(c.pop_all(), (std::vector<uint8_t>{6, 1, 2, 3}));
+    EXPECT_EQ(out2null(c.v, 5), 0u);
+}
+
+}  // namespace

@@ -1,0 +1,176 @@
+// Shared test helpers: scratch directories, running the real programs, files,
+// test streams, owned vectors and rings, and a scoped verbosity.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "frame/params.hpp"
+#include "vectors/manage.hpp"
+
+namespace tu {
+
+namespace fs = std::filesystem;
+using Bytes = std::vector<unsigned char>;
+
+// A fresh directory under the system's temporary directory, removed at the end.
+struct TempDir {
+    fs::path path;
+    TempDir() {
+        const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
+        std::string name = "tervane-";
+        if (info != nullptr) name += std::string(info->test_suite_name()) + '-' + info->name();
+        for (char& c : name)
+            if (c == '/') c = '_';
+        path = fs::temp_directory_path() / (name + '-' + std::to_string(::getpid()));
+        fs::remove_all(path);
+        fs::create_directories(path);
+    }
+    ~TempDir() {
+        std::error_code ec;
+        fs::remove_all(path, ec);
+    }
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    fs::path operator/(const std::string& name) const { return path / name; }
+};
+
+struct Result {
+    int status = -1;
+    std::string out;  // standard output; standard error goes to err.txt in the directory
+};
+
+inline std::string quote(const std::string& s) {
+    std::string q = "'";
+    for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return q + "'";
+}
+
+inline Result run(const fs::path& dir, const std::string& exe, const std::vector<std::string>& args) {
+    std::string cmd = "cd " + quote(dir.string()) + " && " + quote(exe);
+    for (const auto& a : args) cmd += ' ' + quote(a);
+    cmd += " 2>err.txt";
+    Result r;
+    FILE* p = ::popen(cmd.c_str(), "r");
+    if (p == nullptr) return r;
+    char buf[65536];
+    for (size_t n; (n = std::fread(buf, 1, sizeof buf, p)) > 0;) r.out.append(buf, n);
+    const int st = ::pclose(p);
+    r.status = WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+    return r;
+}
+
+inline Result tervane(const fs::path& dir, const std::vector<std::string>& args) {
+    return run(dir, TERVANE_EXE, args);
+}
+
+inline Bytes read_file(const fs::path& p) {
+    std::ifstream f(p, std::ios::binary);
+    return {std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>()};
+}
+
+inline std::string read_text(const fs::path& p) {
+    const Bytes b = read_file(p);
+    return {b.begin(), b.end()};
+}
+
+inline void write_file(const fs::path& p, const Bytes& data) {
+    std::ofstream f(p, std::ios::binary);
+    f.write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
+}
+
+inline bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+// A transport stream of n packets: sync byte 0x47 and a payload that differs
+// from packet to packet.
+inline Bytes make_ts(size_t packets, unsigned seed = 1) {
+    Bytes ts(packets * 188);
+    uint32_t x = seed * 2654435761u + 12345u;
+    for (size_t i = 0; i < ts.size(); ++i) {
+        x = x * 1664525u + 1013904223u;
+        ts[i] = (i % 188 == 0) ? 0x47 : static_cast<unsigned char>(x >> 24);
+    }
+    return ts;
+}
+
+// Text after the log's header line and the empty line that follows it.
+inline std::string log_body(const std::string& log) {
+    const size_t first = log.find('\n');
+    const size_t second = first == std::string::npos ? first : log.find('\n', first + 1);
+    return second == std::string::npos ? std::string() : log.substr(second + 1);
+}
+
+// Owns a handle of the given type, created empty.
+struct Vec {
+    dvbVect* v = nullptr;
+    explicit Vec(uint32_t type) { EXPECT_EQ(priv_dvbCreateVect(&v, type), 0u); }
+    ~Vec() { priv_dvbDestroyVect(&v); }
+    Vec(const Vec&) = delete;
+    Vec& operator=(const Vec&) = delete;
+};
+
+// An owned ring of len elements, empty, whose oldest element will sit at
+// head. T is uint8_t for a Symbol ring and dvbComplex for a Complex ring.
+template <typename T>
+struct Ring {
+    static_assert(std::is_same_v<T, uint8_t> || std::is_same_v<T, dvbComplex>);
+    static constexpr uint32_t type = std::is_same_v<T, uint8_t> ? Symbol : Complex;
+    dvbVect* v = nullptr;
+
+    explicit Ring(uint32_t len, uint32_t head = 0) {
+        priv_dvbCreateVect(&v, type);
+        dvbConstVect(v, type, len, 0.0, 0.0);
+        v->head = head;
+        v->fill = 0;
+    }
+    ~Ring() { priv_dvbDestroyVect(&v); }
+    Ring(const Ring&) = delete;
+    Ring& operator=(const Ring&) = delete;
+
+    T* data() { return static_cast<T*>(v->data); }
+    void push(const std::vector<T>& b) {
+        ASSERT_LE(b.size(), size_t{dvbRingFree(v)});
+        for (const T& x : b) data()[dvbRingWritePos(v)] = x, v->fill++;
+    }
+    std::vector<T> pop_all() {
+        std::vector<T> r;
+        for (; v->fill > 0; dvbRingConsume(v, 1)) r.push_back(data()[v->head]);
+        return r;
+    }
+};
+using ByteRing = Ring<uint8_t>;
+using CplxRing = Ring<dvbComplex>;
+
+// Sets the global verbosity for a scope and restores the previous level.
+struct Verbose {
+    uint16_t saved = verbosity;
+    explicit Verbose(uint16_t level) { verbosity = level; }
+    ~Verbose() { verbosity = saved; }
+    Verbose(const Verbose&) = delete;
+    Verbose& operator=(const Verbose&) = delete;
+};
+
+// Sets dvbt_parms to the defaults with the given changes applied.
+template <typename Fn>
+void set_parms(Fn&& change) {
+    dvbt_parms = dvbt_parms_t{};
+    dvbt_parms.delta = 3;
+    dvbt_parms.band = 3;
+    dvbt_parms.gain = 4.2f;
+    dvbt_parms.cid = -1;
+    change(dvbt_parms);
+}
+
+}  // namespace tu
