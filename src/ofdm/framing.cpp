@@ -145,7 +145,6 @@ void init_tps() {
     // BCH parity: remainder of X^14 * m(X) divided by h(X), m(X) the information bits
     // s1 .. s53 with s1 of the highest degree.
     b.fill(0);
-    x.fill(0);
     for (size_t i = 0; i <= 52; i++) x[i] = s[53 - i];
     for (size_t i = x.size(); i-- > 0;) {
         const uint8_t f = static_cast<uint8_t>(b[13] ^ x[i]);
