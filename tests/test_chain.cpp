@@ -35,6 +35,7 @@ struct Case {
     const char* mapping;      // 0, BB, INV
     bool idi;
     const char* batch;
+    int cid;                  // cell identifier, -1 for none
 };
 
 const int kF[] = {2048, 4096, 8192}, kK[] = {1705, 3409, 6817}, kN[] = {1512, 3024, 6048};
@@ -251,7 +252,7 @@ std::vector<cd> read_cells(const Bytes& b) {
 // Frame structure read back from the pre-IFFT cells: pilots (+-4/3 by the
 // reference sequence x^11 + x^2 + 1), TPS cells, data cells in carrier order,
 // and the TPS words decoded from the differential modulation.
-void check_frame(const std::vector<cd>& fd, const std::vector<cd>& ma, int mode, const std::string& tps_fields) {
+void check_frame(const std::vector<cd>& fd, const std::vector<cd>& ma, int mode, const std::vector<std::string>& tps) {
     const size_t K = static_cast<size_t>(kK[mode]), N = static_cast<size_t>(kN[mode]), S = fd.size() / K;
     ASSERT_EQ(fd.size(), S * K);
     ASSERT_GE(S, 70u) << "a whole frame is needed";
@@ -281,18 +282,18 @@ void check_frame(const std::vector<cd>& fd, const std::vector<cd>& ma, int mode,
         }
         ASSERT_EQ(next_data, (l + 1) * N) << "data cells of symbol " << l;
     }
-    std::vector<size_t> cp, tps;
+    std::vector<size_t> cp, tc;
     for (size_t k = 0; k < K; ++k) {
         if (always_pilot[k]) cp.push_back(k);
-        if (always_tps[k]) tps.push_back(k);
+        if (always_tps[k]) tc.push_back(k);
     }
     const size_t ncp[] = {45, 89, 177}, ntps[] = {17, 34, 68};
     EXPECT_EQ(cp.size(), ncp[mode]);
-    EXPECT_EQ(tps.size(), ntps[mode]);
+    EXPECT_EQ(tc.size(), ntps[mode]);
     EXPECT_EQ((std::vector<size_t>(cp.begin(), cp.begin() + 9)), (std::vector<size_t>{0, 48, 54, 87, 141, 156, 192, 201, 255}));
     EXPECT_EQ(cp.back(), K - 1);
-    EXPECT_EQ((std::vector<size_t>(tps.begin(), tps.begin() + 8)), (std::vector<size_t>{34, 50, 209, 346, 413, 569, 595, 688}));
-    EXPECT_EQ(tps.back(), (std::vector<size_t>{1687, 3391, 6799})[static_cast<size_t>(mode)]);
+    EXPECT_EQ((std::vector<size_t>(tc.begin(), tc.begin() + 8)), (std::vector<size_t>{34, 50, 209, 346, 413, 569, 595, 688}));
+    EXPECT_EQ(tc.back(), (std::vector<size_t>{1687, 3391, 6799})[static_cast<size_t>(mode)]);
 
     // TPS: symbol 0 of a frame refers to w, then s_l = 1 inverts.
     const std::string sync = "0011010111101110";
@@ -300,17 +301,16 @@ void check_frame(const std::vector<cd>& fd, const std::vector<cd>& ma, int mode,
         std::string s = "0";
         for (size_t l = 1; l < 68; ++l) {
             const size_t a = (f * 68 + l) * K, b = a - K;
-            const bool flip = fd[a + tps[0]] != fd[b + tps[0]];
-            for (size_t k : tps) ASSERT_EQ(fd[a + k] != fd[b + k], flip) << "TPS carriers disagree";
+            const bool flip = fd[a + tc[0]] != fd[b + tc[0]];
+            for (size_t k : tc) ASSERT_EQ(fd[a + k] != fd[b + k], flip) << "TPS carriers disagree";
             s += flip ? '1' : '0';
         }
-        for (size_t k : tps) EXPECT_EQ(fd[f * 68 * K + k].real() < 0, w[k] == 1);
+        for (size_t k : tc) EXPECT_EQ(fd[f * 68 * K + k].real() < 0, w[k] == 1);
         std::string want_sync = sync;
         if (f % 2 == 1)
             for (char& c : want_sync) c = c == '0' ? '1' : '0';
         EXPECT_EQ(s.substr(1, 16), want_sync) << "frame " << f;
-        const char* fnum[] = {"00", "01", "10", "11"};
-        EXPECT_EQ(s.substr(17, 37), tps_fields.substr(0, 6) + fnum[f % 4] + tps_fields.substr(6));
+        EXPECT_EQ(s.substr(17, 37), tps[f % 4]) << "frame " << f;
         // s1..s67 is a codeword of h(x) = x^14+x^9+x^8+x^6+x^5+x^4+x^2+x+1.
         std::vector<int> r;
         for (char c : s.substr(1)) r.push_back(c - '0');
@@ -401,6 +401,7 @@ TEST_P(Chain, EveryDumpFollowsFromThePreviousOne) {
     else
         args.insert(args.end(), {"-i", "hp.ts", "-p", c.rate_hp});
     if (c.idi) args.emplace_back("-idi");
+    if (c.cid >= 0) args.insert(args.end(), {"-cid", std::to_string(c.cid)});
     ASSERT_EQ(tu::tervane(dir.path, args).status, 0);
     auto dump = [&](const std::string& suffix) { return tu::read_file(dir / ("x_" + suffix + ".bin")); };
 
@@ -429,34 +430,36 @@ TEST_P(Chain, EveryDumpFollowsFromThePreviousOne) {
     const std::vector<cd> ma = read_cells(ma_bytes), points = model_constellation(v, c.alpha);
     for (size_t i = 0; i < ma.size(); ++i) ASSERT_LT(std::abs(ma[i] - points[si[i]]), 1e-6) << "cell " << i;
 
-    // TPS fields after the frame number: constellation, interleaving, hierarchy,
-    // HP and LP rates, guard, mode, no cell identifier, reserved.
-    const char* guards[] = {"1/32", "1/16", "1/8", "1/4"};
-    std::string fields = "010111";
-    fields += (std::vector<std::string>{"00", "01", "10"})[static_cast<size_t>(v / 2 - 1)];
-    fields += c.idi ? "1" : "0";
-    fields += (std::vector<std::string>{"00", "01", "10", "", "11"})[static_cast<size_t>(c.alpha)];
-    auto bits3 = [](int x) { return std::string{char('0' + (x >> 2 & 1)), char('0' + (x >> 1 & 1)), char('0' + (x & 1))}; };
-    fields += bits3(rate_index(c.rate_hp)) + (hier ? bits3(rate_index(c.rate_lp)) : "000");
-    for (int g = 0; g < 4; ++g)
-        if (std::string(c.guard) == guards[g]) fields += bits3(g).substr(1);
-    fields += (std::vector<std::string>{"00", "10", "01"})[static_cast<size_t>(c.mode)];
-    fields += "00000000000000";
+    // TPS s17..s53 by frame number: length, frame, constellation, interleaving,
+    // hierarchy, HP and LP rates, guard, mode, cell identifier byte, reserved.
+    auto bits = [](int x, int n) {
+        std::string b;
+        for (int i = n - 1; i >= 0; --i) b += static_cast<char>('0' + (x >> i & 1));
+        return b;
+    };
+    const std::vector<std::string> guards{"1/32", "1/16", "1/8", "1/4"};
+    const int guard = static_cast<int>(std::find(guards.begin(), guards.end(), c.guard) - guards.begin());
+    std::vector<std::string> tps;
+    for (int f = 0; f < 4; ++f)
+        tps.push_back(bits(c.cid < 0 ? 23 : 31, 6) + bits(f, 2) + bits(v / 2 - 1, 2) + bits(c.idi, 1) +
+                      bits(c.alpha == 4 ? 3 : c.alpha, 2) + bits(rate_index(c.rate_hp), 3) +
+                      bits(hier ? rate_index(c.rate_lp) : 0, 3) + bits(guard, 2) + bits(c.mode == 0 ? 0 : 3 - c.mode, 2) +
+                      bits(c.cid < 0 ? 0 : (f % 2 == 0 ? c.cid >> 8 : c.cid) & 0xFF, 8) + "000000");
     const std::vector<cd> fd = read_cells(dump("fd"));
     ASSERT_EQ(fd.size(), ma.size() / static_cast<size_t>(kN[c.mode]) * static_cast<size_t>(kK[c.mode]));
-    check_frame(fd, ma, c.mode, fields);
+    check_frame(fd, ma, c.mode, tps);
     const int guard_div = std::stoi(std::string(c.guard).substr(2));
     check_modulation(fd, read_cells(tu::read_file(dir / "x.bin")), c.mode, c.mapping, guard_div);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Runs, Chain,
-    ::testing::Values(Case{"Nh2k64Qam7_8", 0, 6, 0, "7/8", "", "1/32", "0", false, "5"},
-                      Case{"Nh4k16Qam3_4IdiInv", 1, 4, 0, "3/4", "", "1/8", "INV", true, "13"},
-                      Case{"Nh8kQpsk1_2BB", 2, 2, 0, "1/2", "", "1/16", "BB", false, "7"},
-                      Case{"Nh2kQpsk5_6Idi", 0, 2, 0, "5/6", "", "1/4", "0", true, "19"},
-                      Case{"Hier2k64QamAlpha2", 0, 6, 2, "2/3", "5/6", "1/32", "0", false, "11"},
-                      Case{"Hier4kQpskRaisedAlpha4", 1, 2, 4, "1/2", "3/4", "1/16", "BB", false, "9"}),
+    ::testing::Values(Case{"Nh2k64Qam7_8", 0, 6, 0, "7/8", "", "1/32", "0", false, "5", -1},
+                      Case{"Nh4k16Qam3_4IdiInv", 1, 4, 0, "3/4", "", "1/8", "INV", true, "13", 0xABCD},
+                      Case{"Nh8kQpsk1_2BB", 2, 2, 0, "1/2", "", "1/16", "BB", false, "7", 0x1234},
+                      Case{"Nh2kQpsk5_6Idi", 0, 2, 0, "5/6", "", "1/4", "0", true, "19", 0},
+                      Case{"Hier2k64QamAlpha2", 0, 6, 2, "2/3", "5/6", "1/32", "0", false, "11", -1},
+                      Case{"Hier4kQpskRaisedAlpha4", 1, 2, 4, "1/2", "3/4", "1/16", "BB", false, "9", 255}),
     [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace

@@ -326,6 +326,13 @@ TEST(VecUtilFile, NativeAndMatRoundTripsAndHostileInput) {
     EXPECT_EQ(rb.v->type, Real);
     EXPECT_EQ(reals_of(rb), reals_of(r));
     EXPECT_STREQ(rb.v->desc, "carrie");
+    for (size_t field : {0u, 12u}) {  // only type code 0 without an imaginary part is read
+        Bytes bad = want;
+        bad[field] = 1;
+        tu::write_file(p, bad);
+        EXPECT_EQ(dvbReadVect(rb.v, p.c_str(), 0x4), 1u) << field;
+        EXPECT_EQ(reals_of(rb), reals_of(r));
+    }
 
     // Four-byte elements are little-endian in the file; flag 0x2 reads them too.
     Vec d(Digital), db(Empty);
