@@ -219,7 +219,7 @@ unsigned read_native(FILE* f, dvbVect* v) {
     const uint32_t len = get_u32(h + 20);
     if (!is_listed_type(type)) return DVB_UNKNOWN;
     char desc[16];
-    std::memcpy(desc, h + 29, 16);
+    std::memcpy(desc, h + 29, sizeof desc);
     desc[15] = '\0';
     const size_t es = dvbElemSize(type);
     if (len > SIZE_MAX / es) return DVB_NO_MEMORY;

@@ -1,29 +1,11 @@
 #!/usr/bin/python3
-"""Independent DVB-T receiver used by the interoperability tests.
-
-Decodes a file of complex baseband samples written by `tervane -d t` (format
-"std": float32 I/Q pairs, one sample per elementary period, frequency mapping
-"0") back into transport stream packets, with GNU Radio's DVB-T receiver
-blocks only:
-
-  file -> symbol acquisition -> FFT -> pilot/TPS demodulation -> demapper
-       -> symbol deinterleaver -> bit deinterleaver -> Viterbi
-       -> outer deinterleaver -> Reed-Solomon -> energy descrambler -> file
-
-Usage:
-  dvbt_rx.py IN.bin OUT.ts MODE CONSTELLATION RATE GUARD [--hierarchy NH]
-
-MODE is 2k or 8k, CONSTELLATION 4, 16 or 64, RATE 1/2, 2/3, 3/4, 5/6 or 7/8,
-GUARD 1/4, 1/8, 1/16 or 1/32 (the spellings of tervane's options). The
-flowgraph runs headless to the end of the input and exits with status 0.
-No cell identifier is expected in the TPS (tervane's default).
-
-What comes out is not the whole stream: the receiver locks during the first
-superframe but starts delivering only at a later frame boundary (in practice
-about one superframe in), and at the end of the file the last hundred or so
-packets that its Reed-Solomon decoder has corrected never leave its energy
-descrambler.
-"""
+# Independent DVB-T receiver for the interoperability tests, built from GNU
+# Radio's DVB-T receiver blocks only: it decodes a file of tervane's "std"
+# samples (mapping "0") back into transport stream packets.
+#   dvbt_rx.py IN.bin OUT.ts MODE CONSTELLATION RATE GUARD [--hierarchy NH]
+# with tervane's spellings of the values. The receiver locks in the first
+# superframe and delivers from a later frame boundary; the last hundred or so
+# packets never leave its descrambler.
 
 import argparse
 import sys
