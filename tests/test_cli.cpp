@@ -204,24 +204,17 @@ TEST(Cli, EndReportFigures) {
     EXPECT_NEAR(ratio, x > theory ? x / theory : theory / x, 0.051 * ratio);
 }
 
-TEST(Cli, OptionQuirksSeenFromOutside) {
+// The batch size is clamped, the verbosity kept modulo 65536, odd values shown as they are.
+TEST(Cli, ExtremeOptionValues) {
     TempDir dir;
     tu::write_file(dir / "a.ts", tu::make_ts(10));
-    auto r = transmit(dir, {"-i", "a.ts", "-s", "20", "-s", "30", "-m", "8k", "-m", "2k", "-b", "9", "-D", "1/4", "-D", "x"});
-    EXPECT_TRUE(contains(r.out, "packets per time: 20\n"));
-    EXPECT_TRUE(contains(r.out, "Mode                   : 2k\n"));
-    EXPECT_TRUE(contains(r.out, "Channel spacing        : 8 MHz\n"));
-    EXPECT_TRUE(contains(r.out, "Prefix duration        : 1/4\n"));
     for (auto [value, shown] : std::vector<std::pair<const char*, const char*>>{{"0", "5"}, {"-7", "5"}, {"abc", "5"}, {"1001", "1000"}})
         EXPECT_TRUE(contains(transmit(dir, {"-i", "a.ts", "-s", value}).out, std::string("packets per time: ") + shown + "\n")) << value;
     EXPECT_TRUE(contains(transmit(dir, {"-i", "a.ts", "-v", "-1"}).out, "MPEG-2_read : 1880 samples\n"));
     EXPECT_EQ(transmit(dir, {"-i", "a.ts", "-v", "65536"}).out, "");
-    r = transmit(dir, {"-o", "-i", "a.ts"});
-    EXPECT_TRUE(contains(r.out, "\tOutput file basename   : -i\n\tMode"));
-    EXPECT_TRUE(contains(r.out, "\tMPEG-2 TS file name    : a.ts\n"));
-    r = transmit(dir, {"-i", "a.ts", "-g", "nan", "-cid", "99999999999"});
-    EXPECT_TRUE(contains(r.out, "Gain factor            : nan\n"));
-    EXPECT_TRUE(contains(r.out, "Cell identifier        : 0x7fffffff\n"));
+    const std::string out = transmit(dir, {"-i", "a.ts", "-g", "nan", "-cid", "99999999999"}).out;
+    EXPECT_TRUE(contains(out, "Gain factor            : nan\n"));
+    EXPECT_TRUE(contains(out, "Cell identifier        : 0x7fffffff\n"));
 }
 
 TEST(Cli, FileNamesWarningsAndRefusals) {
@@ -266,24 +259,6 @@ TEST(Cli, FileNamesWarningsAndRefusals) {
     EXPECT_TRUE(contains(r.out, "WARNING: -s 18 is too small for this mode: no OFDM symbol fits the buffers, so no "
                                 "samples will be produced (use -s 19 or more)\n"));
     EXPECT_EQ(fs::file_size(dir / "o.bin"), 0u);
-}
-
-// The same stream on both branches: with zero fills the branches' dumps are
-// equal; with random fills the two interleavers start differently, and a
-// second run reproduces the first.
-TEST(Cli, HierarchicalBranches) {
-    TempDir dir;
-    tu::write_file(dir / "a.ts", tu::make_ts(60));
-    transmit(dir, {"-a", "1", "-M", "64", "-ihp", "a.ts", "-ilp", "a.ts", "-o", "z", "-d", "ercv", "-c", "0"});
-    for (const char* s : {"ed", "rs", "ci", "ve"})
-        EXPECT_EQ(tu::read_file(dir / (std::string("z_") + s + "hp.bin")), tu::read_file(dir / (std::string("z_") + s + "lp.bin"))) << s;
-    transmit(dir, {"-a", "1", "-M", "64", "-ihp", "a.ts", "-ilp", "a.ts", "-o", "r1", "-d", "c"});
-    transmit(dir, {"-a", "1", "-M", "64", "-ihp", "a.ts", "-ilp", "a.ts", "-o", "r2", "-d", "c"});
-    const auto hp = tu::read_file(dir / "r1_cihp.bin"), lp = tu::read_file(dir / "r1_cilp.bin");
-    EXPECT_NE(hp, lp);
-    EXPECT_EQ(std::vector(hp.begin() + 2244, hp.end()), std::vector(lp.begin() + 2244, lp.end()));
-    EXPECT_EQ(tu::read_file(dir / "r2_cihp.bin"), hp);
-    EXPECT_EQ(tu::read_file(dir / "r2_cilp.bin"), lp);
 }
 
 // Degenerate and malformed streams end normally with whole symbols of finite samples.

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 
 #include "frame/files.hpp"
 #include "frame/params.hpp"
@@ -46,7 +47,7 @@ void create_buffer(dvbVect** buf, uint32_t type, uint32_t len) {
     if (rc == DVB_OK) rc = type == Complex ? dvbConstVect(*buf, type, len, 0.0, 0.0) : dvbConstVect(*buf, type, len, 0);
     if (rc != DVB_OK || *buf == nullptr || (len > 0 && (*buf)->data == nullptr)) {
         dvbMsgPrint(0, "FATAL ERROR: can't allocate a stream buffer of %u elements: %s\n", len,
-                    dvbErrString[rc < 11 ? rc : 1]);
+                    dvbErrString[rc < std::size(dvbErrString) ? rc : DVB_UNKNOWN]);
         std::exit(1);
     }
     (*buf)->head = 0;
