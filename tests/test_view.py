@@ -71,7 +71,8 @@ class Runs(unittest.TestCase):
         shutil.rmtree(cls.dir, ignore_errors=True)
 
     def view(self, args, tx_dumps, view_extra=()):
-        """Runs tervane with args and -d tx_dumps, then the viewer with the same line."""
+        """Runs tervane with args and -d tx_dumps, then the viewer with args and view_extra
+        (without -d it uses every file of the run that exists)."""
         key = " ".join(args) + tx_dumps
         if key not in self.runs:
             tx = run(self.dir, TERVANE, "-i", "in.ts", *args, "-d", tx_dumps, "-v", "0")
@@ -84,7 +85,7 @@ class Runs(unittest.TestCase):
     def path(self, name):
         return os.path.join(self.dir, name)
 
-    def check_common(self, out, fig, stem, rate, datafile):
+    def check_common(self, out, fig, stem, rate, datafile, carriers=1705):
         """Metadata, pictures and the figures every OFDM output must show."""
         with open(self.path(datafile[:-4] + ".sigmf-meta")) as f:
             meta = json.load(f)
@@ -105,7 +106,9 @@ class Runs(unittest.TestCase):
         self.assertGreater(fig["Shoulder attenuation"], 25)
         self.assertTrue(9 < fig["PAPR"] < 12, out)
         self.assertAlmostEqual(fig["Pilot/data amplitude"], 4 / 3, delta=0.01)
-        self.assertEqual(fig["Cells off the pilot pattern"], 0, out)
+        # Exact cells from the dump are all in place; demodulated ones may stray with noise.
+        limit = 0 if "_fd.bin)" in out else 1e-3 * fig["Symbols"] * carriers
+        self.assertLessEqual(fig["Cells off the pilot pattern"], limit, out)
         return meta
 
 
@@ -161,11 +164,11 @@ class View2k(Runs):
 class View8k(Runs):
     packets = 400
 
-    def test_std_mapper_dump_and_agi(self):
+    def test_std_with_dumps_and_agi_without(self):
         common = ["-m", "8k", "-M", "64", "-D", "1/4", "-p", "2/3"]
-        for fmt, stem, datafile in (("std", "c", "c.bin"), ("agi", "d", "d_agi.bin")):
-            out, fig = self.view(common + ["-o", stem, "-F", fmt], "tmf")
-            self.check_common(out, fig, stem, FS8, datafile)
+        for fmt, stem, datafile, extra in (("std", "c", "c.bin", []), ("agi", "d", "d_agi.bin", ["-d", "t"])):
+            out, fig = self.view(common + ["-o", stem, "-F", fmt], "tmf", extra)
+            self.check_common(out, fig, stem, FS8, datafile, 6817)
             if fmt == "std":
                 x = np.fromfile(self.path(datafile), "<c8")
             else:
