@@ -10,18 +10,8 @@
 #include "frame/files.hpp"
 #include "frame/params.hpp"
 #include "frame/print.hpp"
-
-#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
-#define TERVANE_X86 1
-// GCC 12 warns falsely about the undefined source operand inside the
-// 512-bit intrinsics (its bug 105593); the warning is off for this file.
-#if !defined(__clang__)
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
-#endif
-#include <immintrin.h>
-#else
-#define TERVANE_X86 0
-#endif
+#include "vectors/cpu.hpp"
+#include "vectors/simd.hpp"
 
 namespace {
 
@@ -126,8 +116,6 @@ __attribute__((target("avx"))) void ifft_avx(dvbComplex* buf) {
 // butterfly output is rounded to float (narrowed, and widened again when the
 // value stays in a register for the next stage), so each stage gives exactly
 // the values the plain form stores.
-#define TERVANE_AVX512 __attribute__((target("avx512f,avx512dq,avx512vl")))
-
 TERVANE_AVX512 inline __m512d widen(__m256 x) { return _mm512_cvtps_pd(x); }
 TERVANE_AVX512 inline __m256 narrow(__m512d x) { return _mm512_cvtpd_ps(x); }
 TERVANE_AVX512 inline __m512d round_f(__m512d x) { return widen(narrow(x)); }
@@ -331,15 +319,7 @@ bool cpu_has_avx() {
     return false;
 #endif
 }
-bool cpu_has_avx512() {
-#if TERVANE_X86
-    __builtin_cpu_init();
-    return __builtin_cpu_supports("avx512f") != 0 && __builtin_cpu_supports("avx512dq") != 0 &&
-           __builtin_cpu_supports("avx512vl") != 0;
-#else
-    return false;
-#endif
-}
+bool cpu_has_avx512() { return dvbUseAvx512(); }
 
 // The form the modulator uses, chosen once by init_ifft.
 void (*symbol_fn)(const dvbComplex*, dvbComplex*) = symbol_generic;
