@@ -6,9 +6,11 @@
 
 #include <cstring>
 #include <functional>
+#include <limits>
 #include <random>
 #include <vector>
 
+#include "frame/files.hpp"
 #include "frame/params.hpp"
 #include "inner/inner_coder.hpp"
 #include "inner/inner_int.hpp"
@@ -244,6 +246,38 @@ TEST(Kernels, GroupedReedSolomonAndRunwiseDispersalMatchThePlainForms) {
                          return c;
                      }),
               want);
+}
+
+TEST(Kernels, AgiSampleCodesMatchThePlainFormIncludingOutOfRange) {
+    std::mt19937 g(21);
+    std::uniform_real_distribution<float> d(-2.0f, 2.0f);
+    testutil::CplxRing ring(1003, 990);
+    std::vector<dvbComplex> samples(1000);
+    for (auto& c : samples) c = {d(g), d(g)};
+    samples[3] = {1e30f, -1e30f};  // beyond the 32-bit range
+    samples[8] = {std::numeric_limits<float>::quiet_NaN(), -std::numeric_limits<float>::infinity()};
+    samples[9] = {1.0001f, -1.0001f};  // just past full scale
+    dvbt_parms = dvbt_parms_t{};
+    dvbt_parms.dumpformat = 1;
+    tdstream_sf = 32767.0f;
+    tot_flen = 1000;
+    testutil::Verbose quiet(0);
+    std::vector<Bytes> out;
+    for (dvbIsa isa : isas()) {
+        IsaScope scope(isa);
+        FILE* fp = std::tmpfile();
+        ASSERT_NE(fp, nullptr);
+        ring.push(samples);
+        EXPECT_EQ(time_dump(ring.v, fp, nullptr, nullptr, 400000), 1000);
+        Bytes b(4000);
+        std::rewind(fp);
+        EXPECT_EQ(std::fread(b.data(), 1, b.size(), fp), b.size());
+        std::fclose(fp);
+        out.push_back(b);
+    }
+    EXPECT_EQ(out[0][12], 0x80);  // out of range: -32768
+    EXPECT_EQ(out[0][13], 0x00);
+    for (const Bytes& b : out) EXPECT_EQ(b, out[0]);
 }
 
 }  // namespace
