@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "frame/params.hpp"
@@ -31,24 +32,55 @@ std::vector<dvbComplex> random_symbol(size_t n) {
     return v;
 }
 
-template <void (*Fft)(dvbComplex*)>
+// Every form of the transform the processor runs, in place on a bit-reversed
+// spectrum (range 0: form index, range 1: mode), and the whole symbol path
+// (carrier placement folded in) of the same form.
 void BM_Ifft(benchmark::State& state) {
-    const auto mode = static_cast<uint32_t>(state.range(0));
+    const auto form = static_cast<size_t>(state.range(0));
+    const auto mode = static_cast<uint32_t>(state.range(1));
     set_mode(mode);
+    const ofdm_ifft_form& f = ofdm_ifft_forms()[form];
+    if (!f.available) {
+        state.SkipWithError("not available on this processor");
+        return;
+    }
     const auto F = static_cast<size_t>(dvbt_fftsize[mode]);
     const auto src = random_symbol(F);
     std::vector<dvbComplex> buf(F);
     for (auto _ : state) {
         buf = src;
-        Fft(buf.data());
+        f.transform(buf.data());
         benchmark::DoNotOptimize(buf.data());
     }
     state.SetItemsProcessed(state.iterations());
-    state.SetLabel("symbols");
+    state.SetLabel(std::string(f.name) + " symbols");
 }
-BENCHMARK_TEMPLATE(BM_Ifft, ofdm_ifft_reference)->Arg(0)->Arg(2);
-BENCHMARK_TEMPLATE(BM_Ifft, ofdm_ifft_generic)->Arg(0)->Arg(2);
-BENCHMARK_TEMPLATE(BM_Ifft, ofdm_ifft)->Arg(0)->Arg(2);
+
+void BM_Symbol(benchmark::State& state) {
+    const auto form = static_cast<size_t>(state.range(0));
+    const auto mode = static_cast<uint32_t>(state.range(1));
+    set_mode(mode);
+    const ofdm_ifft_form& f = ofdm_ifft_forms()[form];
+    if (!f.available) {
+        state.SkipWithError("not available on this processor");
+        return;
+    }
+    const auto cells = random_symbol(static_cast<size_t>(dvbt_K[mode]));
+    std::vector<dvbComplex> buf(static_cast<size_t>(dvbt_fftsize[mode]));
+    for (auto _ : state) {
+        f.symbol(cells.data(), buf.data());
+        benchmark::DoNotOptimize(buf.data());
+    }
+    state.SetItemsProcessed(state.iterations());
+    state.SetLabel(std::string(f.name) + " symbols");
+}
+
+void form_args(benchmark::internal::Benchmark* b) {
+    for (int64_t form = 0; form < static_cast<int64_t>(ofdm_ifft_forms().size()); form++)
+        for (int64_t mode : {0, 2}) b->Args({form, mode});
+}
+BENCHMARK(BM_Ifft)->Apply(form_args);
+BENCHMARK(BM_Symbol)->Apply(form_args);
 
 void BM_EncodeRs(benchmark::State& state) {
     init_rs();

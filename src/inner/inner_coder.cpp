@@ -5,6 +5,8 @@
 #include <cstring>
 
 #include "frame/print.hpp"
+#include "vectors/cpu.hpp"
+#include "vectors/simd.hpp"
 
 namespace {
 
@@ -30,6 +32,98 @@ constexpr std::array<NibbleBits, 1024> enc_nibble = [] {
     return t;
 }();
 
+// ---------------------------------------------------------------------------
+// Encoder on whole words: eight input bytes give 128 coded bits at once.
+
+// Reverses the bits of every byte, so that the input bits, most significant
+// first within each byte, lie in time order from bit 0 up.
+inline uint64_t bits_in_time_order(uint64_t x) {
+    x = ((x >> 1) & 0x5555555555555555ull) | ((x & 0x5555555555555555ull) << 1);
+    x = ((x >> 2) & 0x3333333333333333ull) | ((x & 0x3333333333333333ull) << 2);
+    return ((x >> 4) & 0x0F0F0F0F0F0F0F0Full) | ((x & 0x0F0F0F0F0F0F0F0Full) << 4);
+}
+
+// The 64 input bits from time order (bit i the i-th bit), with prev the word
+// before, give the X and Y bits of each time: X_i = b_i ^ b_i-1 ^ b_i-2 ^ b_i-3
+// ^ b_i-6 and Y_i = b_i ^ b_i-2 ^ b_i-3 ^ b_i-5 ^ b_i-6 (taps 0x4F and 0x6D).
+struct CodedWords {
+    uint64_t x, y;
+};
+inline CodedWords code_word(uint64_t w, uint64_t prev) {
+    const auto back = [w, prev](int k) { return (w << k) | (prev >> (64 - k)); };
+    const uint64_t s2 = back(2), s3 = back(3), s6 = back(6);
+    return {w ^ back(1) ^ s2 ^ s3 ^ s6, w ^ s2 ^ s3 ^ back(5) ^ s6};
+}
+
+// The input bits before the run, in the place the previous word would hold
+// them (b_-1 at bit 63), from the shift register.
+inline uint64_t prev_from_state(uint32_t st) {
+    uint64_t prev = 0;
+    for (int j = 0; j < 6; j++) prev |= static_cast<uint64_t>((st >> j) & 1u) << (63 - j);
+    return prev;
+}
+
+inline uint64_t load64(const uint8_t* p) {
+    uint64_t x;
+    std::memcpy(&x, p, 8);
+    return x;
+}
+
+// Bits 0..31 of x spread to the even bits of the result.
+inline uint64_t spread_even(uint64_t x) {
+    x &= 0xFFFFFFFFull;
+    x = (x | (x << 16)) & 0x0000FFFF0000FFFFull;
+    x = (x | (x << 8)) & 0x00FF00FF00FF00FFull;
+    x = (x | (x << 4)) & 0x0F0F0F0F0F0F0F0Full;
+    x = (x | (x << 2)) & 0x3333333333333333ull;
+    return (x | (x << 1)) & 0x5555555555555555ull;
+}
+
+// One byte (0 or 1) per bit of an 8-bit value, bit 0 first.
+constexpr std::array<uint64_t, 256> bit_bytes = [] {
+    std::array<uint64_t, 256> t{};
+    for (uint32_t v = 0; v < 256; v++)
+        for (uint32_t k = 0; k < 8; k++) t[v] |= static_cast<uint64_t>((v >> k) & 1u) << (8 * k);
+    return t;
+}();
+
+// Codes g groups of eight bytes from src to 128 g coded bits at dst; *prev is
+// the word before the first group and becomes the last one.
+void encode_groups(const uint8_t* src, uint8_t* dst, uint32_t g, uint64_t* prev) {
+    uint64_t pw = *prev;
+    for (uint32_t i = 0; i < g; i++, src += 8, dst += 128) {
+        const uint64_t w = bits_in_time_order(load64(src));
+        const CodedWords c = code_word(w, pw);
+        pw = w;
+        for (int half = 0; half < 2; half++) {
+            const uint64_t m = spread_even(c.x >> (32 * half)) | (spread_even(c.y >> (32 * half)) << 1);
+            for (int k = 0; k < 8; k++) {
+                const uint64_t bytes = bit_bytes[(m >> (8 * k)) & 0xFFu];
+                std::memcpy(dst + 64 * half + 8 * k, &bytes, 8);
+            }
+        }
+    }
+    *prev = pw;
+}
+
+#if TERVANE_X86
+TERVANE_AVX512 void encode_groups_avx512(const uint8_t* src, uint8_t* dst, uint32_t g, uint64_t* prev) {
+    const __m512i one = _mm512_set1_epi8(1);
+    uint64_t pw = *prev;
+    for (uint32_t i = 0; i < g; i++, src += 8, dst += 128) {
+        const uint64_t w = bits_in_time_order(load64(src));
+        const CodedWords c = code_word(w, pw);
+        pw = w;
+        constexpr uint64_t even = 0x5555555555555555ull, odd = 0xAAAAAAAAAAAAAAAAull;
+        const uint64_t m0 = _pdep_u64(c.x, even) | _pdep_u64(c.y, odd);
+        const uint64_t m1 = _pdep_u64(c.x >> 32, even) | _pdep_u64(c.y >> 32, odd);
+        _mm512_storeu_si512(dst, _mm512_maskz_mov_epi8(m0, one));
+        _mm512_storeu_si512(dst + 64, _mm512_maskz_mov_epi8(m1, one));
+    }
+    *prev = pw;
+}
+#endif
+
 // Kept positions of one period for rate index R, taken from p_mat.
 template <int R>
 constexpr auto kept_positions() {
@@ -39,6 +133,28 @@ constexpr auto kept_positions() {
         if (p_mat[R][k] != 0) idx[m++] = k;
     return idx;
 }
+
+#if TERVANE_X86
+// Whole periods of rate index R with one byte permutation per register: as
+// many periods as fit in 64 input bytes, gathered into their kept bits.
+// Returns the periods done (a multiple of that count).
+template <int R>
+TERVANE_AVX512 uint32_t puncture_avx512(const uint8_t* s, uint8_t* d, uint32_t periods) {
+    constexpr uint32_t ip = in_plen[R];
+    constexpr uint32_t op = out_plen[R];
+    constexpr uint32_t P = 64 / ip;
+    constexpr auto idx = kept_positions<R>();
+    alignas(64) uint8_t perm[64] = {};
+    for (uint32_t o = 0; o < P * op; o++) perm[o] = static_cast<uint8_t>((o / op) * ip + idx[o % op]);
+    const __m512i pv = _mm512_load_si512(perm);
+    const __mmask64 in_mask = ~0ull >> (64 - P * ip);
+    const __mmask64 out_mask = ~0ull >> (64 - P * op);
+    uint32_t done = 0;
+    for (; done + P <= periods; done += P, s += P * ip, d += P * op)
+        _mm512_mask_storeu_epi8(d, out_mask, _mm512_permutexvar_epi8(pv, _mm512_maskz_loadu_epi8(in_mask, s)));
+    return done;
+}
+#endif
 
 // Punctures q whole periods at rate index R from ring position *r to ring
 // position *w. Runs of periods that lie contiguous in both rings go through a
@@ -55,6 +171,14 @@ void puncture_periods(const uint8_t* src, uint32_t ilen, uint32_t* r, uint8_t* d
         q -= run;
         const uint8_t* s = src + ri;
         uint8_t* d = dst + wi;
+#if TERVANE_X86
+        if (dvbUseAvx512()) {
+            const uint32_t done = puncture_avx512<R>(s, d, run);
+            s += done * ip;
+            d += done * op;
+            run -= done;
+        }
+#endif
         for (; run > 0; run--, s += ip, d += op)
             for (uint32_t m = 0; m < op; m++) d[m] = s[idx[m]];
         ri = static_cast<uint32_t>(s - src);
@@ -94,9 +218,29 @@ int32_t encode27(dvbVect* in, dvbVect* out, uint32_t* state, uint32_t maxlen, FI
     uint32_t w = w0;
     uint32_t st = *state;
 
-    for (uint32_t i = 0; i < n; i++) {
+    for (uint32_t i = 0; i < n;) {
+        // Whole groups of eight bytes where both rings have them in one piece.
+        uint32_t g = std::min({(n - i) / 8, (ilen - r) / 8, (olen - w) / 128});
+        if (g > 0) {
+            uint64_t prev = prev_from_state(st);
+#if TERVANE_X86
+            if (dvbUseAvx512())
+                encode_groups_avx512(src + r, dst + w, g, &prev);
+            else
+#endif
+                encode_groups(src + r, dst + w, g, &prev);
+            r += 8 * g;
+            w += 128 * g;
+            i += 8 * g;
+            st = (static_cast<uint32_t>(src[r - 4]) << 24) | (static_cast<uint32_t>(src[r - 3]) << 16) |
+                 (static_cast<uint32_t>(src[r - 2]) << 8) | src[r - 1];
+            if (r == ilen) r = 0;
+            if (w == olen) w = 0;
+            continue;
+        }
         const uint32_t b = src[r];
         if (++r == ilen) r = 0;
+        i++;
         const NibbleBits& hi = enc_nibble[((st & 0x3Fu) << 4) | (b >> 4)];
         const uint32_t mid = (st << 4) | (b >> 4);  // register after the high nibble
         const NibbleBits& lo = enc_nibble[((mid & 0x3Fu) << 4) | (b & 0xFu)];

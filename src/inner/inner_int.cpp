@@ -32,40 +32,56 @@ constexpr std::array<std::array<uint8_t, 4>, 3> demux_lp{{
     {2, 4, 3, 5},
 }};
 
-// Block stores I0 .. I5 of sub-streams b0 .. b5, one bit per byte. Each holds
-// its 126 bits twice in a row, so that the read index w + shift_e never wraps.
-uint8_t I0[2 * BI_BLOCK], I1[2 * BI_BLOCK], I2[2 * BI_BLOCK], I3[2 * BI_BLOCK], I4[2 * BI_BLOCK],
-    I5[2 * BI_BLOCK];
-uint8_t* const bi_store[6] = {I0, I1, I2, I3, I4, I5};
 uint8_t bi_scratch_hp[6 * BI_BLOCK];
 uint8_t bi_scratch_lp[4 * BI_BLOCK];
 uint8_t bi_words[BI_BLOCK];
 
-// Interleaves one block of V-bit words into bi_words. lp is null in a
-// non-hierarchical block; otherwise each word takes 2 bits from hp and V - 2
-// from lp.
-template <uint32_t V>
-void bi_block(const uint8_t* hp, const uint8_t* lp) {
-    constexpr std::array<uint8_t, 6> route = demux_nh[V / 2 - 1];
-    constexpr std::array<uint8_t, 4> route_lp = demux_lp[V / 2 - 1];
-    if (lp == nullptr) {
-        for (uint32_t k = 0; k < BI_BLOCK; k++)
-            for (uint32_t i = 0; i < V; i++) bi_store[route[i]][k] = hp[k * V + i];
+// Source of every bit of a block's words: bit y_e of word w is input bit
+// src_of[e][w] of the block's bits, counted over the HP bits (sub-streams
+// routed from in_hp) or the LP bits. Built per constellation and hierarchy.
+std::array<std::array<uint16_t, BI_BLOCK>, 6> src_of{};
+std::array<uint8_t, 6> from_lp{};
+int64_t src_key = -1;
+
+void build_sources(uint32_t V, bool hier) {
+    const std::array<uint8_t, 6>& route = demux_nh[V / 2 - 1];
+    const std::array<uint8_t, 4>& route_lp = demux_lp[V / 2 - 1];
+    // Position within its group, and the group width, of the bit each sub-stream takes.
+    std::array<uint32_t, 6> pos{}, width{};
+    if (!hier) {
+        for (uint32_t i = 0; i < V; i++) {
+            pos[route[i]] = i;
+            width[route[i]] = V;
+            from_lp[route[i]] = 0;
+        }
     } else {
-        constexpr uint32_t L = V - 2;
-        for (uint32_t k = 0; k < BI_BLOCK; k++) {
-            bi_store[0][k] = hp[2 * k];
-            bi_store[1][k] = hp[2 * k + 1];
-            for (uint32_t i = 0; i < L; i++) bi_store[route_lp[i]][k] = lp[k * L + i];
+        for (uint32_t i = 0; i < 2; i++) {
+            pos[i] = i;
+            width[i] = 2;
+            from_lp[i] = 0;
+        }
+        for (uint32_t i = 0; i < V - 2; i++) {
+            pos[route_lp[i]] = i;
+            width[route_lp[i]] = V - 2;
+            from_lp[route_lp[i]] = 1;
         }
     }
-    for (uint32_t e = 0; e < V; e++) std::memcpy(bi_store[e] + BI_BLOCK, bi_store[e], BI_BLOCK);
+    for (uint32_t e = 0; e < V; e++)
+        for (uint32_t w = 0; w < BI_BLOCK; w++)
+            src_of[e][w] = static_cast<uint16_t>(width[e] * ((w + point_start[e]) % BI_BLOCK) + pos[e]);
+    src_key = static_cast<int64_t>(V * 2 + (hier ? 1 : 0));
+}
 
-    // Emit: word w carries bit (w + shift_e) of sub-stream e, b0 the most significant.
-    for (uint32_t k = 0; k < BI_BLOCK; k++) {
+// Interleaves one block of V-bit words into bi_words: each word gathers its V
+// bits from the block's input bits (lp is null in a non-hierarchical block).
+template <uint32_t V>
+void bi_block(const uint8_t* hp, const uint8_t* lp) {
+    const uint8_t* from[6];
+    for (uint32_t e = 0; e < V; e++) from[e] = from_lp[e] != 0 ? lp : hp;
+    for (uint32_t w = 0; w < BI_BLOCK; w++) {
         uint32_t word = 0;
-        for (uint32_t e = 0; e < V; e++) word = (word << 1) + bi_store[e][k + point_start[e]];
-        bi_words[k] = static_cast<uint8_t>(word);
+        for (uint32_t e = 0; e < V; e++) word = (word << 1) + from[e][src_of[e][w]];
+        bi_words[w] = static_cast<uint8_t>(word);
     }
 }
 
@@ -121,6 +137,8 @@ uint32_t bit_interleave(dvbVect* in_hp, dvbVect* in_lp, dvbVect* out, uint32_t m
 
     uint32_t B = dvbRingUnits(in_hp, hp_bits, out, BI_BLOCK, maxlen, hp_bits);
     if (lp_bits != 0 && in_lp->fill / lp_bits < B) B = in_lp->fill / lp_bits;
+
+    if (src_key != static_cast<int64_t>(v * 2 + (hier ? 1 : 0))) build_sources(v, hier);
 
     uint32_t r_hp = in_hp->head;
     uint32_t r_lp = lp_bits != 0 ? in_lp->head : 0;

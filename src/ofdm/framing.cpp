@@ -36,7 +36,7 @@ std::array<uint8_t, 68> s{};
 std::array<uint8_t, 113> x{};
 std::array<uint8_t, 14> b{};
 
-// One symbol as it is built, before it is copied into the output ring.
+// One symbol that crosses the end of the output ring, as it is built.
 std::array<dvbComplex, max_K> sym_buf{};
 
 // Writes the nbits low bits of value into s[pos ..], most significant first.
@@ -90,8 +90,8 @@ void build_layout(uint32_t mode) {
     layout_mode = mode;
 }
 
-// Builds the symbol numbered l of the frame into sym_buf, taking its data cells from the ring at r.
-void build_symbol(int32_t l, const dvbVect* in, uint32_t& r, uint32_t K) {
+// Builds the symbol numbered l of the frame into sym, taking its data cells from the ring at r.
+void build_symbol(int32_t l, const dvbVect* in, uint32_t& r, uint32_t K, dvbComplex* sym) {
     const auto& list = specials[static_cast<size_t>(l % 4)];
     const uint32_t n = special_count[static_cast<size_t>(l % 4)];
     const bool reference = l == 0;
@@ -99,20 +99,20 @@ void build_symbol(int32_t l, const dvbVect* in, uint32_t& r, uint32_t K) {
     uint32_t k = 0;
     for (uint32_t e = 0; e < n; e++) {
         const Special& sp = list[e];
-        if (sp.k > k) r = dvbRingGet(in, r, sym_buf.data() + k, sp.k - k);
+        if (sp.k > k) r = dvbRingGet(in, r, sym + k, sp.k - k);
         if (sp.tps_j < 0) {
-            sym_buf[sp.k] = {sp.value, 0.0f};
+            sym[sp.k] = {sp.value, 0.0f};
         } else {
             float& a = tps_ampl[static_cast<size_t>(sp.tps_j)];
             if (reference)
                 a = w[sp.k] != 0 ? -1.0f : 1.0f;
             else if (invert)
                 a = -a;
-            sym_buf[sp.k] = {a, 0.0f};
+            sym[sp.k] = {a, 0.0f};
         }
         k = sp.k + 1;
     }
-    if (k < K) r = dvbRingGet(in, r, sym_buf.data() + k, K - k);
+    if (k < K) r = dvbRingGet(in, r, sym + k, K - k);
 }
 
 }  // namespace
@@ -166,9 +166,12 @@ uint32_t piltps_add(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump) {
     uint32_t r = in->head;
     uint32_t q = dvbRingWritePos(out);
     for (uint32_t u = 0; u < n; u++) {
-        build_symbol(sym_num, in, r, uK);
-        q = dvbRingPut(out, q, sym_buf.data(), uK);
-        if (dump != nullptr) std::fwrite(sym_buf.data(), sizeof(dvbComplex), uK, dump);
+        // Built in the output ring itself when the symbol fits before its end.
+        const bool direct = out->len - q >= uK;
+        dvbComplex* sym = direct ? dvbCplx(out) + q : sym_buf.data();
+        build_symbol(sym_num, in, r, uK, sym);
+        q = direct ? dvbRingAdvance(q, uK, out->len) : dvbRingPut(out, q, sym, uK);
+        if (dump != nullptr) std::fwrite(sym, sizeof(dvbComplex), uK, dump);
 
         if (++sym_num == frame_symbols) {
             sym_num = 0;

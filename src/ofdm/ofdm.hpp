@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <span>
 
 #include "vectors/manage.hpp"
 
@@ -27,3 +28,16 @@ int32_t time_dump(dvbVect* in, FILE* td_fp, FILE* tdI_fp, FILE* tdQ_fp, uint32_t
 void ofdm_ifft(dvbComplex* buf);
 void ofdm_ifft_generic(dvbComplex* buf);
 void ofdm_ifft_reference(dvbComplex* buf);
+
+// Every form of the transform this build has, the plain one first, and whether
+// the processor runs it: transform works in place as ofdm_ifft does; symbol
+// places the K cells of one symbol on their bins (the frequency mapping of the
+// current parameters, as ofdm_mod does) and transforms them into dst[0 .. F-1].
+// init_ifft picks the last available one for the modulator.
+struct ofdm_ifft_form {
+    const char* name;
+    bool available;
+    void (*transform)(dvbComplex* buf);
+    void (*symbol)(const dvbComplex* cells, dvbComplex* dst);
+};
+std::span<const ofdm_ifft_form> ofdm_ifft_forms();

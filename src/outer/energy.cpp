@@ -3,11 +3,30 @@
 // other sync bytes pass unchanged while the sequence runs on.
 #include "outer/energy.hpp"
 
+#include <algorithm>
+#include <cstring>
+
 #include "frame/print.hpp"
 
 namespace {
 
-// Processes n bytes; the group position p lives in q->head.
+// dst[i] = src[i] ^ seq[i] for n bytes, eight at a time.
+void xor_run(uint8_t* dst, const uint8_t* src, const uint8_t* seq, uint32_t n) {
+    uint32_t i = 0;
+    for (; i + 8 <= n; i += 8) {
+        uint64_t x, m;
+        std::memcpy(&x, src + i, 8);
+        std::memcpy(&m, seq + i, 8);
+        x ^= m;
+        std::memcpy(dst + i, &x, 8);
+    }
+    for (; i < n; i++) dst[i] = static_cast<uint8_t>(src[i] ^ seq[i]);
+}
+
+// Processes n bytes; the group position p lives in q->head. Position 0 of the
+// group is inverted, the other packet starts pass unchanged, and every other
+// byte is XORed with the sequence: the bytes between two packet starts go as
+// one run (split where a ring ends).
 void disperse(dvbVect* in, dvbVect* out, dvbVect* q, uint32_t plen, uint32_t period, uint32_t n,
               FILE* dump) {
     const uint8_t* src = dvbBytes(in);
@@ -18,17 +37,25 @@ void disperse(dvbVect* in, dvbVect* out, dvbVect* q, uint32_t plen, uint32_t per
     const uint32_t w0 = w;
     uint32_t p = q->head;
     uint32_t k = p % plen;
-    for (uint32_t i = 0; i < n; ++i) {
-        const uint8_t x = src[r];
-        uint8_t y;
-        if (p == 0) y = static_cast<uint8_t>(~x);
-        else if (k == 0) y = x;
-        else y = static_cast<uint8_t>(x ^ seq[p - 1]);
-        dst[w] = y;
-        if (++p == period) p = 0;
-        if (++k == plen) k = 0;
-        if (++r == in->len) r = 0;
-        if (++w == out->len) w = 0;
+    for (uint32_t done = 0; done < n;) {
+        uint32_t run = 1;
+        if (p == 0) {
+            dst[w] = static_cast<uint8_t>(~src[r]);
+        } else if (k == 0) {
+            dst[w] = src[r];
+        } else {
+            run = std::min({plen - k, period - p, n - done, in->len - r, out->len - w});
+            xor_run(dst + w, src + r, seq + p - 1, run);
+        }
+        done += run;
+        p += run;
+        k += run;
+        r += run;
+        w += run;
+        if (p == period) p = 0;
+        if (k == plen) k = 0;
+        if (r == in->len) r = 0;
+        if (w == out->len) w = 0;
     }
     q->head = p;
     dvbRingDump(out, w0, n, dump);

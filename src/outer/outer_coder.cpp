@@ -10,10 +10,10 @@ namespace {
 constexpr uint32_t PKT_IN = 188;
 constexpr uint32_t PKT_OUT = 204;
 constexpr uint32_t NPAR = 16;
+constexpr uint32_t GROUP = 4;  // packets coded together
 
-// One block: bytes 0..187 the packet in reverse order, 188..238 always zero,
-// 239..254 the parity.
-uint8_t codeword[255];
+// Packets that cross the end of the input ring, copied out whole.
+uint8_t scratch[GROUP][PKT_IN];
 
 }  // namespace
 
@@ -22,19 +22,26 @@ uint32_t rs_short204188(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump) 
 
     const uint32_t npkt = dvbRingUnits(in, PKT_IN, out, PKT_OUT, maxlen, PKT_IN);
     uint32_t r = in->head;
-    uint32_t w = dvbRingWritePos(out);
-    uint8_t pkt[PKT_OUT];
+    const uint32_t w0 = dvbRingWritePos(out);
+    uint32_t w = w0;
 
-    for (uint32_t p = 0; p < npkt; p++) {
-        r = dvbRingGet(in, r, pkt, PKT_IN);
-        for (uint32_t k = 0; k < PKT_IN; k++) codeword[PKT_IN - 1 - k] = pkt[k];
-        encode_rs(codeword, codeword + 239);
-        for (uint32_t m = 0; m < NPAR; m++) pkt[PKT_IN + m] = codeword[254 - m];
-        w = dvbRingPut(out, w, pkt, PKT_OUT);
-        if (dump != nullptr) std::fwrite(pkt, 1, PKT_OUT, dump);
+    for (uint32_t p = 0; p < npkt; p += GROUP) {
+        const uint32_t m = npkt - p < GROUP ? npkt - p : GROUP;
+        const uint8_t* pkt[GROUP];
+        uint8_t parity[GROUP][NPAR];
+        for (uint32_t k = 0; k < m; k++) {
+            pkt[k] = static_cast<const uint8_t*>(dvbRingView(in, r, PKT_IN, scratch[k]));
+            r = dvbRingAdvance(r, PKT_IN, in->len);
+        }
+        rs_parity188(pkt, m, parity);
+        for (uint32_t k = 0; k < m; k++) {
+            w = dvbRingPut(out, w, pkt[k], PKT_IN);
+            w = dvbRingPut(out, w, parity[k], NPAR);
+        }
     }
 
     const uint32_t consumed = PKT_IN * npkt;
+    dvbRingDump(out, w0, PKT_OUT * npkt, dump);
     dvbRingConsume(in, consumed);
     out->fill += PKT_OUT * npkt;
     dvbMsgPrint(4, "Outer_coder : %d samples\n", static_cast<int>(consumed));

@@ -113,3 +113,28 @@ int encode_rs(const uint8_t* data, uint8_t* bb) {
     }
     return 0;
 }
+
+// Packets in lock step: the register update of one packet waits on the table
+// load of the byte before, so several independent packets keep the processor busy.
+template <uint32_t N>
+void parity188_n(const uint8_t* const* pkt, uint8_t (*parity)[16]) {
+    uint64_t lo[N] = {}, hi[N] = {};
+    for (uint32_t i = 0; i < 188; i++) {
+        for (uint32_t k = 0; k < N; k++) {
+            const unsigned f = pkt[k][i] ^ static_cast<unsigned>(hi[k] >> 56);
+            hi[k] = ((hi[k] << 8) | (lo[k] >> 56)) ^ fb_hi[f];
+            lo[k] = (lo[k] << 8) ^ fb_lo[f];
+        }
+    }
+    for (uint32_t k = 0; k < N; k++) {
+        for (int m = 0; m < 8; m++) {
+            parity[k][m] = static_cast<uint8_t>(hi[k] >> (8 * (7 - m)));
+            parity[k][8 + m] = static_cast<uint8_t>(lo[k] >> (8 * (7 - m)));
+        }
+    }
+}
+
+void rs_parity188(const uint8_t* const* pkt, uint32_t count, uint8_t (*parity)[16]) {
+    for (; count >= 4; count -= 4, pkt += 4, parity += 4) parity188_n<4>(pkt, parity);
+    for (; count > 0; count--, pkt++, parity++) parity188_n<1>(pkt, parity);
+}

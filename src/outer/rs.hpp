@@ -24,3 +24,9 @@ void init_rs();
 // receives the coefficient of x^j of the remainder of data(x) x^16 / g(x).
 // Always returns 0.
 int encode_rs(const uint8_t* data, uint8_t* bb);
+
+// The 16 parity bytes of each of count 188-byte packets of the shortened
+// RS(204,188) code, in transmission order (parity[k][0] follows byte 187 of
+// packet k): the same bytes encode_rs gives for the packet, reversed and padded
+// with 51 zeros, in the order the coder appends them.
+void rs_parity188(const uint8_t* const* pkt, uint32_t count, uint8_t (*parity)[16]);

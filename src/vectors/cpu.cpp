@@ -1,0 +1,19 @@
+// Processor features for the kernels' dispatch.
+#include "vectors/cpu.hpp"
+
+dvbIsa dvbCpuIsa() {
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+    static const dvbIsa isa = [] {
+        __builtin_cpu_init();
+        const bool avx512 = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
+                            __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512dq") &&
+                            __builtin_cpu_supports("avx512vbmi") && __builtin_cpu_supports("bmi2");
+        return avx512 ? DVB_ISA_AVX512 : DVB_ISA_BASE;
+    }();
+    return isa;
+#else
+    return DVB_ISA_BASE;
+#endif
+}
+
+dvbIsa dvbKernelIsa = dvbCpuIsa();
