@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "models.hpp"
 #include "util.hpp"
 
 namespace {
@@ -38,7 +39,8 @@ struct Case {
     int cid;                  // cell identifier, -1 for none
 };
 
-const int kF[] = {2048, 4096, 8192}, kK[] = {1705, 3409, 6817}, kN[] = {1512, 3024, 6048};
+const int kF[] = {2048, 4096, 8192}, kK[] = {1705, 3409, 6817};
+using models::kN;
 const char* const kModeName[] = {"2k", "4k", "8k"};
 
 int rate_index(const std::string& r) {
@@ -49,31 +51,6 @@ int rate_index(const std::string& r) {
 }
 
 // ---- Outer coding ----------------------------------------------------------
-
-// Randomisation with 1 + x^14 + x^15, loaded with 100101010000000 at every
-// eighth packet: the first sync byte inverted, the generator's output disabled
-// (but running) during the other seven sync bytes.
-Bytes model_dispersal(const Bytes& ts) {
-    Bytes out(ts.size());
-    std::array<int, 15> reg{};
-    for (size_t i = 0; i < ts.size(); ++i) {
-        const size_t j = i % 1504;
-        if (j == 0) {
-            reg = {1, 0, 0, 1, 0, 1, 0, 1, 0, 0, 0, 0, 0, 0, 0};
-            out[i] = static_cast<unsigned char>(~ts[i]);
-            continue;
-        }
-        int byte = 0;
-        for (int b = 0; b < 8; ++b) {
-            const int fb = reg[13] ^ reg[14];
-            for (int k = 14; k > 0; --k) reg[k] = reg[k - 1];
-            reg[0] = fb;
-            byte = byte << 1 | fb;
-        }
-        out[i] = static_cast<unsigned char>(j % 188 == 0 ? ts[i] : ts[i] ^ byte);
-    }
-    return out;
-}
 
 int gf_mul(int a, int b) {  // GF(256) with p(x) = x^8 + x^4 + x^3 + x^2 + 1
     int r = 0;
@@ -95,146 +72,6 @@ void check_rs(const Bytes& rs, const Bytes& ed) {
             ASSERT_EQ(s, 0) << "packet " << p << " syndrome " << j;
         }
     }
-}
-
-// Branch j of 12 delays by 17 j commutator cycles; the branches start empty (zeros).
-Bytes model_outer_interleave(const Bytes& rs) {
-    Bytes ci(rs.size(), 0);
-    for (size_t i = 0; i < rs.size(); ++i) {
-        const size_t o = i + 12 * 17 * (i % 12);
-        if (o < ci.size()) ci[o] = rs[i];
-    }
-    return ci;
-}
-
-// ---- Inner coding ----------------------------------------------------------
-
-// Mother code of constraint length 7: X = 171, Y = 133 (octal), taps from the
-// newest bit on; the bits of each byte enter most significant first.
-Bytes model_encode(const Bytes& ci) {
-    const int gx[7] = {1, 1, 1, 1, 0, 0, 1}, gy[7] = {1, 0, 1, 1, 0, 1, 1};
-    int d[7] = {};
-    Bytes out;
-    for (unsigned char byte : ci)
-        for (int b = 7; b >= 0; --b) {
-            for (int k = 6; k > 0; --k) d[k] = d[k - 1];
-            d[0] = (byte >> b) & 1;
-            int x = 0, y = 0;
-            for (int k = 0; k < 7; ++k) x ^= gx[k] & d[k], y ^= gy[k] & d[k];
-            out.push_back(static_cast<unsigned char>(x));
-            out.push_back(static_cast<unsigned char>(y));
-        }
-    return out;
-}
-
-// Puncturing patterns of the standard as X and Y rows; X_i before Y_i.
-Bytes model_puncture(const Bytes& ve, int rate) {
-    const char* X[] = {"1", "10", "101", "10101", "1000101"};
-    const char* Y[] = {"1", "11", "110", "11010", "1111010"};
-    const size_t period = std::strlen(X[rate]);
-    Bytes out;
-    for (size_t i = 0; 2 * period * (i + 1) <= ve.size(); ++i)
-        for (size_t k = 0; k < period; ++k) {
-            if (X[rate][k] == '1') out.push_back(ve[2 * (period * i + k)]);
-            if (Y[rate][k] == '1') out.push_back(ve[2 * (period * i + k) + 1]);
-        }
-    return out;
-}
-
-// Demultiplexing onto sub-streams b0..b(v-1), 126-bit block interleavers
-// H_e(w) = (w + shift_e) mod 126, y0 the most significant bit of the word.
-Bytes model_bit_interleave(const Bytes& hp, const Bytes& lp, int v, bool hier) {
-    static const std::map<int, std::vector<int>> nh{{2, {0, 1}}, {4, {0, 2, 1, 3}}, {6, {0, 2, 4, 1, 3, 5}}};
-    static const std::map<int, std::vector<int>> lpmap{{4, {2, 3}}, {6, {2, 4, 3, 5}}};
-    const int shift[6] = {0, 63, 105, 42, 21, 84};
-    const size_t hp_per = hier ? 2 : static_cast<size_t>(v), lp_per = hier ? static_cast<size_t>(v) - 2 : 0;
-    size_t blocks = hp.size() / (126 * hp_per);
-    if (hier) blocks = std::min(blocks, lp.size() / (126 * lp_per));
-    Bytes out;
-    for (size_t blk = 0; blk < blocks; ++blk) {
-        std::vector<std::array<int, 126>> b(6);
-        for (size_t w = 0; w < 126; ++w) {
-            const unsigned char* x = &hp[(126 * blk + w) * hp_per];
-            if (!hier) {
-                for (int i = 0; i < v; ++i) b[nh.at(v)[i]][w] = x[i];
-            } else {
-                b[0][w] = x[0];
-                b[1][w] = x[1];
-                for (size_t i = 0; i < lp_per; ++i) b[lpmap.at(v)[i]][w] = lp[(126 * blk + w) * lp_per + i];
-            }
-        }
-        for (int w = 0; w < 126; ++w) {
-            int word = 0;
-            for (int e = 0; e < v; ++e) word = word << 1 | b[e][(w + shift[e]) % 126];
-            out.push_back(static_cast<unsigned char>(word));
-        }
-    }
-    return out;
-}
-
-// H(q): the register R' with its mode's feedback, permuted into R, the toggle
-// bit on top; candidates beyond Nmax are dropped.
-std::vector<int> model_symbol_permutation(int mode) {
-    const int Nr = 11 + mode, Nmax = kN[mode];
-    const std::vector<std::vector<int>> perm{{4, 3, 9, 6, 2, 8, 1, 5, 7, 0},
-                                             {6, 3, 0, 9, 4, 2, 1, 8, 5, 10, 7},
-                                             {7, 1, 4, 2, 9, 6, 8, 10, 0, 3, 11, 5}};
-    const std::vector<std::vector<int>> taps{{0, 3}, {0, 2}, {0, 1, 4, 6}};
-    std::vector<int> R(static_cast<size_t>(Nr - 1), 0), H;
-    for (int i = 0; i < (1 << Nr); ++i) {
-        if (i == 2) R[0] = 1;
-        if (i > 2) {
-            int fb = 0;
-            for (int t : taps[static_cast<size_t>(mode)]) fb ^= R[static_cast<size_t>(t)];
-            R.erase(R.begin());
-            R.push_back(fb);
-        }
-        int h = (i % 2) << (Nr - 1);
-        for (int j = 0; j < Nr - 1; ++j) h |= R[static_cast<size_t>(j)] << perm[static_cast<size_t>(mode)][static_cast<size_t>(j)];
-        if (h < Nmax) H.push_back(h);
-    }
-    return H;
-}
-
-// Even blocks: output H(q) is input q; odd blocks the inverse.
-Bytes model_symbol_interleave(const Bytes& bi, int hmode) {
-    const std::vector<int> H = model_symbol_permutation(hmode);
-    const size_t N = H.size();
-    Bytes out(bi.size() / N * N);
-    for (size_t blk = 0; blk < bi.size() / N; ++blk)
-        for (size_t q = 0; q < N; ++q) {
-            const size_t h = static_cast<size_t>(H[q]);
-            if (blk % 2 == 0)
-                out[blk * N + h] = bi[blk * N + q];
-            else
-                out[blk * N + q] = bi[blk * N + h];
-        }
-    return out;
-}
-
-// Gray-labelled axis levels: the sign bit first, then the magnitude bits; the
-// outermost level carries all zeros. Hierarchy moves each level out by alpha - 1.
-std::vector<cd> model_constellation(int v, int alpha) {
-    const int m = v / 2, d = alpha == 0 ? 0 : alpha - 1;
-    auto level = [&](int bits) {
-        int k = 0;
-        for (int g = bits; g != 0; g >>= 1) k ^= g;  // inverse Gray code
-        const int l = (1 << m) - 1 - 2 * k;
-        return l + (l > 0 ? d : -d);
-    };
-    std::vector<cd> pts;
-    double E = 0;
-    for (int word = 0; word < (1 << v); ++word) {
-        int re = 0, im = 0;
-        for (int i = 0; i < m; ++i) {
-            re = re << 1 | ((word >> (v - 1 - 2 * i)) & 1);
-            im = im << 1 | ((word >> (v - 2 - 2 * i)) & 1);
-        }
-        pts.emplace_back(level(re), level(im));
-        E += std::norm(pts.back());
-    }
-    for (cd& p : pts) p /= std::sqrt(E / static_cast<double>(pts.size()));
-    return pts;
 }
 
 std::vector<cd> read_cells(const Bytes& b) {
@@ -412,22 +249,22 @@ TEST_P(Chain, EveryDumpFollowsFromThePreviousOne) {
         const std::string b = hier ? (branch == 0 ? "hp" : "lp") : "";
         const Bytes ts = tu::read_file(dir / (branch == 0 ? "hp.ts" : "lp.ts"));
         const Bytes ed = dump("ed" + b), rs = dump("rs" + b), ci = dump("ci" + b), ve = dump("ve" + b);
-        expect_model(ed, model_dispersal(ts), !hier);
+        expect_model(ed, models::dispersal(ts), !hier);
         if (!hier) {
             ASSERT_EQ(rs.size(), ed.size() / 188 * 204);
         }
         check_rs(rs, ed);
-        expect_model(ci, model_outer_interleave(rs), !hier);
-        expect_model(ve, model_encode(ci), !hier);
+        expect_model(ci, models::outer_interleave(rs), !hier);
+        expect_model(ve, models::encode(ci), !hier);
         pu[static_cast<size_t>(branch)] = dump("pu" + b);
-        expect_model(pu[static_cast<size_t>(branch)], model_puncture(ve, rate_index(branch == 0 ? c.rate_hp : c.rate_lp)), !hier);
+        expect_model(pu[static_cast<size_t>(branch)], models::puncture(ve, rate_index(branch == 0 ? c.rate_hp : c.rate_lp)), !hier);
     }
     const Bytes bi = dump("bi"), si = dump("si");
-    ASSERT_EQ(bi, model_bit_interleave(pu[0], pu[1], v, hier));
-    ASSERT_EQ(si, model_symbol_interleave(bi, c.idi ? 2 : c.mode));
+    ASSERT_EQ(bi, models::bit_interleave(pu[0], pu[1], v, hier));
+    ASSERT_EQ(si, models::symbol_interleave(bi, c.idi ? 2 : c.mode));
     const Bytes ma_bytes = dump("ma");
     ASSERT_EQ(ma_bytes.size(), 8 * si.size());
-    const std::vector<cd> ma = read_cells(ma_bytes), points = model_constellation(v, c.alpha);
+    const std::vector<cd> ma = read_cells(ma_bytes), points = models::constellation(v, c.alpha);
     for (size_t i = 0; i < ma.size(); ++i) ASSERT_LT(std::abs(ma[i] - points[si[i]]), 1e-6) << "cell " << i;
 
     // TPS s17..s53 by frame number: length, frame, constellation, interleaving,

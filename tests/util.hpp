@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "frame/params.hpp"
+#include "vectors/cpu.hpp"
 #include "vectors/manage.hpp"
 
 namespace tu {
@@ -160,6 +161,20 @@ struct Verbose {
     ~Verbose() { verbosity = saved; }
     Verbose(const Verbose&) = delete;
     Verbose& operator=(const Verbose&) = delete;
+};
+
+// The instruction sets of the kernels to try: the baseline, and AVX-512 where
+// the processor has it; a scope that lowers the kernels' set.
+inline std::vector<dvbIsa> isas() {
+    std::vector<dvbIsa> v{DVB_ISA_BASE};
+    if (dvbCpuIsa() >= DVB_ISA_AVX512) v.push_back(DVB_ISA_AVX512);
+    return v;
+}
+struct IsaScope {
+    explicit IsaScope(dvbIsa isa) { dvbKernelIsa = isa; }
+    ~IsaScope() { dvbKernelIsa = dvbCpuIsa(); }
+    IsaScope(const IsaScope&) = delete;
+    IsaScope& operator=(const IsaScope&) = delete;
 };
 
 // Sets dvbt_parms to the defaults with the given changes applied.
