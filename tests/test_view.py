@@ -200,6 +200,12 @@ class Cli(unittest.TestCase):
             bad = run(d, VIEW, "-o", "bad", "-d", "t")
             self.assertEqual((bad.returncode, bad.stderr.count("\n")), (1, 1), bad.stderr)
             self.assertFalse([f for f in os.listdir(d) if f.endswith((".png", ".sigmf-meta"))])
+            # A picture that cannot be written is an error naming it, not a silent gap.
+            subprocess.run([TSGEN, "-o", "a.ts", "-n", "100"], cwd=d, check=True)
+            subprocess.run([TERVANE, "-i", "a.ts", "-o", "a", "-d", "t", "-v", "0"], cwd=d, check=True)
+            os.symlink("/dev/full", os.path.join(d, "a_ccdf.png"))
+            full = run(d, VIEW, "-i", "a.ts", "-o", "a")
+            self.assertEqual((full.returncode, full.stderr), (1, "tervane-view: writing a_ccdf.png failed: No space left on device\n"))
 
 
 if __name__ == "__main__":

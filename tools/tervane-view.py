@@ -272,11 +272,29 @@ def write_sigmf(opts, names, rate):
             "captures": [capture],
             "annotations": [],
         }
-        with open(writable(opts, meta_name), "w", encoding="utf-8") as f:
-            json.dump(meta, f, indent=2, allow_nan=False)
-            f.write("\n")
+        write_file(writable(opts, meta_name), (json.dumps(meta, indent=2, allow_nan=False) + "\n").encode())
         written.append(meta_name)
     return written
+
+
+def write_file(name, data):
+    """Writes the bytes to the file; a failure (a full disk, say) names the file."""
+    try:
+        with open(name, "wb") as f:
+            f.write(data)
+    except OSError as e:
+        raise Fail(f"writing {name} failed: {e.strerror or e}") from e
+
+
+def save_figure(plt, fig, path):
+    """Saves the picture as PNG; a failure names the file."""
+    try:
+        with open(path, "wb") as f:
+            fig.savefig(f, format="png", dpi=100)
+    except OSError as e:
+        raise Fail(f"writing {path} failed: {e.strerror or e}") from e
+    finally:
+        plt.close(fig)
 
 
 def writable(opts, name):
@@ -460,8 +478,7 @@ def plot_psd(plt, path, freq, db, bn, shoulder, zone, title):
     ax.text(0.02, 0.04, text, transform=ax.transAxes)
     ax.set_title(title)
     ax.grid(alpha=0.3)
-    fig.savefig(path, dpi=100)
-    plt.close(fig)
+    save_figure(plt, fig, path)
 
 
 def plot_constellation(np, plt, path, hist, lim, levels, title):
@@ -473,8 +490,7 @@ def plot_constellation(np, plt, path, hist, lim, levels, title):
     ax.set_ylabel("Q")
     ax.legend(loc="upper right", fontsize=8)
     ax.set_title(title)
-    fig.savefig(path, dpi=100)
-    plt.close(fig)
+    save_figure(plt, fig, path)
 
 
 def plot_carriers(np, plt, path, image, title):
@@ -489,8 +505,7 @@ def plot_carriers(np, plt, path, image, title):
     full.set_title(title)
     zoom.set_title("symbols 0 to 23, carriers 0 to 96: data (grey), pilots (red), TPS (green)")
     fig.tight_layout()
-    fig.savefig(path, dpi=100)
-    plt.close(fig)
+    save_figure(plt, fig, path)
 
 
 def plot_ccdf(np, plt, path, edges, hist, papr, title):
@@ -512,8 +527,7 @@ def plot_ccdf(np, plt, path, edges, hist, papr, title):
     ax.legend()
     ax.grid(alpha=0.3, which="both")
     ax.set_title(title)
-    fig.savefig(path, dpi=100)
-    plt.close(fig)
+    save_figure(plt, fig, path)
 
 
 # ---------------------------------------------------------------- main
