@@ -8,6 +8,7 @@
 #include <cstring>
 #include <map>
 #include <random>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -64,7 +65,9 @@ TEST(Cli, HelpAndVersionPrintExactlyAndOpenNothing) {
     EXPECT_EQ(r.out, kBanner + kHelp);
     EXPECT_FALSE(fs::exists(dir / "out.bin") || fs::exists(dir / "out_ed.bin"));
     const std::string log = tu::read_text(dir / "test.log");
-    EXPECT_EQ(log.rfind("Generated log information: test.log , ", 0), 0u);
+    EXPECT_TRUE(std::regex_search(log, std::regex("^Generated log information: test.log , [A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9]\\d "
+                                                  "\\d\\d:\\d\\d:\\d\\d \\d{4}\n\n")))
+        << log;
     EXPECT_EQ(tu::log_body(log), kBanner + kHelp);  // no closing rule after an early end
     r = transmit(dir, {"-V", "-l", "v.log"});
     EXPECT_EQ(r.out, kBanner);

@@ -93,10 +93,10 @@ TEST(Kernels, CodingStagesThroughOddRings) {
         IsaScope scope(isa);
         SCOPED_TRACE("isa " + std::to_string(isa));
         uint32_t st = 0;
-        EXPECT_EQ(stream(bytes, 7, 37, coded.size(), g, [&](dvbVect* i, dvbVect* o, uint32_t m) { encode27(i, o, &st, m, nullptr); }), coded);
+        EXPECT_EQ(stream(bytes, 203, 1001, coded.size(), g, [&](dvbVect* i, dvbVect* o, uint32_t m) { encode27(i, o, &st, m, nullptr); }), coded);
         for (uint16_t rate = 0; rate < 5; rate++) {
             const Bytes want = models::puncture(coded, rate);
-            EXPECT_EQ(stream(coded, 41, 23, want.size(), g, [&](dvbVect* i, dvbVect* o, uint32_t m) { puncture(i, o, rate, m, nullptr); }), want) << rate;
+            EXPECT_EQ(stream(coded, 1001, 777, want.size(), g, [&](dvbVect* i, dvbVect* o, uint32_t m) { puncture(i, o, rate, m, nullptr); }), want) << rate;
         }
         for (uint32_t alpha = 0; alpha < 4; alpha++)
             for (uint32_t M = alpha == 0 ? 0 : 1; M < 3; M++) {

@@ -3,6 +3,7 @@
 // and the printer.
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -90,6 +91,11 @@ TEST(VecManage, ResultCodesResizeAndCopy) {
     ASSERT_EQ(dvbCopyVect(dst.v, a.v), 0u);
     EXPECT_EQ(dst.v->type, Digital);
     EXPECT_EQ(std::memcmp(dst.v->data, a.v->data, 5 * sizeof(int32_t)), 0);
+    Vec one(Symbol), copy(Symbol);
+    ASSERT_EQ(dvbConstVect(one.v, Symbol, 1, 0x5A), 0u);
+    ASSERT_EQ(dvbConstVect(copy.v, Symbol, 1, 0), 0u);
+    ASSERT_EQ(dvbCopyVect(copy.v, one.v), 0u);
+    EXPECT_EQ(dvbBytes(copy.v)[0], 0x5A);
     ASSERT_EQ(dvbResizeVect(a.v, 0), 0u);
     EXPECT_EQ(a.v->type, 0u);  // Empty
     EXPECT_EQ(a.v->data, nullptr);
@@ -104,6 +110,10 @@ TEST(VecConvert, PackingQuantisingAndUnofferedConversions) {
         ASSERT_EQ(a.v->len, 2u);  // rounded up
         EXPECT_EQ(dvbBytes(a.v)[0], order == 0 ? 0x03 : 0xC0) << order;
     }
+    Vec z(Bit);
+    ASSERT_EQ(dvbConstVect(z.v, Bit, 3, 1), 0u);
+    EXPECT_EQ(dvbConvertVect(z.v, Symbol, 0, 0), 1u);  // width 0 packs nothing
+    EXPECT_EQ(z.v->type, Bit);
     Vec r(Real);
     ASSERT_EQ(dvbConstVect(r.v, Real, 4, 0.0), 0u);
     // The last value lands on -1 only when the sum is formed in double and rounded once.
@@ -111,6 +121,12 @@ TEST(VecConvert, PackingQuantisingAndUnofferedConversions) {
     std::memcpy(r.v->data, in, sizeof in);
     ASSERT_EQ(dvbConvertVect(r.v, Digital, 8, 1.0), 0u);
     EXPECT_EQ(std::vector<int32_t>(dvbInts(r.v), dvbInts(r.v) + 4), (std::vector<int32_t>{127, -128, 0, -1}));
+    // Width 0: x + 0.5 truncated; what no 32-bit integer holds becomes 0.
+    const float in0[5] = {2.5f, -1.7f, -0.3f, 1e10f, NAN};
+    ASSERT_EQ(dvbConstVect(r.v, Real, 5, 0.0), 0u);
+    std::memcpy(r.v->data, in0, sizeof in0);
+    ASSERT_EQ(dvbConvertVect(r.v, Digital, 0, 0.0), 0u);
+    EXPECT_EQ(std::vector<int32_t>(dvbInts(r.v), dvbInts(r.v) + 5), (std::vector<int32_t>{3, -1, 0, 0, 0}));
     ASSERT_EQ(dvbConstVect(r.v, Digital, 1, 64, 8, 1.0), 0u);
     ASSERT_EQ(dvbConvertVect(r.v, Real), 0u);
     EXPECT_EQ(dvbReals(r.v)[0], 0.5f);

@@ -76,7 +76,7 @@ void build_sources(uint32_t V, bool hier) {
 // bits from the block's input bits (lp is null in a non-hierarchical block).
 template <uint32_t V>
 void bi_block(const uint8_t* hp, const uint8_t* lp) {
-    const uint8_t* from[6];
+    std::array<const uint8_t*, V> from{};
     for (uint32_t e = 0; e < V; e++) from[e] = from_lp[e] != 0 ? lp : hp;
     for (uint32_t w = 0; w < BI_BLOCK; w++) {
         uint32_t word = 0;

@@ -47,22 +47,22 @@ constexpr uint32_t kMatNameLen = 7;
 bool is_listed_type(uint32_t t) { return t == Bit || t == Symbol || t == Digital || t == Real; }
 
 void put_u32(uint8_t* p, uint32_t x) {
-    for (int i = 0; i < 4; ++i) p[i] = static_cast<uint8_t>(x >> (8 * i));
+    for (size_t i = 0; i < sizeof x; ++i) p[i] = static_cast<uint8_t>(x >> (8 * i));
 }
 
 uint32_t get_u32(const uint8_t* p) {
     uint32_t x = 0;
-    for (int i = 0; i < 4; ++i) x |= uint32_t{p[i]} << (8 * i);
+    for (size_t i = 0; i < sizeof x; ++i) x |= uint32_t{p[i]} << (8 * i);
     return x;
 }
 
 void put_u64(uint8_t* p, uint64_t x) {
-    for (int i = 0; i < 8; ++i) p[i] = static_cast<uint8_t>(x >> (8 * i));
+    for (size_t i = 0; i < sizeof x; ++i) p[i] = static_cast<uint8_t>(x >> (8 * i));
 }
 
 uint64_t get_u64(const uint8_t* p) {
     uint64_t x = 0;
-    for (int i = 0; i < 8; ++i) x |= uint64_t{p[i]} << (8 * i);
+    for (size_t i = 0; i < sizeof x; ++i) x |= uint64_t{p[i]} << (8 * i);
     return x;
 }
 
