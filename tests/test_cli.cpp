@@ -185,26 +185,37 @@ TEST(Cli, EveryMessageAtItsLevel) {
     EXPECT_TRUE(contains(out, pass)) << out;
 }
 
-// Elapsed time times the measured rate is the payload that the samples carry;
-// the comparison is their ratio to the theoretical rate.
-TEST(Cli, EndReportFigures) {
+// The end report: the theoretical rate; elapsed time times the measured rate
+// is the payload that the written symbols carry; the comparison is their
+// ratio; the last progress line names the last symbol and the share of input.
+TEST(Cli, EndReportAndProgress) {
     TempDir dir;
     tu::write_file(dir / "a.ts", tu::make_ts(2000));
-    const std::string out = transmit(dir, {"-i", "a.ts", "-o", "o", "-d", "t", "-p", "2/3", "-v", "2"}).out;
-    double theory = 0, t = 0, x = 0, ratio = 0;
-    const size_t at = out.find("Theoretical global rate = ");
-    ASSERT_NE(at, std::string::npos) << out;
-    ASSERT_EQ(std::sscanf(out.c_str() + at, "Theoretical global rate = %lf kbps\nElapsed time = %lf s. Approx. %lf kbps.\n",
-                          &theory, &t, &x), 3) << out.substr(at);
-    EXPECT_DOUBLE_EQ(theory, 8042.781);
-    const double symbols = static_cast<double>(fs::file_size(dir / "o.bin")) / 8 / 2112;
-    const double payload_kbit = symbols * 1512 * 2 * (2.0 / 3) * 188 / 204 / 1000;
-    ASSERT_GT(t, 0.0);
-    EXPECT_NEAR(x * t / payload_kbit, 1.0, 0.01);
-    const char* word = x > theory ? "faster" : "slower";
-    ASSERT_EQ(std::sscanf(out.c_str() + out.find("This is "), "This is %lf times", &ratio), 1);
-    EXPECT_TRUE(contains(out, std::string(" times ") + word + " than real-time " + (x > theory ? ";=)" : ":=(") + "\n"));
-    EXPECT_NEAR(ratio, x > theory ? x / theory : theory / x, 0.051 * ratio);
+    struct Run { std::vector<std::string> args; double symbol_samples, bits_per_symbol, rate_kbps; };
+    const double fs = 64e6 / 7, rs = 188.0 / 204;
+    for (const Run& run : {Run{{"-i", "a.ts", "-p", "2/3"}, 2112, 1512 * 2 * 2 / 3.0, fs / (1 + 1 / 32.) * 1512 / 2048 * 2 * 2 / 3 * rs / 1000},
+                           Run{{"-a", "2", "-M", "64", "-m", "8k", "-ihp", "a.ts", "-ilp", "a.ts", "-php", "1/2", "-plp", "3/4", "-D", "1/8", "-I", "4x", "-s", "19"},
+                               4 * 9216, 6048 * (2 * 0.5 + 4 * 0.75), fs / 1.125 * 6048 / 8192 * (2 * 0.5 + 4 * 0.75) * rs / 1000}}) {
+        std::vector<std::string> args = run.args;
+        args.insert(args.end(), {"-o", "o", "-d", "t", "-v", "2"});
+        const std::string out = transmit(dir, args).out;
+        double theory = 0, t = 0, x = 0, ratio = 0, percent = 0;
+        int s = 0, f = 0, sf = 0;
+        const size_t at = out.find("Theoretical global rate = "), last = out.rfind("% done (S");
+        ASSERT_TRUE(at != std::string::npos && last != std::string::npos) << out;
+        ASSERT_EQ(std::sscanf(out.c_str() + at, "Theoretical global rate = %lf kbps\nElapsed time = %lf s. Approx. %lf kbps.\n", &theory, &t, &x), 3);
+        ASSERT_EQ(std::sscanf(out.c_str() + out.rfind('\n', last) + 1, "%lf%% done (S%d,F%d,SF%d)", &percent, &s, &f, &sf), 4);
+        const double symbols = static_cast<double>(fs::file_size(dir / "o.bin")) / 8 / run.symbol_samples;
+        const double payload_bits = symbols * run.bits_per_symbol * rs;
+        EXPECT_NEAR(theory, run.rate_kbps, 0.002);
+        EXPECT_NEAR(s + 68 * f + 272 * sf, symbols, 1.0);
+        EXPECT_NEAR(percent, payload_bits / 8 * 100 / (2000 * 188.0 * (args[0] == "-a" ? 2 : 1)), 0.05);
+        ASSERT_GT(t, 0.0);
+        EXPECT_NEAR(x * t / (payload_bits / 1000), 1.0, 0.01);
+        ASSERT_EQ(std::sscanf(out.c_str() + out.find("This is "), "This is %lf times", &ratio), 1);
+        EXPECT_TRUE(contains(out, x > theory ? " times faster than real-time ;=)\n" : " times slower than real-time :=(\n"));
+        EXPECT_NEAR(ratio, x > theory ? x / theory : theory / x, 0.051 * ratio);
+    }
 }
 
 // The batch size is clamped, the verbosity kept modulo 65536, odd values shown as they are.

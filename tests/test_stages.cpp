@@ -232,45 +232,6 @@ TEST(SampleOutput, ThreeFormatsByteForByteAcrossTheWrap) {
     EXPECT_EQ(fi.bytes().size(), 6u);
 }
 
-// 2k, guard 1/4: 2560 samples are one symbol; the position runs on in
-// symbols, frames of 68 and superframes of 4, the payload in float steps.
-TEST(SampleOutput, ProgressLineAndPayload) {
-    tu::set_parms([](dvbt_parms_t& p) { p.delta = 0; });
-    tot_flen = 94000;
-    proc_data_hp = proc_data_lp = 0.0f;
-    CplxRing in(2560);
-    tu::Verbose level(2);
-    auto position = [](const std::string& line) {
-        int s = 0, f = 0, sf = 0;
-        EXPECT_EQ(std::sscanf(line.c_str() + line.find('('), "(S%d,F%d,SF%d)", &s, &f, &sf), 3) << line;
-        return s + 68 * f + 272 * sf;
-    };
-    int first = -1;
-    float hp = 0.0f;
-    for (int sym = 1; sym <= 273; ++sym) {
-        in.v->fill = 2560;
-        const std::string line = captured([&] { time_dump(in.v, nullptr, nullptr, nullptr, 400000); });
-        hp += 1512.0f * 2.0f * 0.5f * (188.0f / 1632.0f);
-        ASSERT_EQ(std::bit_cast<uint32_t>(proc_data_hp), std::bit_cast<uint32_t>(hp)) << sym;
-        if (first < 0) first = position(line);
-        ASSERT_EQ(position(line), first + sym - 1) << line;
-        if (sym == 1) {
-            EXPECT_EQ(line.substr(0, 11), "0.2% done (");
-        }
-    }
-    EXPECT_EQ(proc_data_lp, 0.0f);
-
-    // 8k, guard 1/8, hierarchical 64-QAM, 4x: 36864 samples per symbol; HP 2 bits, LP 4.
-    dvbt_parms = dvbt_parms_t{2, 2, 1, 1, 0, 1, 3, 0, 0, 0, 2, 0, 0.0f, 0, 0};
-    proc_data_hp = proc_data_lp = 0.0f;
-    CplxRing big(36864 * 2);
-    big.v->fill = 36864 + 18432;
-    captured([&] { EXPECT_EQ(time_dump(big.v, nullptr, nullptr, nullptr, 400000), 36864 + 18432); });
-    const float k = 188.0f / 1632.0f;
-    EXPECT_EQ(proc_data_hp, 1.5f * 6048.0f * 2.0f * (2.0f / 3.0f) * k);
-    EXPECT_EQ(proc_data_lp, 1.5f * 6048.0f * 4.0f * (5.0f / 6.0f) * k);
-}
-
 // ---- Interpolation filter and transform -----------------------------------
 
 std::vector<dvbComplex> random_cells(size_t n, std::mt19937& gen, float scale) {
