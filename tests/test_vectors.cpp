@@ -280,6 +280,26 @@ TEST(VecUtilArith, RealFlagsAndResultCodes) {
     ASSERT_EQ(dvbMultVect(out.v, a.v, b.v, 0), 0u);
     EXPECT_EQ(reals_of(out), (F{0.75f, -4.0f}));
 
+    // One-operand and constant forms.
+    ASSERT_EQ(dvbInvVect(out.v, b.v), 0u);
+    EXPECT_EQ(reals_of(out), (F{0.5f, 2.0f}));
+    ASSERT_EQ(dvbMultConst(out.v, a.v, -2.0), 0u);
+    EXPECT_EQ(reals_of(out), (F{-3.0f, 4.0f}));
+    ASSERT_EQ(dvbAddConst(out.v, a.v, 0.25), 0u);
+    EXPECT_EQ(reals_of(out), (F{1.75f, -1.75f}));
+    ASSERT_EQ(dvbAddConst(out.v, a.v, 1), 0u);  // an integer constant on a Real vector
+    EXPECT_EQ(reals_of(out), (F{2.5f, -1.0f}));
+    Vec dout(Digital);
+    set_ints(d, {127, -128}, 8, 1.0);
+    EXPECT_EQ(dvbAddConst(dout.v, d.v, 1), 9u);  // the output's accuracy must match
+    set_ints(dout, {0, 0}, 8, 1.0);
+    ASSERT_EQ(dvbAddConst(dout.v, d.v, 1), 0u);
+    EXPECT_EQ(ints_of(dout), (I{-128, -127}));
+    EXPECT_EQ(dvbAddConst(dout.v, d.v, 1.0), 1u);
+    EXPECT_EQ(dvbMultConst(dout.v, d.v, 2.0), 2u);
+    ASSERT_EQ(dvbNegVect(dout.v, d.v), 0u);
+    EXPECT_EQ(ints_of(dout), (I{-127, 128}));
+
     set_ints(d, {1, 2}, 8, 1.0);
     EXPECT_EQ(dvbAddVect(nullptr, a.v, a.v, 1), 5u);
     EXPECT_EQ(dvbAddVect(out.v, a.v, d.v, 1), 10u);
