@@ -348,6 +348,12 @@ TEST(VecUtilFile, NativeAndMatRoundTripsAndHostileInput) {
     EXPECT_EQ(rb.v->type, Real);
     EXPECT_EQ(reals_of(rb), reals_of(r));
     EXPECT_STREQ(rb.v->desc, "carrie");
+    Vec one(Real), one_back(Empty);
+    set_reals(one, {-7.5f});
+    ASSERT_EQ(dvbWriteVect(one.v, p.c_str(), 0x4), 0u);
+    ASSERT_EQ(dvbReadVect(one_back.v, p.c_str(), 0x4), 0u);
+    EXPECT_EQ(reals_of(one_back), (F{-7.5f}));
+    ASSERT_EQ(dvbWriteVect(r.v, p.c_str(), 0x4), 0u);
     for (size_t field : {0u, 12u}) {  // only type code 0 without an imaginary part is read
         Bytes bad = want;
         bad[field] = 1;
