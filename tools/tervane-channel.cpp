@@ -49,7 +49,7 @@ const char kUsage[] =
     "  -f 0|BB|INV     frequency mapping of the run (default 0): where the band lies\n"
     "  -profile NAME   gaussian (no echoes), ricean (F1: a direct path and 20 echoes)\n"
     "                  or rayleigh (P1: the 20 echoes alone)\n"
-    "  -cn DB          carrier-to-noise ratio in the signal's bandwidth (no noise without it)\n"
+    "  -cn DB          C/N in the signal's bandwidth, -100 to 300 dB (no noise without it)\n"
     "  -cfo HZ         carrier frequency offset (default none)\n"
     "  -seed N         seed of the noise, 0 to 18446744073709551615 (default 1)\n"
     "  -h, -V          this help, the version\n"
@@ -170,7 +170,10 @@ Settings settle(int argc, char** argv) {
     s.rate = s.fs * dvbt_interprate[g_interp];
     s.bandwidth = dvbt_K[g_mode] * s.fs / dvbt_fftsize[g_mode];
     s.centre = g_map == 1 ? s.fs / 2 : 0.0;  // BB puts the centre carrier at half the elementary rate
-    if (!cn.empty()) s.noise = true, s.cn_db = number(cn, "-cn", "a C/N in dB");
+    if (!cn.empty()) {
+        s.noise = true, s.cn_db = number(cn, "-cn", "a C/N in dB");
+        if (s.cn_db < -100 || s.cn_db > 300) fail("-cn %s: the C/N must lie between -100 and 300 dB", cn.c_str());
+    }
     if (!cfo.empty()) {
         s.offset = true;
         s.cfo_hz = number(cfo, "-cfo", "an offset in Hz");
