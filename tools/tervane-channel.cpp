@@ -432,7 +432,7 @@ int main(int argc, char** argv) {
     // a run that fails leaves no partial file and an older output as it was.
     const std::string partial = s.out + ".part" + std::to_string(::getpid());
     FILE* out = std::fopen(partial.c_str(), "wb");
-    if (out == nullptr) fail("can't create \"%s\": %s", partial.c_str(), std::strerror(errno));
+    if (out == nullptr) fail("can't create \"%s\": %s", s.out.c_str(), std::strerror(errno));
     g_partial = partial;
     Gaussian noise(s.seed);
     const double cycles_per_sample = s.cfo_hz / s.rate;

@@ -92,8 +92,10 @@ def check(opts):
         if (bad is not None and opts[name] == bad) or (bad is None and opts[name] != 0):
             raise Fail(f"{name} {NAMES[name][opts[name]]}: {text}")
     name = opts["-i"]
-    if not os.path.isfile(name):
+    if not os.path.exists(name):
         raise Fail(f"can't read \"{name}\": no such file")
+    if not os.path.isfile(name):
+        raise Fail(f"\"{name}\" is not a regular file")
     size = os.path.getsize(name)
     if size % 8:
         raise Fail(f"\"{name}\" is not a whole number of 8-byte samples ({size} bytes)")
@@ -153,6 +155,10 @@ def main(argv):
         except ImportError:
             raise Fail("needs GNU Radio's DVB-T receiver (gnuradio.dtv): apt-get install gnuradio") from None
         gr.logging().set_default_level(gr.log_levels.err)   # no notes on buffer sizes
+        try:
+            open(opts["-o"], "wb").close()
+        except OSError as e:
+            raise Fail(f"can't create \"{opts['-o']}\": {e.strerror}") from None
         tb, sink = build(gr, blocks, dtv, fft, window, opts)
         tb.run()        # returns once the file is exhausted and no block can run any more
         sink.close()
