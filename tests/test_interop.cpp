@@ -1,4 +1,4 @@
-// Interoperability: GNU Radio's DVB-T receiver (driven by tests/interop/dvbt_rx.py)
+// Interoperability: GNU Radio's DVB-T receiver (driven by tools/tervane-rx.py)
 // decodes the transmitter's output, and the transport stream that comes back
 // must be the one that went in.
 //
@@ -75,8 +75,8 @@ size_t transmit(const tu::TempDir& dir, const Config& c) {
 
 // Decodes out.bin into rx.ts with the receiver set to the configuration (5 minutes at most).
 tu::Bytes receive(const tu::TempDir& dir, const Config& c) {
-    const std::string script = std::string(TERVANE_SOURCE_DIR) + "/tests/interop/dvbt_rx.py";
-    const auto r = tu::run(dir.path, "/usr/bin/timeout", {"300", kPython, script, "out.bin", "rx.ts", c.mode, c.M, c.rate, c.guard});
+    const std::string script = std::string(TERVANE_SOURCE_DIR) + "/tools/tervane-rx.py";
+    const auto r = tu::run(dir.path, "/usr/bin/timeout", {"300", kPython, script, "-i", "out.bin", "-o", "rx.ts", "-m", c.mode, "-M", c.M, "-p", c.rate, "-D", c.guard});
     EXPECT_EQ(r.status, 0) << "receiver failed (124: timed out)\n" << tu::read_text(dir / "err.txt");
     return tu::read_file(dir / "rx.ts");
 }

@@ -11,6 +11,8 @@
 #include <cstring>
 #include <string>
 
+#include "prbs23.hpp"
+
 namespace {
 
 constexpr size_t kPacket = 188;
@@ -79,20 +81,6 @@ void put_pmt(uint8_t* pkt, uint8_t cc) {
     const uint8_t body[4] = {0xE0 | (kNullPid >> 8), kNullPid & 0xFF, 0xF0, 0x00};
     put_section(pkt, kPmtPid, cc, 0x02, kProgram, body, sizeof body);
 }
-
-// PRBS 2^23-1: a 23-bit register, output and feedback bit = stage 23 XOR stage 18.
-struct Prbs23 {
-    uint32_t reg = 0x7FFFFF;  // all ones: any non-zero seed gives the full period
-    uint8_t next_byte() {
-        unsigned byte = 0;
-        for (int i = 0; i < 8; ++i) {
-            const unsigned bit = ((reg >> 22) ^ (reg >> 17)) & 1u;
-            reg = ((reg << 1) | bit) & 0x7FFFFFu;
-            byte = (byte << 1) | bit;
-        }
-        return static_cast<uint8_t>(byte);
-    }
-};
 
 bool parse_count(const char* text, unsigned long long& out) {
     if (text == nullptr || *text < '0' || *text > '9') return false;

@@ -1,0 +1,182 @@
+#!/usr/bin/python3
+"""tervane-rx: GNU Radio's DVB-T receiver on a file of tervane's samples.
+
+It decodes a time-domain output in the std format (complex64, 1x, frequency
+mapping 0), possibly passed through tervane-channel, back into a transport
+stream, with GNU Radio's DVB-T receiver blocks only: an independent receiver
+for interoperability and receiver tests. The parameters take tervane's option
+spellings and rules.
+"""
+
+import os
+import sys
+
+PROG = "tervane-rx"
+VERSION = "2.1b"
+
+USAGE = """\
+usage: tervane-rx -i IN.bin -o OUT.ts [-m 2k|8k] [-M 4|16|64] [-D GUARD] [-p RATE] [-b SPACING]
+
+Decodes IN.bin (tervane -d t, format std, 1x, mapping 0) with GNU Radio's
+DVB-T receiver into the transport stream OUT.ts.
+
+  -m 2k|8k              OFDM mode (default 2k; the receiver has no 4k mode)
+  -M 4|16|64            constellation (default 4)
+  -D 1/4|1/8|1/16|1/32  guard interval (default 1/32)
+  -p 1/2|2/3|3/4|5/6|7/8  code rate (default 1/2)
+  -b 5|6|7|8            channel spacing (default 8): only the sample rate, which
+                        changes nothing in the decoding of a file
+  -h, -V                this help, the version
+
+The other options of tervane are accepted; -a, -f, -I and -F must keep their
+defaults (non-hierarchical, mapping 0, 1x, std). Needs Debian's gnuradio package.
+"""
+
+NAMES = {
+    "-m": ["2k", "4k", "8k"],
+    "-M": ["4", "16", "64"],
+    "-a": ["NH", "1", "2", "4"],
+    "-D": ["1/4", "1/8", "1/16", "1/32"],
+    "-p": ["1/2", "2/3", "3/4", "5/6", "7/8"],
+    "-b": ["5", "6", "7", "8"],
+    "-f": ["0", "BB", "INV"],
+    "-I": ["1x", "2x", "4x"],
+    "-F": ["std", "agi", "agiold"],
+}
+DEFAULTS = {"-m": 0, "-M": 0, "-a": 0, "-D": 3, "-p": 0, "-b": 3, "-f": 0, "-I": 0, "-F": 0}
+FFT_SIZE = [2048, 4096, 8192]
+N_CARRIERS = [1705, 3409, 6817]
+N_DATA = [1512, 3024, 6048]
+FS = [40e6 / 7, 48e6 / 7, 8e6, 64e6 / 7]
+
+# Transport packets per block of the Reed-Solomon decoder and the descrambler;
+# the outer deinterleaver delivers blocks of the same size (in 12-byte rows).
+PACKETS_PER_BLOCK = 8
+
+
+class Fail(Exception):
+    """A condition that ends the program with a one-line message and status 1."""
+
+
+def parse_options(argv):
+    """tervane's rules: a name followed by a separate value, matched exactly; for a list
+    the last valid value wins, for a text the first occurrence with a value."""
+    opts = dict(DEFAULTS)
+    for name, names in NAMES.items():
+        a = 0
+        while a < len(argv):
+            if argv[a] == name and a + 1 < len(argv):
+                if argv[a + 1] in names:
+                    opts[name] = names.index(argv[a + 1])
+                a += 1
+            a += 1
+    for name in ("-i", "-o"):
+        opts[name] = next((argv[a + 1] for a in range(len(argv) - 1) if argv[a] == name), None)
+    for name in ("-h", "-V"):
+        opts[name] = name in argv
+    return opts
+
+
+def check(opts):
+    """The input and output files and what the receiver can decode."""
+    if not opts["-i"]:
+        raise Fail("no input file given (-i IN.bin; tervane-rx -h for usage)")
+    if not opts["-o"]:
+        raise Fail("no output file given (-o OUT.ts; tervane-rx -h for usage)")
+    refused = {"-m": (1, "GNU Radio's receiver has no 4k mode"),
+               "-a": (None, "GNU Radio's receiver decodes non-hierarchical streams only (-a NH)"),
+               "-f": (None, "the receiver needs the frequency mapping 0 (centre carrier at DC)"),
+               "-I": (None, "the receiver takes 1x samples: transmit without -I"),
+               "-F": (None, "the receiver reads the std format only")}
+    for name, (bad, text) in refused.items():
+        if (bad is not None and opts[name] == bad) or (bad is None and opts[name] != 0):
+            raise Fail(f"{name} {NAMES[name][opts[name]]}: {text}")
+    name = opts["-i"]
+    if not os.path.exists(name):
+        raise Fail(f"can't read \"{name}\": no such file")
+    if not os.path.isfile(name):
+        raise Fail(f"\"{name}\" is not a regular file")
+    size = os.path.getsize(name)
+    if size % 8:
+        raise Fail(f"\"{name}\" is not a whole number of 8-byte samples ({size} bytes)")
+    if size == 0:
+        raise Fail(f"\"{name}\" holds no samples")
+    if os.path.exists(opts["-o"]) and os.path.samefile(name, opts["-o"]):
+        raise Fail(f"the output \"{opts['-o']}\" is the input: choose another name")
+
+
+def build(gr, blocks, dtv, fft, window, opts):
+    """The receiver chain, from the sample file to the transport stream file."""
+    mode = opts["-m"]
+    fft_len, carriers, data_cells = FFT_SIZE[mode], N_CARRIERS[mode], N_DATA[mode]
+    transmission = [dtv.T2k, None, dtv.T8k][mode]
+    constellation = [dtv.MOD_QPSK, dtv.MOD_16QAM, dtv.MOD_64QAM][opts["-M"]]
+    rate = [dtv.C1_2, dtv.C2_3, dtv.C3_4, dtv.C5_6, dtv.C7_8][opts["-p"]]
+    guard = [dtv.GI_1_4, dtv.GI_1_8, dtv.GI_1_16, dtv.GI_1_32][opts["-D"]]
+    guard_len = fft_len // [4, 8, 16, 32][opts["-D"]]
+
+    tb = gr.top_block("tervane-rx")
+    src = blocks.file_source(gr.sizeof_gr_complex, opts["-i"], False)
+    # Time and frequency synchronisation, guard removal: one vector per symbol.
+    acquisition = dtv.dvbt_ofdm_sym_acquisition(1, fft_len, carriers, guard_len, 30)
+    # Forward FFT with the spectrum shifted so that carrier 0 comes first.
+    spectrum = fft.fft_vcc(fft_len, True, window.rectangular(fft_len), True, 1)
+    # Frame sync from the TPS, channel estimate from the pilots, data cells out.
+    reference = dtv.dvbt_demod_reference_signals(
+        gr.sizeof_gr_complex, fft_len, data_cells, constellation, dtv.NH, rate, rate,
+        guard, transmission, 0, 0)
+    demap = dtv.dvbt_demap(data_cells, constellation, dtv.NH, transmission, 1.0)
+    symbol_deint = dtv.dvbt_symbol_inner_interleaver(data_cells, transmission, 0)  # 0: deinterleave
+    bit_deint = dtv.dvbt_bit_inner_deinterleaver(data_cells, constellation, dtv.NH, transmission)
+    to_stream = blocks.vector_to_stream(gr.sizeof_char, data_cells)
+    viterbi = dtv.dvbt_viterbi_decoder(constellation, dtv.NH, rate, 768)
+    outer_deint = dtv.dvbt_convolutional_deinterleaver(PACKETS_PER_BLOCK * 204 // 12, 12, 17)
+    rs = dtv.dvbt_reed_solomon_dec(2, 8, 0x11D, 255, 239, 8, 51, PACKETS_PER_BLOCK)
+    descramble = dtv.dvbt_energy_descramble(PACKETS_PER_BLOCK)
+    sink = blocks.file_sink(gr.sizeof_char, opts["-o"], False)
+    tb.connect(src, acquisition, spectrum, reference, demap, symbol_deint, bit_deint,
+               to_stream, viterbi, outer_deint, rs, descramble, sink)
+    return tb, sink
+
+
+def main(argv):
+    opts = parse_options(argv)
+    if opts["-h"]:
+        sys.stdout.write(USAGE)
+        return 0
+    if opts["-V"]:
+        print(f"{PROG} {VERSION}")
+        return 0
+    try:
+        check(opts)
+        try:
+            from gnuradio import blocks, dtv, fft, gr
+            from gnuradio.fft import window
+        except ImportError:
+            raise Fail("needs GNU Radio's DVB-T receiver (gnuradio.dtv): apt-get install gnuradio") from None
+        gr.logging().set_default_level(gr.log_levels.err)   # no notes on buffer sizes
+        try:
+            open(opts["-o"], "wb").close()
+        except OSError as e:
+            raise Fail(f"can't create \"{opts['-o']}\": {e.strerror}") from None
+        tb, sink = build(gr, blocks, dtv, fft, window, opts)
+        tb.run()        # returns once the file is exhausted and no block can run any more
+        sink.close()
+        size = os.path.getsize(opts["-o"])
+    except Fail as e:
+        print(f"{PROG}: {e}", file=sys.stderr)
+        return 1
+    except (OSError, RuntimeError, ValueError) as e:
+        print(f"{PROG}: {e}", file=sys.stderr)
+        return 1
+    samples = os.path.getsize(opts["-i"]) // 8
+    print(f"{PROG} {VERSION}: {NAMES['-m'][opts['-m']]}, {['QPSK', '16-QAM', '64-QAM'][opts['-M']]}, "
+          f"guard {NAMES['-D'][opts['-D']]}, code rate {NAMES['-p'][opts['-p']]}, "
+          f"{NAMES['-b'][opts['-b']]} MHz channel ({FS[opts['-b']] / 1e6:.6f} MHz samples)")
+    print(f"Input: {opts['-i']}, {samples} samples ({samples / FS[opts['-b']]:.6f} s)")
+    print(f"Output: {opts['-o']}, {size // 188} packets" + (f" and {size % 188} bytes" if size % 188 else ""))
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))

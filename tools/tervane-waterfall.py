@@ -1,0 +1,191 @@
+#!/usr/bin/python3
+"""tervane-waterfall: bit error ratio after a receiver against C/N, step by step.
+
+For one transmission it runs tsgen and tervane once, then for every C/N of the
+sweep tervane-channel, GNU Radio's receiver (tervane-rx) and tscheck, in a
+scratch directory that it removes, and prints C/N, BER and PER per step: the
+waterfall curve, to compare with the C/N a receiver needs for quasi-error-free
+reception.
+"""
+
+import os
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+
+PROG = "tervane-waterfall"
+VERSION = "2.1b"
+
+USAGE = """\
+usage: tervane-waterfall [-m MODE] [-M 4|16|64] [-D GUARD] [-p RATE] [-b SPACING]
+                         -from DB -to DB [-step DB] [-profile NAME] [-n PACKETS]
+                         [-cfo HZ] [-seed N]
+
+Transmits a tsgen test stream with tervane once and, for every C/N from -from
+to -to in steps of -step (default 1 dB), passes it through tervane-channel,
+decodes it with tervane-rx and checks it with tscheck; prints per step the C/N
+requested and achieved, the bit and packet error ratios after the receiver and
+the bits checked, then the C/N from which every step was error-free.
+
+  -m, -M, -D, -p, -b  the transmission, with tervane's names (default 2k, 4, 1/32,
+                      1/2, 8); the receiver decodes 2k and 8k
+  -profile NAME       gaussian (default), ricean or rayleigh
+  -n PACKETS          length of the test stream (default: two superframes and
+                      1400 packets, at least 2 000 000 PRBS bits after the receiver)
+  -cfo HZ             carrier frequency offset of every step
+  -seed N             seed of the noise of the first step (default 1; step k uses N + k)
+  -h, -V              this help, the version
+
+The programs are taken from the directory of this script, else from the PATH.
+"""
+
+NAMES = {
+    "-m": ["2k", "4k", "8k"],
+    "-M": ["4", "16", "64"],
+    "-D": ["1/4", "1/8", "1/16", "1/32"],
+    "-p": ["1/2", "2/3", "3/4", "5/6", "7/8"],
+    "-b": ["5", "6", "7", "8"],
+}
+DEFAULTS = {"-m": 0, "-M": 0, "-D": 3, "-p": 0, "-b": 3}
+TEXTS = ["-from", "-to", "-step", "-profile", "-n", "-cfo", "-seed"]
+PROGRAMS = ["tsgen", "tervane", "tervane-channel", "tervane-rx", "tscheck"]
+SUMMARY = re.compile(r"^packets=(\d+) sync_losses=(\d+) tei=(\d+) cc_errors=(\d+) "
+                     r"prbs_bits=(\d+) bit_errors=(\d+) ber=(\S+) per=(\S+)$", re.M)
+
+
+class Fail(Exception):
+    """A condition that ends the program with a one-line message and status 1."""
+
+
+def parse_options(argv):
+    """tervane's rules: a list option's last valid value wins, a text's first occurrence."""
+    opts = dict(DEFAULTS)
+    for name, names in NAMES.items():
+        a = 0
+        while a < len(argv):
+            if argv[a] == name and a + 1 < len(argv):
+                if argv[a + 1] in names:
+                    opts[name] = names.index(argv[a + 1])
+                a += 1
+            a += 1
+    for name in TEXTS:
+        opts[name] = next((argv[a + 1] for a in range(len(argv) - 1) if argv[a] == name), None)
+        if opts[name] is None and name in argv:
+            raise Fail(f"{name} needs a value")
+    for name in ("-h", "-V"):
+        opts[name] = name in argv
+    return opts
+
+
+def number(opts, name, default=None):
+    text = opts[name]
+    if text is None:
+        if default is None:
+            raise Fail(f"no {name} given ({PROG} -h for usage)")
+        return default
+    try:
+        value = float(text)
+    except ValueError:
+        raise Fail(f"{name} takes a number, not \"{text}\"") from None
+    if value != value or value in (float("inf"), float("-inf")):
+        raise Fail(f"{name} takes a finite number, not \"{text}\"")
+    return value
+
+
+def programs():
+    """Where each program is: beside this script, else on the PATH."""
+    here = os.path.dirname(os.path.realpath(__file__))
+    found = {}
+    for name in PROGRAMS:
+        path = os.path.join(here, name)
+        found[name] = path if os.access(path, os.X_OK) and os.path.isfile(path) else shutil.which(name)
+        if found[name] is None:
+            raise Fail(f"can't find {name} beside {PROG} or on the PATH")
+    return found
+
+
+def run(cwd, args, ok=(0,)):
+    """Runs a program; its standard output and exit status."""
+    r = subprocess.run(args, cwd=cwd, capture_output=True, text=True)
+    if r.returncode not in ok:
+        last = (r.stderr.strip() or r.stdout.strip() or "no message").splitlines()[-1]
+        raise Fail(f"{os.path.basename(args[0])} failed (status {r.returncode}): {last}")
+    return r.stdout, r.returncode
+
+
+def main(argv):
+    try:
+        opts = parse_options(argv)
+        if opts["-h"]:
+            sys.stdout.write(USAGE)
+            return 0
+        if opts["-V"]:
+            print(f"{PROG} {VERSION}")
+            return 0
+        first, last = number(opts, "-from"), number(opts, "-to")
+        step = number(opts, "-step", 1.0)
+        if step <= 0 or last < first:
+            raise Fail("the sweep needs -from <= -to and a positive -step")
+        steps = int((last - first) / step + 1e-9) + 1
+        profile = opts["-profile"] or "gaussian"
+        if profile not in ("gaussian", "ricean", "rayleigh"):
+            raise Fail(f"unknown profile \"{profile}\" (gaussian, ricean or rayleigh)")
+        mode, bits = opts["-m"], [2, 4, 6][opts["-M"]]
+        if mode == 1:
+            raise Fail("-m 4k: GNU Radio's receiver decodes 2k and 8k only")
+        rate = [(1, 2), (2, 3), (3, 4), (5, 6), (7, 8)][opts["-p"]]
+        per_superframe = [252, 504, 1008][mode] * bits * rate[0] // rate[1]
+        packets = int(number(opts, "-n", 2 * per_superframe + 1400))
+        seed = int(number(opts, "-seed", 1))
+        exe = programs()
+    except Fail as e:
+        print(f"{PROG}: {e}", file=sys.stderr)
+        return 1
+
+    tx_opts = [v for name in NAMES for v in (name, NAMES[name][opts[name]])]
+    rx_opts = tx_opts
+    ch_opts = ["-m", NAMES["-m"][mode], "-b", NAMES["-b"][opts["-b"]], "-profile", profile]
+    if opts["-cfo"] is not None:
+        ch_opts += ["-cfo", opts["-cfo"]]
+    work = tempfile.mkdtemp(prefix="tervane-waterfall-")
+    try:
+        run(work, [exe["tsgen"], "-o", "in.ts", "-n", str(packets)])
+        run(work, [exe["tervane"], "-i", "in.ts", "-o", "tx", "-d", "t", "-v", "0", "-l", os.devnull] + tx_opts)
+        print(f"{PROG} {VERSION}: {NAMES['-m'][mode]}, {['QPSK', '16-QAM', '64-QAM'][opts['-M']]}, "
+              f"guard {NAMES['-D'][opts['-D']]}, code rate {NAMES['-p'][opts['-p']]}, {profile} channel"
+              + (f", CFO {opts['-cfo']} Hz" if opts["-cfo"] is not None else "") + f", {packets} packets sent")
+        print(f"{'C/N dB':>7} {'achieved':>9} {'BER':>10} {'PER':>10} {'bits':>10}", flush=True)
+        clean_from = None
+        for k in range(steps):
+            cn = first + k * step
+            out, _ = run(work, [exe["tervane-channel"], "-i", "tx.bin", "-o", "ch.bin", "-cn", f"{cn:.6g}",
+                             "-seed", str(seed + k)] + ch_opts)
+            achieved = re.search(r"achieved (\S+) dB", out).group(1)
+            run(work, [exe["tervane-rx"], "-i", "ch.bin", "-o", "rx.ts"] + rx_opts)
+            report, status = run(work, [exe["tscheck"], "rx.ts"], ok=(0, 1))
+            m = SUMMARY.search(report)
+            checked, errors = int(m.group(5)), int(m.group(6))
+            clean = status == 0
+            ber = f"{errors / checked:.2e}" if checked else "no PRBS"
+            per = f"{float(m.group(8)):.2e}" if checked else "-"
+            print(f"{cn:7.2f} {float(achieved):9.3f} {ber:>10} {per:>10} {checked:10d}", flush=True)
+            clean_from = (clean_from if clean_from is not None else cn) if clean else None
+        if clean_from is None:
+            print("Error-free: at no step up to the last")
+        else:
+            print(f"Error-free: from {clean_from:.2f} dB on (no bit error, lost packet or sync loss)")
+    except Fail as e:
+        print(f"{PROG}: {e}", file=sys.stderr)
+        return 1
+    except OSError as e:
+        print(f"{PROG}: {e}", file=sys.stderr)
+        return 1
+    finally:
+        shutil.rmtree(work, ignore_errors=True)
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))
