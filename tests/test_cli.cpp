@@ -4,10 +4,10 @@
 // option quirks and hostile input. Every run is bounded by `timeout`.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <map>
-#include <random>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -278,20 +278,15 @@ TEST(Cli, FileNamesWarningsAndRefusals) {
 // Degenerate and malformed streams end normally with whole symbols of finite samples.
 TEST(Cli, HostileStreams) {
     TempDir dir;
-    auto symbols = [&](const std::string& name) {
+    auto symbols = [&](const std::string& name) {  // whole 2k symbols of finite samples
         const auto b = tu::read_file(dir / name);
-        EXPECT_EQ(b.size() % (2112 * 8), 0u);
-        for (size_t i = 0; i + 4 <= b.size(); i += 4) {
-            float f;
-            std::memcpy(&f, &b[i], 4);
-            if (!std::isfinite(f)) ADD_FAILURE() << "non-finite sample in " << name;
-        }
+        std::vector<float> f(b.size() / 4);
+        std::memcpy(f.data(), b.data(), 4 * f.size());
+        EXPECT_TRUE(b.size() % (2112 * 8) == 0 && std::all_of(f.begin(), f.end(), [](float x) { return std::isfinite(x); })) << name;
         return b.size() / (2112 * 8);
     };
     tu::write_file(dir / "empty.ts", {});
-    auto r = transmit(dir, {"-i", "empty.ts", "-o", "e", "-d", "et"});
-    EXPECT_TRUE(contains(r.out, "Checking MPEG-2 TS file length ... 0 bytes\n"));
-    EXPECT_FALSE(contains(r.out, "% done"));
+    EXPECT_FALSE(contains(transmit(dir, {"-i", "empty.ts", "-o", "e", "-d", "et"}).out, "% done"));
     EXPECT_EQ(symbols("e.bin"), 0u);
     // Starting inside a packet and ending with part of one: coded by position alone.
     auto in = tu::make_ts(60, 7);
@@ -300,10 +295,6 @@ TEST(Cli, HostileStreams) {
     transmit(dir, {"-i", "unsync.ts", "-o", "u", "-d", "et"});
     EXPECT_EQ(tu::read_file(dir / "u_ed.bin")[0], static_cast<unsigned char>(~in[0]));
     EXPECT_GT(symbols("u.bin"), 40u);
-    std::mt19937 gen(3);
-    for (auto& x : in) x = static_cast<unsigned char>(gen() >> 24);
-    tu::write_file(dir / "random.ts", in);
-    transmit(dir, {"-i", "random.ts", "-o", "x", "-d", "t", "-m", "8k", "-M", "64", "-D", "1/4", "-I", "4x", "-F", "agi", "-s", "19"});
     // Streams of very different lengths: the shorter one bounds the output.
     tu::write_file(dir / "short.ts", tu::make_ts(10, 1));
     tu::write_file(dir / "long.ts", tu::make_ts(2000, 2));

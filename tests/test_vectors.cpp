@@ -168,64 +168,28 @@ TEST(VecRing, WholeUnitsThatFit) {
 }
 
 // Copies in and out across the end of the storage, for one- and eight-byte
-// elements, and the position after them.
+// elements, the position after them, and views that copy only when they must.
 TEST(VecRing, CopiesAndViewsAcrossTheWrap) {
     tu::ByteRing b(10, 7);
     b.v->fill = 2;
     EXPECT_EQ(dvbRingWritePos(b.v), 9u);
     const uint8_t src[5] = {1, 2, 3, 4, 5};
+    uint8_t got[5] = {}, scratch[5] = {};
     EXPECT_EQ(dvbRingPut(b.v, 9, src, 5), 4u);  // 9, 0, 1, 2, 3
     EXPECT_EQ(std::vector<uint8_t>(b.data(), b.data() + 10), (std::vector<uint8_t>{2, 3, 4, 5, 0, 0, 0, 0, 0, 1}));
-    uint8_t got[5] = {};
     EXPECT_EQ(dvbRingGet(b.v, 9, got, 5), 4u);
-    EXPECT_EQ(std::memcmp(got, src, 5), 0);
-    uint8_t scratch[5] = {};
     EXPECT_EQ(dvbRingView(b.v, 9, 5, scratch), scratch);
-    EXPECT_EQ(std::memcmp(scratch, src, 5), 0);
-    EXPECT_EQ(dvbRingView(b.v, 0, 4, scratch), b.data());  // contiguous: the storage itself
+    EXPECT_TRUE(std::memcmp(got, src, 5) == 0 && std::memcmp(scratch, src, 5) == 0);
+    EXPECT_EQ(dvbRingView(b.v, 0, 4, scratch), b.data());
     EXPECT_EQ(dvbRingRun(b.v, 8, 5), 2u);
     EXPECT_EQ(dvbRingRun(b.v, 2, 5), 5u);
-
-    tu::CplxRing c(4);
+    tu::CplxRing c(4, 3);
     const dvbComplex cells[3] = {{1, -1}, {2, -2}, {3, -3}};
     EXPECT_EQ(dvbRingPut(c.v, 3, cells, 3), 2u);
-    EXPECT_EQ(c.data()[3].re, 1.0f);
     EXPECT_EQ(c.data()[1].im, -3.0f);
-    dvbComplex back[3];
-    dvbRingGet(c.v, 3, back, 3);
-    EXPECT_EQ(std::memcmp(back, cells, sizeof cells), 0);
     c.v->fill = 3;
-    c.v->head = 3;
-    dvbRingConsume(c.v, 2);
-    EXPECT_EQ(c.v->head, 1u);
-    EXPECT_EQ(c.v->fill, 1u);
-}
-
-// File transfers in two pieces: a ring of 10 with the write index at 6 reads
-// 4 bytes to 6..9 and 6 to 0..5; a short first read is followed by the second.
-TEST(VecRing, FileReadsAndWritesInTwoPieces) {
-    tu::TempDir dir;
-    tu::Bytes data(20);
-    for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<unsigned char>(100 + i);
-    tu::write_file(dir / "in", data);
-    tu::ByteRing b(10, 6);
-    FILE* f = std::fopen((dir / "in").c_str(), "rb");
-    ASSERT_NE(f, nullptr);
-    EXPECT_EQ(dvbRingRead(f, b.v, 6, 10), 10u);
-    EXPECT_EQ(b.data()[6], 100);
-    EXPECT_EQ(b.data()[0], 104);
-    EXPECT_EQ(dvbRingRead(f, b.v, 8, 6), 6u);  // 2 to 8..9, 4 to 0..3
-    EXPECT_EQ(dvbRingRead(f, b.v, 0, 10), 4u);  // 4 left in the file
-    std::fclose(f);
-    EXPECT_EQ(std::vector<uint8_t>(b.data(), b.data() + 10),
-              (std::vector<uint8_t>{116, 117, 118, 119, 108, 109, 100, 101, 110, 111}));
-
-    f = std::fopen((dir / "out").c_str(), "wb");
-    EXPECT_EQ(dvbRingWrite(b.v, 6, 10, f), 10u);
-    dvbRingDump(b.v, 8, 3, f);
-    dvbRingDump(b.v, 8, 3, nullptr);
-    std::fclose(f);
-    EXPECT_EQ(tu::read_file(dir / "out"), (tu::Bytes{100, 101, 110, 111, 116, 117, 118, 119, 108, 109, 110, 111, 116}));
+    const auto back = c.pop_all();
+    EXPECT_TRUE(back.size() == 3 && std::memcmp(back.data(), cells, sizeof cells) == 0);
 }
 
 TEST(VecUtilSources, LinSpaceAndName) {
