@@ -299,6 +299,11 @@ TEST(LibraryTransfers, ParameterisedDispersalAndByteRingMoves) {
     EXPECT_EQ(b.pop_all(), (std::vector<uint8_t>{0xB8, 0x48, 0x48}));
     EXPECT_EQ(dvbTSDisperdInvert(a.v, b.v, q.v, 4, 8, 100, "tsd", nullptr, &n), 1u);  // nothing held
     EXPECT_EQ(n, 0u);
+    a.push({1});
+    b.v->fill = b.v->len;
+    EXPECT_EQ(captured([&] { EXPECT_EQ(dvbTSDisperdInvert(a.v, b.v, q.v, 4, 8, 100, "tsd", nullptr, &n), 1u); }), "");  // no room
+    b.v->fill = 0;
+    out2null(a.v, 1);
     a.push({1, 2, 3, 4, 5, 6});
     EXPECT_EQ(captured([&] { EXPECT_EQ(in2out(a.v, b.v, 4), 1u); }), "in2out:   4\n");
     EXPECT_EQ(out2null(a.v, 1), 1u);

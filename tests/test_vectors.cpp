@@ -73,6 +73,10 @@ TEST(VecManage, ResultCodesResizeAndCopy) {
     EXPECT_EQ(dvbConstVect(nullptr, Symbol, 4, 0), 6u);
     EXPECT_EQ(dvbResizeVect(nullptr, 3), 6u);
     EXPECT_EQ(dvbCopyVect(a.v, nullptr), 5u);
+    Vec bits(Bit);
+    ASSERT_EQ(dvbConstVect(bits.v, Bit, 8, 1), 0u);
+    EXPECT_EQ(dvbConstVect(bits.v, Symbol, 4, 7), 1u);  // a Bit vector cannot be brought to Symbol without a width
+    EXPECT_EQ(bits.v->type, Bit);
 
     // Resizing keeps the values and the ring position, zeroes the tail.
     ASSERT_EQ(dvbConstVect(a.v, Digital, 3, -7, 0, 0.0), 0u);
