@@ -133,10 +133,15 @@ TEST(Channel, BadInputRefusedInOneLine) {
         const std::string err = tu::read_text(dir / "err.txt");
         EXPECT_TRUE(err.rfind("tervane-channel: ", 0) == 0 && err.find('\n') == err.size() - 1) << err;
     }
+    // A write that fails (a file-size limit here) is an error, and leaves no file behind.
+    tu::write_file(dir / "big.bin", tu::Bytes(16000, 1));
+    const std::string limited = "ulimit -f 4 && exec " + std::string(TERVANE_CHANNEL_EXE) + " -i big.bin -o lim.bin -profile gaussian";
+    EXPECT_EQ(tu::run(dir.path, "bash", {"-c", limited}).status, 1);
+    EXPECT_EQ(tu::read_text(dir / "err.txt"), "tervane-channel: writing \"lim.bin\" failed: File too large\n");
     EXPECT_EQ(tu::read_file(dir / "in.bin"), tu::Bytes(800, 1));
     size_t files = 0;
     for ([[maybe_unused]] const auto& e : fs::directory_iterator(dir.path)) ++files;
-    EXPECT_EQ(files, 4u) << "no output, no temporary file";
+    EXPECT_EQ(files, 5u) << "no output, no temporary file";
 }
 
 // tscheck on a tsgen stream of 600 packets (12 PAT and PMT, 588 null packets;

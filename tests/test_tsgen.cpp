@@ -72,6 +72,10 @@ TEST(Tsgen, BadArgumentsAndFailedWrites) {
     // A device that is always full: the failed write is an error, status 1.
     EXPECT_EQ(tu::run(dir.path, TSGEN_EXE, {"-o", "/dev/full", "-n", "100"}).status, 1);
     EXPECT_EQ(tu::read_text(dir / "err.txt").rfind("tsgen: write to \"/dev/full\" failed", 0), 0u);
+    // A file-size limit stops the writing part-way: the message says how much reached the file.
+    EXPECT_EQ(tu::run(dir.path, "bash", {"-c", std::string("ulimit -f 20 && exec ") + TSGEN_EXE + " -o lim.ts -n 1000"}).status, 1);
+    EXPECT_EQ(tu::read_text(dir / "err.txt"), "tsgen: write to \"lim.ts\" failed after 20480 bytes (108 whole packets): File too large\n");
+    EXPECT_EQ(std::filesystem::file_size(dir / "lim.ts"), 20480u);
 }
 
 }  // namespace

@@ -18,6 +18,7 @@
 #include <bit>
 #include <cerrno>
 #include <cmath>
+#include <csignal>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -400,6 +401,8 @@ double db(double ratio) { return 10 * std::log10(ratio); }
 }  // namespace
 
 int main(int argc, char** argv) {
+    // A file-size limit makes a write fail with its error instead of ending the process.
+    std::signal(SIGXFSZ, SIG_IGN);
     dvbGetCommArgs(argc, argv, static_cast<uint16_t>(std::size(kOptions)), kOptions);
     if (g_help) {
         std::fputs(kUsage, stdout);

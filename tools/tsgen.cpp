@@ -3,8 +3,11 @@
 // null packet (PID 0x1FFF) whose payload carries a continuous PRBS 2^23-1
 // (x^23 + x^18 + 1, the bit-error-rate test pattern), continuity counters
 // counted per PID.
+#include <sys/stat.h>
+
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -90,9 +93,23 @@ bool parse_count(const char* text, unsigned long long& out) {
     return errno == 0 && end != nullptr && *end == '\0';
 }
 
+// Reports a failed write with what reached the file, and closes it; returns
+// the exit status.
+int write_failed(FILE* fp, const char* name) {
+    const int err = errno;
+    struct stat st{};
+    const long long bytes = fstat(fileno(fp), &st) == 0 ? static_cast<long long>(st.st_size) : -1;
+    std::fprintf(stderr, "tsgen: write to \"%s\" failed after %lld bytes (%lld whole packets): %s\n", name, bytes,
+                 bytes / static_cast<long long>(kPacket), std::strerror(err));
+    std::fclose(fp);
+    return 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    // A file-size limit makes a write fail with its error instead of ending the process.
+    std::signal(SIGXFSZ, SIG_IGN);
     const char* out_name = nullptr;
     unsigned long long packets = 10000;
     for (int i = 1; i < argc; ++i) {
@@ -144,13 +161,9 @@ int main(int argc, char** argv) {
             put_header(pkt.data(), kNullPid, false, cc_null++);
             for (size_t i = 4; i < kPacket; ++i) pkt[i] = prbs.next_byte();
         }
-        if (std::fwrite(pkt.data(), 1, kPacket, fp) != kPacket) {
-            std::fprintf(stderr, "tsgen: write to \"%s\" failed after %llu packets: %s\n", out_name, n,
-                         std::strerror(errno));
-            std::fclose(fp);
-            return 1;
-        }
+        if (std::fwrite(pkt.data(), 1, kPacket, fp) != kPacket) return write_failed(fp, out_name);
     }
+    if (std::fflush(fp) != 0) return write_failed(fp, out_name);
     if (std::fclose(fp) != 0) {
         std::fprintf(stderr, "tsgen: closing \"%s\" failed: %s\n", out_name, std::strerror(errno));
         return 1;
