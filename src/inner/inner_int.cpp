@@ -43,6 +43,9 @@ std::array<std::array<uint16_t, BI_BLOCK>, 6> src_of{};
 std::array<uint8_t, 6> from_lp{};
 int64_t src_key = -1;
 
+// The layout the source table was built for: bits per word and hierarchy.
+int64_t source_key(uint32_t V, bool hier) { return static_cast<int64_t>(V * 2 + (hier ? 1 : 0)); }
+
 void build_sources(uint32_t V, bool hier) {
     const std::array<uint8_t, 6>& route = demux_nh[V / 2 - 1];
     const std::array<uint8_t, 4>& route_lp = demux_lp[V / 2 - 1];
@@ -69,7 +72,7 @@ void build_sources(uint32_t V, bool hier) {
     for (uint32_t e = 0; e < V; e++)
         for (uint32_t w = 0; w < BI_BLOCK; w++)
             src_of[e][w] = static_cast<uint16_t>(width[e] * ((w + point_start[e]) % BI_BLOCK) + pos[e]);
-    src_key = static_cast<int64_t>(V * 2 + (hier ? 1 : 0));
+    src_key = source_key(V, hier);
 }
 
 // Interleaves one block of V-bit words into bi_words: each word gathers its V
@@ -138,7 +141,7 @@ uint32_t bit_interleave(dvbVect* in_hp, dvbVect* in_lp, dvbVect* out, uint32_t m
     uint32_t B = dvbRingUnits(in_hp, hp_bits, out, BI_BLOCK, maxlen, hp_bits);
     if (lp_bits != 0 && in_lp->fill / lp_bits < B) B = in_lp->fill / lp_bits;
 
-    if (src_key != static_cast<int64_t>(v * 2 + (hier ? 1 : 0))) build_sources(v, hier);
+    if (src_key != source_key(v, hier)) build_sources(v, hier);
 
     uint32_t r_hp = in_hp->head;
     uint32_t r_lp = lp_bits != 0 ? in_lp->head : 0;
