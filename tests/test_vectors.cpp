@@ -129,6 +129,11 @@ TEST(VecConvert, PackingQuantisingAndUnofferedConversions) {
     ASSERT_EQ(dvbConvertVect(r.v, Real), 0u);
     EXPECT_EQ(dvbReals(r.v)[0], 0.5f);
 
+    Vec u(Symbol);  // bytes are unsigned
+    ASSERT_EQ(dvbConstVect(u.v, Symbol, 2, 255), 0u);
+    dvbBytes(u.v)[1] = 3;
+    ASSERT_EQ(dvbConvertVect(u.v, Real), 0u);
+    EXPECT_EQ(reals_of(u), (F{255.0f, 3.0f}));
     Vec s(Symbol);
     ASSERT_EQ(dvbConstVect(s.v, Symbol, 4, 1), 0u);
     const void* const data = s.v->data;
