@@ -216,6 +216,12 @@ TEST(BenchChain, ReceiverDecodesThroughTheChannel) {
             const size_t bits = std::stoul(r.out.substr(r.out.find("prbs_bits=") + 10));
             EXPECT_GT(static_cast<double>(bits), 0.6 * 0.98 * 1472 * std::stod(c.packets)) << r.out;
         }
+        if (c.cfo == std::string("3000")) {  // a full disk stops the receiver with a message, not a hang
+            std::filesystem::create_symlink("/dev/full", dir / "full.ts");
+            const auto full = tu::run(dir.path, "/usr/bin/timeout", with({"300", "/usr/bin/python3", std::string(TERVANE_SOURCE_DIR) + "/tools/tervane-rx.py", "-i", "ch.bin", "-o", "full.ts"}));
+            EXPECT_EQ(full.status, 1);
+            EXPECT_EQ(tu::read_text(dir / "err.txt"), "tervane-rx: writing \"full.ts\" failed after 0 bytes: No space left on device\n");
+        }
     }
 }
 

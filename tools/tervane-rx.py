@@ -9,7 +9,10 @@ spellings and rules.
 """
 
 import os
+import select
+import signal
 import sys
+import threading
 
 PROG = "tervane-rx"
 VERSION = "2.1b"
@@ -105,8 +108,8 @@ def check(opts):
         raise Fail(f"the output \"{opts['-o']}\" is the input: choose another name")
 
 
-def build(gr, blocks, dtv, fft, window, opts):
-    """The receiver chain, from the sample file to the transport stream file."""
+def build(gr, blocks, dtv, fft, window, opts, out_fd):
+    """The receiver chain, from the sample file to the descriptor out_fd."""
     mode = opts["-m"]
     fft_len, carriers, data_cells = FFT_SIZE[mode], N_CARRIERS[mode], N_DATA[mode]
     transmission = [dtv.T2k, None, dtv.T8k][mode]
@@ -133,13 +136,57 @@ def build(gr, blocks, dtv, fft, window, opts):
     outer_deint = dtv.dvbt_convolutional_deinterleaver(PACKETS_PER_BLOCK * 204 // 12, 12, 17)
     rs = dtv.dvbt_reed_solomon_dec(2, 8, 0x11D, 255, 239, 8, 51, PACKETS_PER_BLOCK)
     descramble = dtv.dvbt_energy_descramble(PACKETS_PER_BLOCK)
-    sink = blocks.file_sink(gr.sizeof_char, opts["-o"], False)
+    sink = blocks.file_descriptor_sink(gr.sizeof_char, out_fd)
     tb.connect(src, acquisition, spectrum, reference, demap, symbol_deint, bit_deint,
                to_stream, viterbi, outer_deint, rs, descramble, sink)
-    return tb, sink
+    return tb
+
+
+def decode(tb_of, path):
+    """Runs the receiver into a pipe whose other end a thread copies to the file, so
+    that a failed write (a full disk) is seen, stops the receiver and is reported,
+    instead of ending GNU Radio's writer thread and leaving the flowgraph waiting.
+    Returns the bytes written."""
+    try:
+        out = os.open(path, os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o666)
+    except OSError as e:
+        raise Fail(f"can't create \"{path}\": {e.strerror}") from None
+    rfd, wfd = os.pipe()
+    tb = tb_of(wfd)
+    done, state = threading.Event(), {"bytes": 0, "error": None}
+
+    def copy():
+        while True:
+            if not select.select([rfd], [], [], 0.1)[0]:
+                if done.is_set():
+                    return
+                continue
+            chunk = memoryview(os.read(rfd, 1 << 20))
+            if state["error"] is not None:
+                continue                                # drain, so that the receiver can stop
+            try:
+                while chunk:
+                    n = os.write(out, chunk)
+                    state["bytes"] += n
+                    chunk = chunk[n:]
+            except OSError as e:
+                state["error"] = e
+                tb.stop()
+
+    copier = threading.Thread(target=copy)
+    copier.start()
+    tb.run()        # returns once the file is exhausted and no block can run any more
+    done.set()
+    copier.join()
+    os.close(out)
+    os.close(rfd)
+    if state["error"] is not None:
+        raise Fail(f"writing \"{path}\" failed after {state['bytes']} bytes: {state['error'].strerror}")
+    return state["bytes"]
 
 
 def main(argv):
+    signal.signal(signal.SIGXFSZ, signal.SIG_IGN)   # a file-size limit fails the write instead
     opts = parse_options(argv)
     if opts["-h"]:
         sys.stdout.write(USAGE)
@@ -155,14 +202,7 @@ def main(argv):
         except ImportError:
             raise Fail("needs GNU Radio's DVB-T receiver (gnuradio.dtv): apt-get install gnuradio") from None
         gr.logging().set_default_level(gr.log_levels.err)   # no notes on buffer sizes
-        try:
-            open(opts["-o"], "wb").close()
-        except OSError as e:
-            raise Fail(f"can't create \"{opts['-o']}\": {e.strerror}") from None
-        tb, sink = build(gr, blocks, dtv, fft, window, opts)
-        tb.run()        # returns once the file is exhausted and no block can run any more
-        sink.close()
-        size = os.path.getsize(opts["-o"])
+        size = decode(lambda fd: build(gr, blocks, dtv, fft, window, opts, fd), opts["-o"])
     except Fail as e:
         print(f"{PROG}: {e}", file=sys.stderr)
         return 1
