@@ -13,7 +13,10 @@
 #include <tuple>
 #include <vector>
 
+#include <sys/resource.h>
+
 #include "frame/files.hpp"
+#include "frame/time.hpp"
 #include "inner/inner_coder.hpp"
 #include "inner/inner_int.hpp"
 #include "inner/mapper.hpp"
@@ -170,6 +173,8 @@ TEST(StageUnits, ProducerAndConsumer) {
     ByteRing ts(8, 5);
     tu::Verbose loud(4);
     EXPECT_EQ(captured([&] { EXPECT_EQ(read_mpeg(f.fp, ts.v, 3), 3u); }), "MPEG-2_read : 3 samples\n");
+    EXPECT_EQ(captured([&] { EXPECT_EQ(read_mpeg(f.fp, ts.v, 0), 0u); }), "MPEG-2_read : 0 samples\n");  // no room asked
+    EXPECT_EQ(ts.v->fill, 3u);
     EXPECT_EQ(read_mpeg(f.fp, ts.v, 100), 5u);
     EXPECT_EQ(captured([&] { EXPECT_EQ(read_mpeg(f.fp, ts.v, 100), 0u); }), "");  // full
     ts.v->fill = 0;
@@ -204,16 +209,16 @@ TEST(SampleOutput, ThreeFormatsByteForByteAcrossTheWrap) {
     // three rounds so that the wide form has whole groups of eight, for each instruction set.
     dvbt_parms.dumpformat = 1;
     tdstream_sf = 1000.0f;
-    const std::vector<dvbComplex> agi_in{{1.5f, -2.5f}, {0.005f, -0.0019f}, {32.767f, -32.768f}, {40.0f, -40.0f},
+    const std::vector<dvbComplex> agi_in{{1.5f, -2.5f}, {0.005f, -0.0019f}, {32.7675f, -32.7685f}, {40.0f, -40.0f},
                                          {NAN, INFINITY}, {1e30f, -1e30f}};
-    const std::vector<uint8_t> agi_out{0x05, 0xDC, 0xF6, 0x3C, 0x00, 0x04, 0xFF, 0xFF, 0x7F, 0xFE, 0x80, 0x00,
+    const std::vector<uint8_t> agi_out{0x05, 0xDC, 0xF6, 0x3C, 0x00, 0x04, 0xFF, 0xFF, 0x7F, 0xFF, 0x80, 0x00,
                                        0x80, 0x00, 0x80, 0x00, 0x80, 0x00, 0x80, 0x00, 0x80, 0x00, 0x80, 0x00};
     for (dvbIsa isa : tu::isas()) {
         tu::IsaScope scope(isa);
         CplxRing ring(20, 13);
         TmpFile a;
         for (int round = 0; round < 3; ++round) ring.push(agi_in);
-        EXPECT_EQ(time_dump(ring.v, a.fp, nullptr, nullptr, 400000), 18);
+        EXPECT_EQ(time_dump(ring.v, a.fp, nullptr, nullptr, 400000), 18);  // 32767 and -32768 are the ends of the range
         const auto bytes = a.bytes();
         for (size_t round = 0; round < 3; ++round)
             EXPECT_EQ(std::vector<uint8_t>(bytes.begin() + 24 * round, bytes.begin() + 24 * (round + 1)), agi_out) << isa;
@@ -283,6 +288,26 @@ TEST(Interpolation, EqualsTheFullFilterOnZeroStuffedInput) {
     ASSERT_EQ(transmit(in.v, out.v, 1000, nullptr), 40u);
     const auto y = out.pop_all();
     for (size_t m = 0; m < 4; ++m) EXPECT_NEAR(y[39 * 4 + m].re, settled[m], 2e-7f);
+}
+
+// The clock of the speed report counts user and system time, as the process's own usage does.
+TEST(Timing, TicTocCountsUserAndSystemTime) {
+    auto usage = [] {
+        rusage ru{};
+        getrusage(RUSAGE_SELF, &ru);
+        return static_cast<double>(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) + static_cast<double>(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
+    };
+    EXPECT_EQ(dvbTic(), 0.0);
+    const double t0 = usage();
+    FILE* null = std::fopen("/dev/null", "wb");
+    std::setvbuf(null, nullptr, _IONBF, 0);
+    for (int i = 0; i < 200000; ++i) std::fputc('x', null);  // system time
+    volatile double x = 0;
+    for (int i = 0; i < 30000000; ++i) x = x + i;  // user time
+    const double t = dvbToc(), t1 = usage();
+    std::fclose(null);
+    EXPECT_GT(t, 0.0);
+    EXPECT_NEAR(t, t1 - t0, 0.01);
 }
 
 // ---- Library transfers not used by the chain ------------------------------

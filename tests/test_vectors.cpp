@@ -65,6 +65,13 @@ std::string print_stdout(const dvbVect* v, uint16_t flags, unsigned* rc) {
 }  // namespace
 
 TEST(VecManage, ResultCodesResizeAndCopy) {
+    for (auto [code, text] : std::vector<std::pair<unsigned, const char*>>{
+             {DVB_OK, "OK"}, {DVB_UNKNOWN, "Unknown error"}, {DVB_NOT_IMPLEMENTED, "Method or algorithm not yet implemented"},
+             {DVB_NO_FILES, "No more files to open"}, {DVB_NO_MEMORY, "No more memory to allocate"}, {DVB_EMPTY, "The vector is empty"},
+             {DVB_NOT_ALLOCATED, "The vector is not allocated"}, {DVB_EXISTS, "The vector already exists"},
+             {DVB_DIFF_SIZES, "The vectors have different sizes"}, {DVB_DIFF_WIDTHS, "The vectors have different widths"},
+             {DVB_DIFF_TYPES, "The vectors have different types"}})
+        EXPECT_STREQ(dvbErrString[code], text);
     Vec a(Digital);
     EXPECT_EQ(priv_dvbCreateVect(&a.v, Digital), 7u);
     EXPECT_EQ(priv_dvbCreateVect(&a.v, Real), 10u);
@@ -119,6 +126,8 @@ TEST(VecConvert, PackingQuantisingAndUnofferedConversions) {
     std::memcpy(r.v->data, in, sizeof in);
     ASSERT_EQ(dvbConvertVect(r.v, Digital, 8, 1.0), 0u);
     EXPECT_EQ(std::vector<int32_t>(dvbInts(r.v), dvbInts(r.v) + 4), (std::vector<int32_t>{127, -128, 0, -1}));
+    EXPECT_EQ(r.v->acc, 8);
+    EXPECT_EQ(r.v->range, 1.0f);
     // Width 0: x + 0.5 truncated; what no 32-bit integer holds becomes 0.
     const float in0[5] = {2.5f, -1.7f, -0.3f, 1e10f, NAN};
     ASSERT_EQ(dvbConstVect(r.v, Real, 5, 0.0), 0u);
