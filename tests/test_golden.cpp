@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -53,6 +54,8 @@ struct GoldenCase {
     bool hierarchical;
     uint64_t expected;  // digest of the listing of every file
 };
+
+void PrintTo(const GoldenCase& c, std::ostream* os) { *os << c.name; }
 
 class Golden : public ::testing::TestWithParam<GoldenCase> {};
 

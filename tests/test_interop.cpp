@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <ostream>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -81,6 +82,8 @@ tu::Bytes receive(const tu::TempDir& dir, const Config& c) {
     return tu::read_file(dir / "rx.ts");
 }
 
+void PrintTo(const Config& c, std::ostream* os) { *os << c.mode << " " << c.M << "-QAM " << c.rate << " guard " << c.guard << " -s " << c.packnum; }
+
 class InteropDecode : public ::testing::TestWithParam<Config> {};
 
 TEST_P(InteropDecode, TheStreamComesBack) {
@@ -104,7 +107,12 @@ TEST_P(InteropDecode, TheStreamComesBack) {
 INSTANTIATE_TEST_SUITE_P(Configs, InteropDecode,
                          ::testing::Values(Config{"2k", "4", "1/32", "1/2", "5", 10}, Config{"2k", "16", "1/4", "3/4", "37", 8},
                                            Config{"2k", "64", "1/8", "7/8", "100", 8}, Config{"8k", "4", "1/8", "7/8", "7", 8},
-                                           Config{"8k", "64", "1/4", "2/3", "37", 8}, Config{"8k", "16", "1/16", "5/6", "13", 8}));
+                                           Config{"8k", "64", "1/4", "2/3", "37", 8}, Config{"8k", "16", "1/16", "5/6", "13", 8}),
+                         [](const auto& info) {
+                             std::string name = std::string(info.param.mode) + "_M" + info.param.M + "_rate" + info.param.rate + "_guard" + info.param.guard;
+                             std::erase(name, '/');
+                             return name;
+                         });
 
 // The comparison is not satisfied by just any output: decoded with another
 // code rate or constellation, the signal gives back no input packet.
