@@ -160,6 +160,7 @@ TEST(VecPRBS, DispersalSequenceStart) {
     ASSERT_EQ(q.v->len, 12032u);
     ASSERT_EQ(dvbConvertVect(q.v, Symbol, 8, 0), 0u);
     EXPECT_EQ(std::vector<uint8_t>(dvbBytes(q.v), dvbBytes(q.v) + 8), (std::vector<uint8_t>{0x03, 0xF6, 0x08, 0x34, 0x30, 0xB8, 0xA3, 0x93}));
+    EXPECT_EQ(dvbPRBSCreate(nullptr, 15, 0x6000, 169, 8), 6u);  // the vector's code, nothing generated
     ASSERT_EQ(dvbPRBSCreate(q.v, 0, 0x6000, 169, 5), 0u);  // no register: all zeros
     EXPECT_EQ(std::vector<uint8_t>(dvbBytes(q.v), dvbBytes(q.v) + 5), (std::vector<uint8_t>(5, 0)));
 }
