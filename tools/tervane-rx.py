@@ -14,6 +14,13 @@ import signal
 import sys
 import threading
 
+# tervane's option rules, shared by the companions: beside the program in the
+# source and build trees, in share/tervane once installed.
+_HERE = os.path.dirname(os.path.realpath(__file__))
+sys.dont_write_bytecode = True  # no cache files beside an installed module
+sys.path[:0] = [_HERE, os.path.join(_HERE, os.pardir, "share", "tervane")]
+from tervane_options import NAMES, first_value, list_option  # noqa: E402
+
 PROG = "tervane-rx"
 VERSION = "2.1b"
 
@@ -35,18 +42,7 @@ The other options of tervane are accepted; -a, -f, -I and -F must keep their
 defaults (non-hierarchical, mapping 0, 1x, std). Needs Debian's gnuradio package.
 """
 
-NAMES = {
-    "-m": ["2k", "4k", "8k"],
-    "-M": ["4", "16", "64"],
-    "-a": ["NH", "1", "2", "4"],
-    "-D": ["1/4", "1/8", "1/16", "1/32"],
-    "-p": ["1/2", "2/3", "3/4", "5/6", "7/8"],
-    "-b": ["5", "6", "7", "8"],
-    "-f": ["0", "BB", "INV"],
-    "-I": ["1x", "2x", "4x"],
-    "-F": ["std", "agi", "agiold"],
-}
-DEFAULTS = {"-m": 0, "-M": 0, "-a": 0, "-D": 3, "-p": 0, "-b": 3, "-f": 0, "-I": 0, "-F": 0}
+LISTS = ["-m", "-M", "-a", "-D", "-p", "-b", "-f", "-I", "-F"]
 FFT_SIZE = [2048, 4096, 8192]
 N_CARRIERS = [1705, 3409, 6817]
 N_DATA = [1512, 3024, 6048]
@@ -62,19 +58,10 @@ class Fail(Exception):
 
 
 def parse_options(argv):
-    """tervane's rules: a name followed by a separate value, matched exactly; for a list
-    the last valid value wins, for a text the first occurrence with a value."""
-    opts = dict(DEFAULTS)
-    for name, names in NAMES.items():
-        a = 0
-        while a < len(argv):
-            if argv[a] == name and a + 1 < len(argv):
-                if argv[a + 1] in names:
-                    opts[name] = names.index(argv[a + 1])
-                a += 1
-            a += 1
+    """tervane's spellings and rules (tervane_options)."""
+    opts = {name: list_option(argv, name) for name in LISTS}
     for name in ("-i", "-o"):
-        opts[name] = next((argv[a + 1] for a in range(len(argv) - 1) if argv[a] == name), None)
+        opts[name] = first_value(argv, name)
     for name in ("-h", "-V"):
         opts[name] = name in argv
     return opts

@@ -16,6 +16,13 @@ import re
 import struct
 import sys
 
+# tervane's option rules, shared by the companions: beside the program in the
+# source and build trees, in share/tervane once installed.
+_HERE = os.path.dirname(os.path.realpath(__file__))
+sys.dont_write_bytecode = True  # no cache files beside an installed module
+sys.path[:0] = [_HERE, os.path.join(_HERE, os.pardir, "share", "tervane")]
+from tervane_options import NAMES, first_value, list_option  # noqa: E402
+
 VERSION = "2.1b"
 PROG = "tervane-view"
 
@@ -38,23 +45,6 @@ sample rate, duration, symbols, occupied bandwidth, in-band ripple, shoulder
 attenuation, PAPR, pilot/data amplitude and MER.
 """
 
-# tervane's name tables: an option value is accepted only when it is one of these.
-NAMES = {
-    "-m": ["2k", "4k", "8k"],
-    "-M": ["4", "16", "64"],
-    "-a": ["NH", "1", "2", "4"],
-    "-D": ["1/4", "1/8", "1/16", "1/32"],
-    "-p": ["1/2", "2/3", "3/4", "5/6", "7/8"],
-    "-php": ["1/2", "2/3", "3/4", "5/6", "7/8"],
-    "-plp": ["1/2", "2/3", "3/4", "5/6", "7/8"],
-    "-b": ["5", "6", "7", "8"],
-    "-c": ["0", "rand"],
-    "-f": ["0", "BB", "INV"],
-    "-I": ["1x", "2x", "4x"],
-    "-F": ["std", "agi", "agiold"],
-}
-LIST_DEFAULTS = {"-m": 0, "-M": 0, "-a": 0, "-D": 3, "-p": 0, "-php": 0, "-plp": 0,
-                 "-b": 3, "-c": 1, "-f": 0, "-I": 0, "-F": 0}
 STRINGS = ["-i", "-ihp", "-ilp", "-o", "-l", "-d"]
 INTS = {"-cid": -1, "-v": 3, "-s": 100}
 REALS = {"-g": 4.2, "-fc": None}
@@ -131,24 +121,11 @@ def f32(x):
 def parse_options(argv):
     """tervane's rules: a name followed by a separate value, matched exactly; for a list
     the last valid value wins, for a number or a text the first occurrence with a value."""
-    opts = {}
-    for name, default in LIST_DEFAULTS.items():
-        opts[name] = default
-        a = 0
-        while a < len(argv):
-            if argv[a] == name and a + 1 < len(argv):
-                if argv[a + 1] in NAMES[name]:
-                    opts[name] = NAMES[name].index(argv[a + 1])
-                a += 1
-            a += 1
+    opts = {name: list_option(argv, name) for name in NAMES}
     for name in STRINGS + list(INTS) + list(REALS):
-        opts[name] = INTS.get(name, REALS.get(name))
-        for a in range(len(argv) - 1):
-            if argv[a] == name:
-                v = argv[a + 1]
-                opts[name] = c_int(v) if name in INTS else f32(c_real(v)) if name == "-g" \
-                    else c_real(v) if name in REALS else v
-                break
+        v = first_value(argv, name)
+        opts[name] = INTS.get(name, REALS.get(name)) if v is None else c_int(v) if name in INTS \
+            else f32(c_real(v)) if name == "-g" else c_real(v) if name in REALS else v
     for name in FLAGS:
         opts[name] = name in argv
     if opts["-a"] != 0 and opts["-M"] == 0:

@@ -15,6 +15,13 @@ import subprocess
 import sys
 import tempfile
 
+# tervane's option rules, shared by the companions: beside the program in the
+# source and build trees, in share/tervane once installed.
+_HERE = os.path.dirname(os.path.realpath(__file__))
+sys.dont_write_bytecode = True  # no cache files beside an installed module
+sys.path[:0] = [_HERE, os.path.join(_HERE, os.pardir, "share", "tervane")]
+from tervane_options import NAMES, first_value, list_option  # noqa: E402
+
 PROG = "tervane-waterfall"
 VERSION = "2.1b"
 
@@ -41,14 +48,7 @@ the bits checked, then the C/N from which every step was error-free.
 The programs are taken from the directory of this script, else from the PATH.
 """
 
-NAMES = {
-    "-m": ["2k", "4k", "8k"],
-    "-M": ["4", "16", "64"],
-    "-D": ["1/4", "1/8", "1/16", "1/32"],
-    "-p": ["1/2", "2/3", "3/4", "5/6", "7/8"],
-    "-b": ["5", "6", "7", "8"],
-}
-DEFAULTS = {"-m": 0, "-M": 0, "-D": 3, "-p": 0, "-b": 3}
+LISTS = ["-m", "-M", "-D", "-p", "-b"]
 TEXTS = ["-from", "-to", "-step", "-profile", "-n", "-cfo", "-seed"]
 PROGRAMS = ["tsgen", "tervane", "tervane-channel", "tervane-rx", "tscheck"]
 SUMMARY = re.compile(r"^packets=(\d+) sync_losses=(\d+) tei=(\d+) cc_errors=(\d+) "
@@ -60,18 +60,10 @@ class Fail(Exception):
 
 
 def parse_options(argv):
-    """tervane's rules: a list option's last valid value wins, a text's first occurrence."""
-    opts = dict(DEFAULTS)
-    for name, names in NAMES.items():
-        a = 0
-        while a < len(argv):
-            if argv[a] == name and a + 1 < len(argv):
-                if argv[a + 1] in names:
-                    opts[name] = names.index(argv[a + 1])
-                a += 1
-            a += 1
+    """tervane's spellings and rules (tervane_options)."""
+    opts = {name: list_option(argv, name) for name in LISTS}
     for name in TEXTS:
-        opts[name] = next((argv[a + 1] for a in range(len(argv) - 1) if argv[a] == name), None)
+        opts[name] = first_value(argv, name)
         if opts[name] is None and name in argv:
             raise Fail(f"{name} needs a value")
     for name in ("-h", "-V"):
@@ -144,7 +136,7 @@ def main(argv):
         print(f"{PROG}: {e}", file=sys.stderr)
         return 1
 
-    tx_opts = [v for name in NAMES for v in (name, NAMES[name][opts[name]])]
+    tx_opts = [v for name in LISTS for v in (name, NAMES[name][opts[name]])]
     rx_opts = tx_opts
     ch_opts = ["-m", NAMES["-m"][mode], "-b", NAMES["-b"][opts["-b"]], "-profile", profile]
     if opts["-cfo"] is not None:
