@@ -1,10 +1,13 @@
-// The whole chain against independent models, stage by stage, on real runs of
-// the executable: every dump is recomputed from the previous stage's dump with
-// a model written from the standard's definitions (scrambler, code polynomials,
+// Whole runs of the executable over a spread of configurations, every dump
+// selected. Each dump is recomputed from the previous stage's dump with a model
+// written from the standard's definitions (scrambler, code polynomials,
 // interleaver formulas, Gray labelling, frame structure, an exact transform),
 // and the dumps' sizes must follow from one another record for record. Odd
-// batch sizes make every ring wrap at odd places; the outer interleaver starts
-// from zeros so that its output is fully determined.
+// batch sizes make every ring wrap at odd places; -c 0 starts the outer
+// interleaver from zeros so that its output is determined. And every file of
+// the run is byte for byte what the transmitter wrote before its kernels were
+// rewritten: a listing of name, size and 64-bit FNV-1a digest per file is
+// digested, and a failure prints the listing.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -12,6 +15,7 @@
 #include <complex>
 #include <cstring>
 #include <algorithm>
+#include <cinttypes>
 #include <map>
 #include <ostream>
 #include <string>
@@ -27,21 +31,41 @@ using cd = std::complex<double>;
 
 struct Case {
     const char* name;
-    int mode;                 // 0 2k, 1 4k, 2 8k
-    int bits;                 // bits per cell requested: 2, 4, 6
-    int alpha;                // 0 NH, else 1, 2, 4
-    const char* rate_hp;      // NH rate or HP rate
-    const char* rate_lp;      // LP rate (hierarchical)
-    const char* guard;
-    const char* mapping;      // 0, BB, INV
-    bool idi;
-    const char* batch;
-    int cid;                  // cell identifier, -1 for none
+    std::vector<std::string> args;  // the transmission options
+    uint64_t digest;                // of the listing of every file of the run
 };
+
+// The value of an option as the parser takes it (the first occurrence), or the default.
+std::string opt(const Case& c, const std::string& name, const std::string& otherwise) {
+    const auto it = std::find(c.args.begin(), c.args.end(), name);
+    return it == c.args.end() ? otherwise : name == "-idi" ? "yes" : *(it + 1);
+}
+
+uint64_t fnv1a(const Bytes& data) {
+    uint64_t h = 0xcbf29ce484222325ull;
+    for (unsigned char c : data) h = (h ^ c) * 0x100000001b3ull;
+    return h;
+}
+
+// "name size digest" for every file of the run but its inputs and logs, sorted by name.
+std::string listing(const std::filesystem::path& dir) {
+    std::vector<std::string> lines;
+    for (const auto& e : std::filesystem::directory_iterator(dir)) {
+        const std::string name = e.path().filename().string();
+        if (name == "hp.ts" || name == "lp.ts" || name == "test.log" || name == "err.txt") continue;
+        const Bytes data = tu::read_file(e.path());
+        char buf[160];
+        std::snprintf(buf, sizeof buf, "%s %zu %016" PRIx64 "\n", name.c_str(), data.size(), fnv1a(data));
+        lines.emplace_back(buf);
+    }
+    std::sort(lines.begin(), lines.end());
+    std::string all;
+    for (const auto& l : lines) all += l;
+    return all;
+}
 
 const int kF[] = {2048, 4096, 8192}, kK[] = {1705, 3409, 6817};
 using models::kN;
-const char* const kModeName[] = {"2k", "4k", "8k"};
 
 int rate_index(const std::string& r) {
     const char* names[] = {"1/2", "2/3", "3/4", "5/6", "7/8"};
@@ -224,25 +248,29 @@ void expect_model(const Bytes& dump, const Bytes& model, bool whole) {
 
 class Chain : public ::testing::TestWithParam<Case> {};
 
-TEST_P(Chain, EveryDumpFollowsFromThePreviousOne) {
+TEST_P(Chain, EveryDumpFollowsFromThePreviousOneAndNoByteChanged) {
     const Case& c = GetParam();
-    const bool hier = c.alpha != 0;
+    const int mode = opt(c, "-m", "2k") == "2k" ? 0 : opt(c, "-m", "") == "4k" ? 1 : 2;
+    const int alpha = opt(c, "-a", "NH") == "NH" ? 0 : std::stoi(opt(c, "-a", ""));
+    const bool hier = alpha != 0, idi = opt(c, "-idi", "no") == "yes" && mode != 2;
+    const std::string rate_hp = opt(c, hier ? "-php" : "-p", "1/2"), rate_lp = opt(c, "-plp", "1/2"), guard = opt(c, "-D", "1/32");
+    const int cid = std::stoi(opt(c, "-cid", "-1"));
     tu::TempDir dir;
-    ASSERT_EQ(tu::run(dir.path, TSGEN_EXE, {"-o", "hp.ts", "-n", "600"}).status, 0);
-    tu::write_file(dir / "lp.ts", tu::make_ts(600, 9));
-    std::vector<std::string> args{"-m", kModeName[c.mode], "-M", std::to_string(1 << c.bits), "-D", c.guard,
-                                  "-f", c.mapping, "-s", c.batch, "-c", "0", "-o", "x", "-d", "ercvpbsmft", "-v", "0"};
+    ASSERT_EQ(tu::run(dir.path, TSGEN_EXE, {"-o", "hp.ts", "-n", "1200"}).status, 0);
+    tu::write_file(dir / "lp.ts", tu::make_ts(1200, 9));
+    std::vector<std::string> args = c.args;
     if (hier)
-        args.insert(args.end(), {"-a", std::to_string(c.alpha), "-ihp", "hp.ts", "-ilp", "lp.ts", "-php", c.rate_hp,
-                                 "-plp", c.rate_lp});
+        args.insert(args.end(), {"-ihp", "hp.ts", "-ilp", "lp.ts"});
     else
-        args.insert(args.end(), {"-i", "hp.ts", "-p", c.rate_hp});
-    if (c.idi) args.emplace_back("-idi");
-    if (c.cid >= 0) args.insert(args.end(), {"-cid", std::to_string(c.cid)});
+        args.insert(args.end(), {"-i", "hp.ts"});
+    args.insert(args.end(), {"-o", "x", "-d", "ercvpbsmft", "-v", "0"});
     ASSERT_EQ(tu::tervane(dir.path, args).status, 0);
+    const std::string files = listing(dir.path);
+    EXPECT_EQ(fnv1a(Bytes(files.begin(), files.end())), c.digest) << files;
     auto dump = [&](const std::string& suffix) { return tu::read_file(dir / ("x_" + suffix + ".bin")); };
 
-    const int v = hier && c.bits == 2 ? 4 : c.bits;  // hierarchical QPSK runs as 16-QAM
+    const int requested = opt(c, "-M", "4") == "4" ? 2 : opt(c, "-M", "") == "16" ? 4 : 6;
+    const int v = hier && requested == 2 ? 4 : requested;  // hierarchical QPSK runs as 16-QAM
     std::vector<Bytes> pu(2);
     for (int branch = 0; branch < (hier ? 2 : 1); ++branch) {
         SCOPED_TRACE(branch == 0 ? "HP" : "LP");
@@ -254,17 +282,17 @@ TEST_P(Chain, EveryDumpFollowsFromThePreviousOne) {
             ASSERT_EQ(rs.size(), ed.size() / 188 * 204);
         }
         check_rs(rs, ed);
-        expect_model(ci, models::outer_interleave(rs), !hier);
+        if (opt(c, "-c", "rand") == "0") expect_model(ci, models::outer_interleave(rs), !hier);
         expect_model(ve, models::encode(ci), !hier);
         pu[static_cast<size_t>(branch)] = dump("pu" + b);
-        expect_model(pu[static_cast<size_t>(branch)], models::puncture(ve, rate_index(branch == 0 ? c.rate_hp : c.rate_lp)), !hier);
+        expect_model(pu[static_cast<size_t>(branch)], models::puncture(ve, rate_index(branch == 0 ? rate_hp : rate_lp)), !hier);
     }
     const Bytes bi = dump("bi"), si = dump("si");
     ASSERT_EQ(bi, models::bit_interleave(pu[0], pu[1], v, hier));
-    ASSERT_EQ(si, models::symbol_interleave(bi, c.idi ? 2 : c.mode));
+    ASSERT_EQ(si, models::symbol_interleave(bi, idi ? 2 : mode));
     const Bytes ma_bytes = dump("ma");
     ASSERT_EQ(ma_bytes.size(), 8 * si.size());
-    const std::vector<cd> ma = read_cells(ma_bytes), points = models::constellation(v, c.alpha);
+    const std::vector<cd> ma = read_cells(ma_bytes), points = models::constellation(v, alpha);
     for (size_t i = 0; i < ma.size(); ++i) ASSERT_LT(std::abs(ma[i] - points[si[i]]), 1e-6) << "cell " << i;
 
     // TPS s17..s53 by frame number: length, frame, constellation, interleaving,
@@ -275,28 +303,33 @@ TEST_P(Chain, EveryDumpFollowsFromThePreviousOne) {
         return b;
     };
     const std::vector<std::string> guards{"1/32", "1/16", "1/8", "1/4"};
-    const int guard = static_cast<int>(std::find(guards.begin(), guards.end(), c.guard) - guards.begin());
+    const int g = static_cast<int>(std::find(guards.begin(), guards.end(), guard) - guards.begin());
     std::vector<std::string> tps;
     for (int f = 0; f < 4; ++f)
-        tps.push_back(bits(c.cid < 0 ? 23 : 31, 6) + bits(f, 2) + bits(v / 2 - 1, 2) + bits(c.idi, 1) +
-                      bits(c.alpha == 4 ? 3 : c.alpha, 2) + bits(rate_index(c.rate_hp), 3) +
-                      bits(hier ? rate_index(c.rate_lp) : 0, 3) + bits(guard, 2) + bits(c.mode == 0 ? 0 : 3 - c.mode, 2) +
-                      bits(c.cid < 0 ? 0 : (f % 2 == 0 ? c.cid >> 8 : c.cid) & 0xFF, 8) + "000000");
+        tps.push_back(bits(cid < 0 ? 23 : 31, 6) + bits(f, 2) + bits(v / 2 - 1, 2) + bits(idi, 1) + bits(alpha == 4 ? 3 : alpha, 2) +
+                      bits(rate_index(rate_hp), 3) + bits(hier ? rate_index(rate_lp) : 0, 3) + bits(g, 2) +
+                      bits(mode == 0 ? 0 : 3 - mode, 2) + bits(cid < 0 ? 0 : (f % 2 == 0 ? cid >> 8 : cid) & 0xFF, 8) + "000000");
     const std::vector<cd> fd = read_cells(dump("fd"));
-    ASSERT_EQ(fd.size(), ma.size() / static_cast<size_t>(kN[c.mode]) * static_cast<size_t>(kK[c.mode]));
-    check_frame(fd, ma, c.mode, tps);
-    const int guard_div = std::stoi(std::string(c.guard).substr(2));
-    check_modulation(fd, read_cells(tu::read_file(dir / "x.bin")), c.mode, c.mapping, guard_div);
+    ASSERT_EQ(fd.size(), ma.size() / static_cast<size_t>(kN[mode]) * static_cast<size_t>(kK[mode]));
+    check_frame(fd, ma, mode, tps);
+    if (opt(c, "-F", "std") == "std" && opt(c, "-I", "1x") == "1x")
+        check_modulation(fd, read_cells(tu::read_file(dir / "x.bin")), mode, opt(c, "-f", "0"), std::stoi(guard.substr(2)));
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Runs, Chain,
-    ::testing::Values(Case{"Nh2k64Qam7_8", 0, 6, 0, "7/8", "", "1/32", "0", false, "5", -1},
-                      Case{"Nh4k16Qam3_4IdiInv", 1, 4, 0, "3/4", "", "1/8", "INV", true, "13", 0xABCD},
-                      Case{"Nh8kQpsk1_2BB", 2, 2, 0, "1/2", "", "1/16", "BB", false, "7", 0x1234},
-                      Case{"Nh2kQpsk5_6Idi", 0, 2, 0, "5/6", "", "1/4", "0", true, "19", 0},
-                      Case{"Hier2k64QamAlpha2", 0, 6, 2, "2/3", "5/6", "1/32", "0", false, "11", -1},
-                      Case{"Hier4kQpskRaisedAlpha4", 1, 2, 4, "1/2", "3/4", "1/16", "BB", false, "9", 255}),
+    ::testing::Values(
+        Case{"Default2kQpsk", {}, 0x92d61e2ff6a83214ull},
+        Case{"Nh2k64Qam7_8Band5Agi", {"-M", "64", "-p", "7/8", "-D", "1/16", "-b", "5", "-F", "agi", "-g", "2.5", "-s", "5", "-c", "0"}, 0x5355221b7b12127full},
+        Case{"Nh4k16Qam3_4IdiInv", {"-m", "4k", "-M", "16", "-p", "3/4", "-D", "1/8", "-idi", "-f", "INV", "-s", "13", "-cid", "43981", "-c", "0"}, 0xe201f4c5e16090c0ull},
+        Case{"Nh8k64QamBB2x", {"-m", "8k", "-M", "64", "-p", "2/3", "-D", "1/4", "-f", "BB", "-I", "2x", "-s", "37", "-c", "0"}, 0x5341cfc6b20c9619ull},
+        Case{"Nh8kQpsk1_2BB", {"-m", "8k", "-p", "1/2", "-D", "1/16", "-f", "BB", "-s", "7", "-cid", "4660", "-c", "0"}, 0x8daf60013ba578b7ull},
+        Case{"Nh2kQpsk5_6Idi4xBand6", {"-p", "5/6", "-D", "1/4", "-idi", "-I", "4x", "-b", "6", "-cid", "0", "-c", "0", "-s", "1000"}, 0xe1564b88cd90a227ull},
+        Case{"Hier2k64QamAlpha2", {"-a", "2", "-M", "64", "-php", "2/3", "-plp", "5/6", "-s", "11", "-c", "0"}, 0xd4682ed1e67bae56ull},
+        Case{"Hier8k64QamAlpha2_4xAgiold", {"-a", "2", "-m", "8k", "-M", "64", "-php", "1/2", "-plp", "3/4", "-D", "1/16", "-I", "4x", "-F", "agiold", "-cid", "4660", "-s", "19", "-c", "0"}, 0xb2911a3d73617abdull},
+        Case{"Hier2kQpskRaisedAlpha1Band7", {"-a", "1", "-php", "2/3", "-plp", "5/6", "-b", "7", "-s", "7", "-c", "0"}, 0x30f32c7aca2157b7ull},
+        Case{"Hier4kQpskRaisedAlpha4BB", {"-a", "4", "-m", "4k", "-php", "1/2", "-plp", "3/4", "-D", "1/16", "-f", "BB", "-s", "9", "-cid", "255", "-c", "0"}, 0x726364dfe479e0e5ull},
+        Case{"Hier4k16QamAlpha4Inv", {"-a", "4", "-m", "4k", "-M", "16", "-php", "7/8", "-plp", "1/2", "-f", "INV", "-s", "11"}, 0xe5a20cb505a3e7c9ull}),
     [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace
