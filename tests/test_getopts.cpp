@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "frame/getopts.hpp"
+#include "util.hpp"
 
 namespace {
 
@@ -72,9 +73,8 @@ TEST(OptsParser, UsageTableLayout) {
         {.name = "-o", .kind = dvbString, .sdefault = "out", .description = "Output"},
         {.name = "-m", .kind = dvbList, .nnames = 3, .names = modes, .idefault = 2, .description = "Mode"},
     };
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(dvbPrintCommArgs(5, opts), 0u);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
+    unsigned rc = 99;
+    EXPECT_EQ(tu::captured([&] { rc = dvbPrintCommArgs(5, opts); }),
               "Command line options\n====================\n"
               "\n-V\tVersion\n\t(dvbBool, default: [TRUE])\n"
               "\n-s\tSize\n\t(dvbInt, default: [-100])\n"
@@ -82,4 +82,5 @@ TEST(OptsParser, UsageTableLayout) {
               "\n-o\tOutput\n\t(dvbString, default: [out])\n"
               "\n-m\tMode\n\tdvbList, { 2k | 4k | [8k] |\b}\n"
               "\n");
+    EXPECT_EQ(rc, 0u);
 }

@@ -1,16 +1,12 @@
-// Stage functions called directly: the known answers the standard gives, the
-// units each stage moves under the ring rule with its count line, the sample
-// formats and the progress line, the interpolation filter against the full
-// filter, and the fast transforms against the plain one.
+// Stage functions called directly: the units each stage moves under the ring
+// rule with its count line, the producer and the consumer, the sample formats
+// and the progress line, the clock, and the library's own transfers.
 #include <gtest/gtest.h>
 
-#include <bit>
 #include <cmath>
 #include <cstring>
 #include <functional>
-#include <random>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include <sys/resource.h>
@@ -36,12 +32,6 @@ namespace {
 using tu::ByteRing;
 using tu::CplxRing;
 
-std::string captured(const std::function<void()>& f) {
-    testing::internal::CaptureStdout();
-    f();
-    return testing::internal::GetCapturedStdout();
-}
-
 // A temporary file whose whole content can be read back.
 struct TmpFile {
     FILE* fp = std::tmpfile();
@@ -57,19 +47,6 @@ struct TmpFile {
         return b;
     }
 };
-
-// Constellation points as the standard tabulates them, for every hierarchy;
-// the chain test checks the mapped cells against a model.
-TEST(KnownAnswers, ConstellationPoints) {
-    for (auto [M, alpha, word, value] : std::vector<std::tuple<uint32_t, uint32_t, uint32_t, float>>{
-             {0, 2, 3, -0.70710677f}, {1, 0, 0, 0.9486833f}, {1, 2, 0, 0.8944272f}, {1, 3, 0, 0.8320503f},
-             {2, 1, 0, 1.0801234f}, {2, 3, 0, 0.9622505f}, {2, 0, 63, -3.0f / std::sqrt(42.0f)}}) {
-        tu::set_parms([&](dvbt_parms_t& p) { p.M = M, p.alpha = alpha; });
-        dvbQAMConstGenerate();
-        EXPECT_FLOAT_EQ(dvbQAMTable()[word].re, value) << M << " " << alpha;
-        EXPECT_FLOAT_EQ(dvbQAMTable()[word].im, value) << M << " " << alpha;
-    }
-}
 
 // ---- Units of each stage under the ring rule -------------------------------
 
@@ -94,7 +71,7 @@ void check_units(const Units& u) {
     auto move = [&](uint32_t held, uint32_t room, uint32_t maxlen) {
         in->fill = held, in->head = 0, out->fill = big - room, out->head = 0;
         uint32_t n = 99;
-        const std::string text = captured([&] { n = u.call(in, out, maxlen); });
+        const std::string text = tu::captured([&] { n = u.call(in, out, maxlen); });
         if (held == 0 || room == 0) {
             EXPECT_EQ(text, "");
         } else {
@@ -161,25 +138,25 @@ TEST(StageUnits, ProducerAndConsumer) {
     std::rewind(f.fp);
     ByteRing ts(8, 5);
     tu::Verbose loud(4);
-    EXPECT_EQ(captured([&] { EXPECT_EQ(read_mpeg(f.fp, ts.v, 3), 3u); }), "MPEG-2_read : 3 samples\n");
-    EXPECT_EQ(captured([&] { EXPECT_EQ(read_mpeg(f.fp, ts.v, 0), 0u); }), "MPEG-2_read : 0 samples\n");  // no room asked
+    EXPECT_EQ(tu::captured([&] { EXPECT_EQ(read_mpeg(f.fp, ts.v, 3), 3u); }), "MPEG-2_read : 3 samples\n");
+    EXPECT_EQ(tu::captured([&] { EXPECT_EQ(read_mpeg(f.fp, ts.v, 0), 0u); }), "MPEG-2_read : 0 samples\n");  // no room asked
     EXPECT_EQ(ts.v->fill, 3u);
     EXPECT_EQ(read_mpeg(f.fp, ts.v, 100), 5u);
-    EXPECT_EQ(captured([&] { EXPECT_EQ(read_mpeg(f.fp, ts.v, 100), 0u); }), "");  // full
+    EXPECT_EQ(tu::captured([&] { EXPECT_EQ(read_mpeg(f.fp, ts.v, 100), 0u); }), "");  // full
     ts.v->fill = 0;
     EXPECT_EQ(read_mpeg(f.fp, ts.v, 100), 2u);
-    EXPECT_EQ(captured([&] { EXPECT_EQ(read_mpeg(f.fp, ts.v, 100), 0u); }), "MPEG-2_read : 0 samples\n");
+    EXPECT_EQ(tu::captured([&] { EXPECT_EQ(read_mpeg(f.fp, ts.v, 100), 0u); }), "MPEG-2_read : 0 samples\n");
 
     tu::set_parms([](dvbt_parms_t&) {});
     tot_flen = 1000;
     CplxRing td(10);
     td.v->fill = 7;
-    const std::string text = captured([&] { EXPECT_EQ(time_dump(td.v, nullptr, nullptr, nullptr, 5), 5); });
+    const std::string text = tu::captured([&] { EXPECT_EQ(time_dump(td.v, nullptr, nullptr, nullptr, 5), 5); });
     EXPECT_EQ(text.substr(0, 24), "Time dump   : 5 samples\n");
     EXPECT_TRUE(tu::contains(text, "% done (S")) << text;
     EXPECT_EQ(td.v->fill, 2u);
     td.v->fill = 0;
-    EXPECT_EQ(captured([&] { EXPECT_EQ(time_dump(td.v, nullptr, nullptr, nullptr, 5), 0); }), "");
+    EXPECT_EQ(tu::captured([&] { EXPECT_EQ(time_dump(td.v, nullptr, nullptr, nullptr, 5), 0); }), "");
 }
 
 // ---- Sample formats and progress ------------------------------------------
@@ -226,59 +203,6 @@ TEST(SampleOutput, ThreeFormatsByteForByteAcrossTheWrap) {
     EXPECT_EQ(fi.bytes().size(), 6u);
 }
 
-// ---- Interpolation filter and transform -----------------------------------
-
-std::vector<dvbComplex> random_cells(size_t n, std::mt19937& gen, float scale) {
-    std::normal_distribution<float> d(0.0f, scale);
-    std::vector<dvbComplex> v(n);
-    for (auto& c : v) c = {d(gen), d(gen)};
-    return v;
-}
-
-// Through transmit in uneven calls over small wrapping rings, the output is
-// bit for bit the full filter h (float sums in tap order) on the input with
-// R - 1 zeros after every sample; the plain per-phase form agrees.
-TEST(Interpolation, EqualsTheFullFilterOnZeroStuffedInput) {
-    std::mt19937 gen(5);
-    for (uint32_t interp : {1u, 2u}) {
-        tu::set_parms([interp](dvbt_parms_t& p) { p.interp = interp; });
-        init_filt();
-        const uint32_t R = interp == 1 ? 2 : 4;
-        const std::vector<float> h(interp == 1 ? filter2x.begin() : filter4x.begin(),
-                                   interp == 1 ? filter2x.end() : filter4x.end());
-        const auto input = random_cells(1500, gen, 30.0f);
-        CplxRing in(37), out(53);
-        std::vector<dvbComplex> got;
-        for (size_t next = 0; got.size() < input.size() * R;) {
-            std::vector<dvbComplex> chunk;
-            for (size_t k = gen() % 40; k > 0 && next < input.size() && chunk.size() < dvbRingFree(in.v); --k) chunk.push_back(input[next++]);
-            in.push(chunk);
-            transmit(in.v, out.v, 1 + gen() % 30, nullptr);
-            for (const dvbComplex& c : out.pop_all()) got.push_back(c);
-        }
-        init_filt();
-        std::vector<dvbComplex> plain(R);
-        for (size_t n = 0; n < got.size(); ++n) {
-            dvbComplex y{0.0f, 0.0f};
-            for (size_t k = n % R; k < h.size() && k <= n; k += R) {
-                y.re += h[k] * input[(n - k) / R].re;
-                y.im += h[k] * input[(n - k) / R].im;
-            }
-            ASSERT_EQ(std::memcmp(&y, &got[n], 8), 0) << "R " << R << " output " << n;
-            if (n % R == 0) transmit_reference_step(input[n / R], plain.data());
-            ASSERT_EQ(std::memcmp(&plain[n % R], &got[n], 8), 0) << "plain form, output " << n;
-        }
-    }
-    // 4x on a constant settles to the sums of the phases' taps.
-    const float settled[4] = {0.2547144f, 0.2551731f, 0.2547144f, 0.2551567f};
-    CplxRing in(40), out(160);
-    in.push(std::vector<dvbComplex>(40, dvbComplex{1.0f, 0.0f}));
-    init_filt();
-    ASSERT_EQ(transmit(in.v, out.v, 1000, nullptr), 40u);
-    const auto y = out.pop_all();
-    for (size_t m = 0; m < 4; ++m) EXPECT_NEAR(y[39 * 4 + m].re, settled[m], 2e-7f);
-}
-
 // The clock of the speed report counts user and system time, as the process's own usage does.
 TEST(Timing, TicTocCountsUserAndSystemTime) {
     auto usage = [] {
@@ -308,18 +232,18 @@ TEST(LibraryTransfers, ParameterisedDispersalAndByteRingMoves) {
     a.push(std::vector<uint8_t>(3, 0x47));
     uint32_t n = 99;
     tu::Verbose loud(4);
-    EXPECT_EQ(captured([&] { EXPECT_EQ(dvbTSDisperdInvert(a.v, b.v, q.v, 4, 8, 100, "tsd", nullptr, &n), 0u); }),
+    EXPECT_EQ(tu::captured([&] { EXPECT_EQ(dvbTSDisperdInvert(a.v, b.v, q.v, 4, 8, 100, "tsd", nullptr, &n), 0u); }),
               "tsd => process : 3 samples\n");
     EXPECT_EQ(b.pop_all(), (std::vector<uint8_t>{0xB8, 0x48, 0x48}));
     EXPECT_EQ(dvbTSDisperdInvert(a.v, b.v, q.v, 4, 8, 100, "tsd", nullptr, &n), 1u);  // nothing held
     EXPECT_EQ(n, 0u);
     a.push({1});
     b.v->fill = b.v->len;
-    EXPECT_EQ(captured([&] { EXPECT_EQ(dvbTSDisperdInvert(a.v, b.v, q.v, 4, 8, 100, "tsd", nullptr, &n), 1u); }), "");  // no room
+    EXPECT_EQ(tu::captured([&] { EXPECT_EQ(dvbTSDisperdInvert(a.v, b.v, q.v, 4, 8, 100, "tsd", nullptr, &n), 1u); }), "");  // no room
     b.v->fill = 0;
     out2null(a.v, 1);
     a.push({1, 2, 3, 4, 5, 6});
-    EXPECT_EQ(captured([&] { EXPECT_EQ(in2out(a.v, b.v, 4), 1u); }), "in2out:   4\n");
+    EXPECT_EQ(tu::captured([&] { EXPECT_EQ(in2out(a.v, b.v, 4), 1u); }), "in2out:   4\n");
     EXPECT_EQ(out2null(a.v, 1), 1u);
     TmpFile f;
     EXPECT_EQ(out2file(a.v, f.fp, 10), 1u);
@@ -327,8 +251,8 @@ TEST(LibraryTransfers, ParameterisedDispersalAndByteRingMoves) {
     EXPECT_EQ(out2file(b.v, nullptr, 3), 1u);
     EXPECT_EQ(f.bytes(), (std::vector<uint8_t>{6, 1, 2, 3}));
     std::rewind(f.fp);
-    EXPECT_EQ(captured([&] { EXPECT_EQ(file2in(f.fp, c.v, 3), 1u); }), "file2in:  3\n");
-    EXPECT_EQ(captured([&] { EXPECT_EQ(file2in(f.fp, c.v, 3), 0u); }), "file2in:  1\n");  // one byte left
+    EXPECT_EQ(tu::captured([&] { EXPECT_EQ(file2in(f.fp, c.v, 3), 1u); }), "file2in:  3\n");
+    EXPECT_EQ(tu::captured([&] { EXPECT_EQ(file2in(f.fp, c.v, 3), 0u); }), "file2in:  1\n");  // one byte left
     EXPECT_EQ(c.pop_all(), (std::vector<uint8_t>{6, 1, 2, 3}));
     EXPECT_EQ(out2null(c.v, 5), 0u);
 }

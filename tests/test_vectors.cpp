@@ -65,12 +65,6 @@ Bytes native_header(uint32_t type, uint32_t len, uint8_t acc, float range, const
     return b;
 }
 
-std::string print_stdout(const dvbVect* v, uint16_t flags, unsigned* rc) {
-    testing::internal::CaptureStdout();
-    *rc = dvbPrintVect(v, flags, nullptr);
-    return testing::internal::GetCapturedStdout();
-}
-
 }  // namespace
 
 TEST(VecManage, ResultCodesResizeAndCopy) {
@@ -357,7 +351,7 @@ TEST(VecUtilPrint, HeaderAndFramedLayouts) {
     set_ints(d, {-3, 0, 7}, 8, 1.5);
     ASSERT_EQ(dvbNameVect(d.v, "ramp"), 0u);
     unsigned rc = 99;
-    EXPECT_EQ(print_stdout(d.v, 0x001 | 0x080 | 0x004 | 0x008, &rc),
+    EXPECT_EQ(tu::captured([&] { rc = dvbPrintVect(d.v, 0x001 | 0x080 | 0x004 | 0x008, nullptr); }),
               "\n\nType: Digital\nDesc: ramp\n Acc: 8 bit, +/- 1.500000\n Len: 3\nSize: " +
                   std::to_string(sizeof(dvbVect) + 12) + " byte\n\n  -3\n  +0\n  +7\n\n");
     EXPECT_EQ(rc, 0u);
@@ -365,9 +359,9 @@ TEST(VecUtilPrint, HeaderAndFramedLayouts) {
     Vec r(Real);
     set_reals(r, {0.5f, -2.0f});
     ASSERT_EQ(dvbNameVect(r.v, "r"), 0u);
-    EXPECT_EQ(print_stdout(r.v, 0x040 | 0x010 | 0x001, &rc),
+    EXPECT_EQ(tu::captured([&] { rc = dvbPrintVect(r.v, 0x040 | 0x010 | 0x001, nullptr); }),
               "______________________________\n| Type: Real\n| Desc: r\n------------------------------\n"
               "|  0 :  +0.500000\n|  1 :  -2.000000\n------------------------------\n");
-    print_stdout(nullptr, 0x001, &rc);
+    tu::captured([&] { rc = dvbPrintVect(nullptr, 0x001, nullptr); });
     EXPECT_EQ(rc, 6u);
 }

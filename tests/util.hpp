@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <string>
 #include <type_traits>
@@ -104,6 +105,13 @@ inline Bytes make_ts(size_t packets, unsigned seed = 1) {
         ts[i] = (i % 188 == 0) ? 0x47 : static_cast<unsigned char>(x >> 24);
     }
     return ts;
+}
+
+// What f prints on standard output.
+inline std::string captured(const std::function<void()>& f) {
+    testing::internal::CaptureStdout();
+    f();
+    return testing::internal::GetCapturedStdout();
 }
 
 // Text after the log's header line and the empty line that follows it.
