@@ -219,16 +219,25 @@ TEST(Cli, EndReportAndProgress) {
     }
 }
 
-// The batch size is clamped, the verbosity kept modulo 65536, odd values shown as they are.
-TEST(Cli, ExtremeOptionValues) {
+// Values as the parser takes them: decimal integers clamped to 32 bits, the
+// first occurrence of a number or a name, the last valid one of a list, a value
+// that looks like an option, an option without a value at the end; then the
+// batch size clamped, the verbosity kept modulo 65536, odd values shown as they are.
+TEST(Cli, OptionValues) {
     TempDir dir;
     tu::write_file(dir / "a.ts", tu::make_ts(10));
-    for (auto [value, shown] : std::vector<std::pair<const char*, const char*>>{{"0", "5"}, {"-7", "5"}, {"abc", "5"}, {"1001", "1000"}})
+    for (auto [value, shown] : std::vector<std::pair<const char*, const char*>>{{"0", "5"}, {"0x10", "5"}, {"-7", "5"}, {"abc", "5"}, {"1001", "1000"}})
         EXPECT_TRUE(contains(transmit(dir, {"-i", "a.ts", "-s", value}).out, std::string("packets per time: ") + shown + "\n")) << value;
     EXPECT_TRUE(contains(transmit(dir, {"-i", "a.ts", "-v", "-1"}).out, "MPEG-2_read : 1880 samples\n"));
     EXPECT_EQ(transmit(dir, {"-i", "a.ts", "-v", "65536"}).out, "");
-    const std::string out = transmit(dir, {"-i", "a.ts", "-g", "nan", "-cid", "99999999999"}).out;
-    expect_parts(out, {"Gain factor            : nan\n", "Cell identifier        : 0x7fffffff\n"});
+    EXPECT_EQ(transmit(dir, {"-i", "a.ts", "-v", "-2147483649"}).out, "");  // -2^31, 0 modulo 65536
+    expect_parts(transmit(dir, {"-o", "-i", "a.ts", "-g", "nan", "-g", "2", "-cid", "99999999999", "-s", "20", "-s", "30", "-m", "8k",
+                                "-m", "4k", "-m", "3k", "-D", "1/4", "-D", "1/5", "-i", "b.ts", "-c"}).out,
+                 {"\tMPEG-2 TS file name    : a.ts\n\tOutput file basename   : -i\n\tMode                   : 4k\n",
+                  "\tPrefix duration        : 1/4\n", "\tConv. Interleaver init.: rand\n", "Gain factor            : nan\n",
+                  "Cell identifier        : 0x7fffffff\n", "packets per time: 20\n"});
+    const std::string name(200, 'n');  // kept whole
+    EXPECT_TRUE(contains(transmit(dir, {"-i", name + ".ts"}, 1).out, "FATAL ERROR: Can't find \"" + name + ".ts\"\n"));
 }
 
 TEST(Cli, FileNamesWarningsAndRefusals) {

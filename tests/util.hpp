@@ -3,6 +3,7 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -29,14 +30,9 @@ using Bytes = std::vector<unsigned char>;
 struct TempDir {
     fs::path path;
     TempDir() {
-        const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
-        std::string name = "tervane-";
-        if (info != nullptr) name += std::string(info->test_suite_name()) + '-' + info->name();
-        for (char& c : name)
-            if (c == '/') c = '_';
-        path = fs::temp_directory_path() / (name + '-' + std::to_string(::getpid()));
-        fs::remove_all(path);
-        fs::create_directories(path);
+        std::string name = (fs::temp_directory_path() / "tervane-test-XXXXXX").string();
+        EXPECT_NE(::mkdtemp(name.data()), nullptr) << name;
+        path = name;
     }
     ~TempDir() {
         std::error_code ec;
@@ -133,21 +129,13 @@ struct Vec {
 // An owned ring of len elements, empty, whose oldest element will sit at
 // head. T is uint8_t for a Symbol ring and dvbComplex for a Complex ring.
 template <typename T>
-struct Ring {
-    static_assert(std::is_same_v<T, uint8_t> || std::is_same_v<T, dvbComplex>);
+struct Ring : Vec {
     static constexpr uint32_t type = std::is_same_v<T, uint8_t> ? Symbol : Complex;
-    dvbVect* v = nullptr;
-
-    explicit Ring(uint32_t len, uint32_t head = 0) {
-        priv_dvbCreateVect(&v, type);
+    explicit Ring(uint32_t len, uint32_t head = 0) : Vec(type) {
         dvbConstVect(v, type, len, 0.0, 0.0);
         v->head = head;
         v->fill = 0;
     }
-    ~Ring() { priv_dvbDestroyVect(&v); }
-    Ring(const Ring&) = delete;
-    Ring& operator=(const Ring&) = delete;
-
     T* data() { return static_cast<T*>(v->data); }
     void push(const std::vector<T>& b) {
         ASSERT_LE(b.size(), size_t{dvbRingFree(v)});
