@@ -2,14 +2,11 @@
 // output minus input, the frequency response of the echo profiles, a known
 // offset), tscheck on tsgen streams with injected faults, and the whole chain
 // tsgen -> tervane [-> tervane-channel] -> GNU Radio's receiver -> tscheck.
-#include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstring>
 #include <complex>
 #include <numbers>
-#include <string>
-#include <vector>
 
 #include "util.hpp"
 

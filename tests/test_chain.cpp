@@ -8,7 +8,6 @@
 // the run is byte for byte what the transmitter wrote before its kernels were
 // rewritten: a listing of name, size and 64-bit FNV-1a digest per file is
 // digested, and a failure prints the listing.
-#include <gtest/gtest.h>
 
 #include <array>
 #include <cmath>
@@ -18,8 +17,6 @@
 #include <cinttypes>
 #include <map>
 #include <ostream>
-#include <string>
-#include <vector>
 
 #include "models.hpp"
 #include "util.hpp"
@@ -67,12 +64,11 @@ std::string listing(const std::filesystem::path& dir) {
 const int kF[] = {2048, 4096, 8192}, kK[] = {1705, 3409, 6817};
 using models::kN;
 
-int rate_index(const std::string& r) {
-    const char* names[] = {"1/2", "2/3", "3/4", "5/6", "7/8"};
-    for (int i = 0; i < 5; ++i)
-        if (r == names[i]) return i;
-    return -1;
+// The position of a value among an option's names: its code.
+int code(const std::vector<std::string>& names, const std::string& value) {
+    return static_cast<int>(std::find(names.begin(), names.end(), value) - names.begin());
 }
+const std::vector<std::string> kRates{"1/2", "2/3", "3/4", "5/6", "7/8"};
 
 // ---- Outer coding ----------------------------------------------------------
 
@@ -99,13 +95,9 @@ void check_rs(const Bytes& rs, const Bytes& ed) {
 }
 
 std::vector<cd> read_cells(const Bytes& b) {
-    std::vector<cd> c(b.size() / 8);
-    for (size_t i = 0; i < c.size(); ++i) {
-        float f[2];
-        std::memcpy(f, &b[8 * i], 8);
-        c[i] = cd(f[0], f[1]);
-    }
-    return c;
+    std::vector<std::complex<float>> f(b.size() / 8);
+    std::memcpy(f.data(), b.data(), 8 * f.size());
+    return {f.begin(), f.end()};
 }
 
 // ---- Frame and modulation --------------------------------------------------
@@ -237,23 +229,18 @@ void PrintTo(const Case& c, std::ostream* os) { *os << c.name; }
 // shorter stream stops the chain and the other branch stalls with data in its
 // rings, a non-empty prefix of it.
 void expect_model(const Bytes& dump, const Bytes& model, bool whole) {
-    if (whole) {
-        ASSERT_EQ(dump, model);
-    } else {
-        ASSERT_GT(dump.size(), 0u);
-        ASSERT_LE(dump.size(), model.size());
-        ASSERT_TRUE(std::equal(dump.begin(), dump.end(), model.begin()));
-    }
+    ASSERT_TRUE(whole ? dump == model : !dump.empty() && dump.size() <= model.size() && std::equal(dump.begin(), dump.end(), model.begin()))
+        << dump.size() << " bytes dumped, " << model.size() << " modelled";
 }
 
 class Chain : public ::testing::TestWithParam<Case> {};
 
 TEST_P(Chain, EveryDumpFollowsFromThePreviousOneAndNoByteChanged) {
     const Case& c = GetParam();
-    const int mode = opt(c, "-m", "2k") == "2k" ? 0 : opt(c, "-m", "") == "4k" ? 1 : 2;
-    const int alpha = opt(c, "-a", "NH") == "NH" ? 0 : std::stoi(opt(c, "-a", ""));
+    const int mode = code({"2k", "4k", "8k"}, opt(c, "-m", "2k")), hierarchy = code({"NH", "1", "2", "4"}, opt(c, "-a", "NH"));
+    const int alpha = hierarchy == 3 ? 4 : hierarchy, guard = code({"1/32", "1/16", "1/8", "1/4"}, opt(c, "-D", "1/32"));
     const bool hier = alpha != 0, idi = opt(c, "-idi", "no") == "yes" && mode != 2;
-    const std::string rate_hp = opt(c, hier ? "-php" : "-p", "1/2"), rate_lp = opt(c, "-plp", "1/2"), guard = opt(c, "-D", "1/32");
+    const int rate_hp = code(kRates, opt(c, hier ? "-php" : "-p", "1/2")), rate_lp = code(kRates, opt(c, "-plp", "1/2"));
     const int cid = std::stoi(opt(c, "-cid", "-1"));
     tu::TempDir dir;
     ASSERT_EQ(tu::run(dir.path, TSGEN_EXE, {"-o", "hp.ts", "-n", "1200"}).status, 0);
@@ -269,7 +256,7 @@ TEST_P(Chain, EveryDumpFollowsFromThePreviousOneAndNoByteChanged) {
     EXPECT_EQ(fnv1a(Bytes(files.begin(), files.end())), c.digest) << files;
     auto dump = [&](const std::string& suffix) { return tu::read_file(dir / ("x_" + suffix + ".bin")); };
 
-    const int requested = opt(c, "-M", "4") == "4" ? 2 : opt(c, "-M", "") == "16" ? 4 : 6;
+    const int requested = 2 + 2 * code({"4", "16", "64"}, opt(c, "-M", "4"));
     const int v = hier && requested == 2 ? 4 : requested;  // hierarchical QPSK runs as 16-QAM
     std::vector<Bytes> pu(2);
     for (int branch = 0; branch < (hier ? 2 : 1); ++branch) {
@@ -285,7 +272,7 @@ TEST_P(Chain, EveryDumpFollowsFromThePreviousOneAndNoByteChanged) {
         if (opt(c, "-c", "rand") == "0") expect_model(ci, models::outer_interleave(rs), !hier);
         expect_model(ve, models::encode(ci), !hier);
         pu[static_cast<size_t>(branch)] = dump("pu" + b);
-        expect_model(pu[static_cast<size_t>(branch)], models::puncture(ve, rate_index(branch == 0 ? rate_hp : rate_lp)), !hier);
+        expect_model(pu[static_cast<size_t>(branch)], models::puncture(ve, branch == 0 ? rate_hp : rate_lp), !hier);
     }
     const Bytes bi = dump("bi"), si = dump("si");
     ASSERT_EQ(bi, models::bit_interleave(pu[0], pu[1], v, hier));
@@ -302,18 +289,16 @@ TEST_P(Chain, EveryDumpFollowsFromThePreviousOneAndNoByteChanged) {
         for (int i = n - 1; i >= 0; --i) b += static_cast<char>('0' + (x >> i & 1));
         return b;
     };
-    const std::vector<std::string> guards{"1/32", "1/16", "1/8", "1/4"};
-    const int g = static_cast<int>(std::find(guards.begin(), guards.end(), guard) - guards.begin());
     std::vector<std::string> tps;
     for (int f = 0; f < 4; ++f)
-        tps.push_back(bits(cid < 0 ? 23 : 31, 6) + bits(f, 2) + bits(v / 2 - 1, 2) + bits(idi, 1) + bits(alpha == 4 ? 3 : alpha, 2) +
-                      bits(rate_index(rate_hp), 3) + bits(hier ? rate_index(rate_lp) : 0, 3) + bits(g, 2) +
+        tps.push_back(bits(cid < 0 ? 23 : 31, 6) + bits(f, 2) + bits(v / 2 - 1, 2) + bits(idi, 1) + bits(hierarchy, 2) +
+                      bits(rate_hp, 3) + bits(hier ? rate_lp : 0, 3) + bits(guard, 2) +
                       bits(mode == 0 ? 0 : 3 - mode, 2) + bits(cid < 0 ? 0 : (f % 2 == 0 ? cid >> 8 : cid) & 0xFF, 8) + "000000");
     const std::vector<cd> fd = read_cells(dump("fd"));
     ASSERT_EQ(fd.size(), ma.size() / static_cast<size_t>(kN[mode]) * static_cast<size_t>(kK[mode]));
     check_frame(fd, ma, mode, tps);
     if (opt(c, "-F", "std") == "std" && opt(c, "-I", "1x") == "1x")
-        check_modulation(fd, read_cells(tu::read_file(dir / "x.bin")), mode, opt(c, "-f", "0"), std::stoi(guard.substr(2)));
+        check_modulation(fd, read_cells(tu::read_file(dir / "x.bin")), mode, opt(c, "-f", "0"), 32 >> guard);
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -2,7 +2,6 @@
 // parameter report and its adjustments, the level of every kind of message,
 // the end report's figures, the log, file names, the hierarchical branches,
 // option quirks and hostile input. Every run is bounded by `timeout`.
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
@@ -10,8 +9,6 @@
 #include <map>
 #include <regex>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "util.hpp"
 

@@ -1,6 +1,5 @@
 // The option parser's usage table (how tervane takes values is checked from
 // outside, in the command-line tests).
-#include <gtest/gtest.h>
 
 #include "frame/getopts.hpp"
 #include "util.hpp"

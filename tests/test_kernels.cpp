@@ -3,13 +3,9 @@
 // against the plain recurrence, and the coding stages, fed in random pieces
 // through rings of odd lengths (units and outputs straddle the ring ends), against
 // the element-by-element models.
-#include <gtest/gtest.h>
 
 #include <cstring>
-#include <functional>
 #include <random>
-#include <string>
-#include <vector>
 
 #include "inner/inner_coder.hpp"
 #include "inner/inner_int.hpp"

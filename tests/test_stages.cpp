@@ -1,13 +1,9 @@
 // Stage functions called directly: the units each stage moves under the ring
 // rule with its count line, the producer and the consumer, the sample formats
 // and the progress line, the clock, and the library's own transfers.
-#include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstring>
-#include <functional>
-#include <string>
-#include <vector>
 
 #include <sys/resource.h>
 

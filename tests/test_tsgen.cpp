@@ -1,9 +1,7 @@
 // The test-stream generator, run as a program: packets, PSI sections with
 // their CRC, continuity counters, the PRBS payload and its error handling.
-#include <gtest/gtest.h>
 
 #include <map>
-#include <vector>
 
 #include "util.hpp"
 
