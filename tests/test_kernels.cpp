@@ -1,8 +1,8 @@
 // Every optimised kernel against a plain form on the same inputs, byte for
 // byte, with each instruction set the processor offers: every transform form
-// against the plain recurrence, and the coding stages, fed in random pieces
-// through rings of odd lengths (units and outputs straddle the ring ends), against
-// the element-by-element models.
+// against the plain recurrence, and the coding stages and the interpolation
+// filter, fed in random pieces through rings of odd lengths (units and outputs
+// straddle the ring ends), against element-by-element models.
 
 #include <cstring>
 #include <random>
@@ -19,10 +19,7 @@
 
 namespace {
 
-using Bytes = std::vector<uint8_t>;
-
-using tu::IsaScope;
-using tu::isas;
+using namespace tu;
 
 Bytes random_bytes(size_t n, std::mt19937& g, uint32_t values = 256) {
     Bytes b(n);

@@ -15,8 +15,7 @@
 
 namespace {
 
-using tu::Vec;
-using Bytes = std::vector<uint8_t>;
+using namespace tu;
 using I = std::vector<int32_t>;
 using F = std::vector<float>;
 
@@ -98,7 +97,7 @@ TEST(VecManage, ResultCodesResizeAndCopy) {
     EXPECT_EQ(a.v->data, nullptr);
 }
 
-TEST(VecConvert, PackingQuantisingAndUnofferedConversions) {
+TEST(VecConvert, PackingAndQuantising) {
     for (int order : {0, 1}) {
         Vec a(Bit);
         ASSERT_EQ(dvbConstVect(a.v, Bit, 9, 0), 0u);
@@ -131,13 +130,6 @@ TEST(VecConvert, PackingQuantisingAndUnofferedConversions) {
     ASSERT_EQ(dvbConstVect(u.v, Symbol, 2, 255), 0u);
     dvbBytes(u.v)[1] = 3;
     EXPECT_EQ(reals_after(dvbConvertVect(u.v, Real), u), (F{255.0f, 3.0f}));
-    Vec s(Symbol);
-    ASSERT_EQ(dvbConstVect(s.v, Symbol, 4, 1), 0u);
-    const void* const data = s.v->data;
-    EXPECT_EQ(dvbConvertVect(s.v, Bit), 0u);
-    EXPECT_EQ(s.v->type, Symbol);
-    EXPECT_EQ(s.v->data, data);
-    EXPECT_EQ(dvbBytes(s.v)[3], 1);
 }
 
 // The energy-dispersal sequence as the driver builds it: 12032 bits packed
@@ -174,8 +166,8 @@ TEST(VecRing, WholeUnitsThatFit) {
     EXPECT_EQ(dvbRingUnits(in.v, 1, nullptr, 1, 5, 1), 5u);
 }
 
-// Copies in and out across the end of the storage, for one- and eight-byte
-// elements, the position after them, and views that copy only when they must.
+// Copies in and out across the end of the storage, the position after them,
+// and views that copy only when they must.
 TEST(VecRing, CopiesAndViewsAcrossTheWrap) {
     tu::ByteRing b(10, 7);
     b.v->fill = 2;
@@ -190,13 +182,6 @@ TEST(VecRing, CopiesAndViewsAcrossTheWrap) {
     EXPECT_EQ(dvbRingView(b.v, 0, 4, scratch), b.data());
     EXPECT_EQ(dvbRingRun(b.v, 8, 5), 2u);
     EXPECT_EQ(dvbRingRun(b.v, 2, 5), 5u);
-    tu::CplxRing c(4, 3);
-    const dvbComplex cells[3] = {{1, -1}, {2, -2}, {3, -3}};
-    EXPECT_EQ(dvbRingPut(c.v, 3, cells, 3), 2u);
-    EXPECT_EQ(c.data()[1].im, -3.0f);
-    c.v->fill = 3;
-    const auto back = c.pop_all();
-    EXPECT_TRUE(back.size() == 3 && std::memcmp(back.data(), cells, sizeof cells) == 0);
 }
 
 TEST(VecUtilSources, LinSpaceAndName) {
