@@ -63,6 +63,8 @@ Bytes native_header(uint32_t type, uint32_t len, uint8_t acc, float range, const
 }  // namespace
 
 TEST(VecManage, ResultCodesResizeAndCopy) {
+    // The one code no test can provoke (allocation failure) against its text.
+    EXPECT_STREQ(dvbErrString[DVB_NO_MEMORY], "No more memory to allocate");
     Vec a(Digital);
     EXPECT_EQ(priv_dvbCreateVect(&a.v, Digital), 7u);
     EXPECT_EQ(priv_dvbCreateVect(&a.v, Real), 10u);
