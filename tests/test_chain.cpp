@@ -9,13 +9,11 @@
 // rewritten: a listing of name, size and 64-bit FNV-1a digest per file is
 // digested, and a failure prints the listing.
 
-#include <array>
 #include <cmath>
 #include <complex>
 #include <cstring>
 #include <algorithm>
 #include <cinttypes>
-#include <map>
 #include <ostream>
 
 #include "models.hpp"
