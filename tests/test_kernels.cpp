@@ -153,12 +153,13 @@ TEST(Kernels, InterpolationIsTheFullFilterOnZeroStuffedInput) {
     std::normal_distribution<float> d(0.0f, 30.0f);
     std::vector<dvbComplex> input(1500);
     for (auto& c : input) c = {d(g), d(g)};
+    const auto interpolate = [](dvbVect* i, dvbVect* o, uint32_t m) { transmit(i, o, m, nullptr); };
     for (uint32_t interp : {1u, 2u}) {
         tu::set_parms([interp](dvbt_parms_t& p) { p.interp = interp; });
         init_filt();
         const uint32_t R = interp == 1 ? 2 : 4;
         const std::vector<float> h = interp == 1 ? std::vector<float>(filter2x.begin(), filter2x.end()) : std::vector<float>(filter4x.begin(), filter4x.end());
-        const auto got = stream(input, 37, 53, input.size() * R, g, [](dvbVect* i, dvbVect* o, uint32_t m) { transmit(i, o, m, nullptr); });
+        const auto got = stream(input, 37, 53, input.size() * R, g, interpolate);
         ASSERT_EQ(got.size(), input.size() * R);
         init_filt();
         std::vector<dvbComplex> plain(R);
@@ -175,7 +176,7 @@ TEST(Kernels, InterpolationIsTheFullFilterOnZeroStuffedInput) {
     }
     const float settled[4] = {0.2547144f, 0.2551731f, 0.2547144f, 0.2551567f};
     init_filt();
-    const auto y = stream(std::vector<dvbComplex>(40, dvbComplex{1.0f, 0.0f}), 40, 160, 160, g, [](dvbVect* i, dvbVect* o, uint32_t m) { transmit(i, o, m, nullptr); });
+    const auto y = stream(std::vector<dvbComplex>(40, dvbComplex{1.0f, 0.0f}), 40, 160, 160, g, interpolate);
     ASSERT_EQ(y.size(), 160u);
     for (size_t m = 0; m < 4; ++m) EXPECT_NEAR(y[39 * 4 + m].re, settled[m], 2e-7f);
 }

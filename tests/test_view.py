@@ -39,6 +39,11 @@ def figures(text):
     return out
 
 
+def stem_of(datafile):
+    """The output basename of a std or agi data file: the stem of its pictures and dumps."""
+    return re.sub(r"(_agi)?\.bin$", "", datafile)
+
+
 def samples(path):
     """Complex samples of a std (float32 pairs) or agi (big-endian 16-bit pairs) output."""
     if path.endswith("_agi.bin"):
@@ -95,7 +100,7 @@ class Runs(unittest.TestCase):
     def check_common(self, out, fig, datafile, rate, grid=(2048, 64), reference=None):
         """Metadata, pictures and the figures every OFDM output must show, the MER against the
         independent one of `reference` (a 1x output of the same cells; by default datafile)."""
-        stem = re.sub(r"(_agi)?\.bin$", "", datafile)
+        stem = stem_of(datafile)
         with open(self.path(datafile[:-4] + ".sigmf-meta")) as f:
             meta = json.load(f)
         g = meta["global"]
@@ -119,7 +124,7 @@ class Runs(unittest.TestCase):
         limit = 0 if "_fd.bin)" in out else 1e-3 * fig["Symbols"] * (1705 if grid[0] == 2048 else 6817)
         self.assertLessEqual(fig["Cells off the pilot pattern"], limit, out)
         reference = reference or datafile
-        mer = independent_mer(self.path(reference), self.path(re.sub(r"(_agi)?\.bin$", "_fd.bin", reference)), *grid)
+        mer = independent_mer(self.path(reference), self.path(stem_of(reference) + "_fd.bin"), *grid)
         self.assertAlmostEqual(fig["MER"], mer, delta=0.5)
         return meta, mer
 
