@@ -226,7 +226,7 @@ TEST(BenchChain, ReceiverDecodesTheStream) {
             signal = "ch.bin";
         }
         auto receive = [&](const std::string& out) {
-            return tu::run(dir.path, "/usr/bin/timeout", with({"300", "/usr/bin/python3", std::string(TERVANE_SOURCE_DIR) + "/tools/tervane-rx.py",
+            return tu::run(dir.path, "/usr/bin/timeout", with({"300", TERVANE_RX_EXE,
                                                                 "-i", signal, "-o", out, "-p", c.rx_rate}));
         };
         const auto rx = receive("rx.ts");

@@ -3,7 +3,6 @@
 
 #include <sys/stat.h>
 
-#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -102,18 +101,6 @@ struct DumpRow {
 };
 
 }  // namespace
-
-double dvbRefAmplitude(uint32_t mode) {
-    const int32_t N = dvbt_N[mode], K = dvbt_K[mode], T = dvbt_Ntps[mode];
-    const int32_t P = N + T + 16 * (K - N - T) / 9;
-    return std::sqrt(P / 2.0);
-}
-
-float dvbIntegerScale(uint32_t dumpformat, uint32_t mode, float gain) {
-    if (dumpformat == 0) return 0.0f;
-    const double full_scale = dumpformat == 1 ? 32767.0 : 8191.0;
-    return static_cast<float>(full_scale / (double{gain} * dvbRefAmplitude(mode)));
-}
 
 void open_files() {
     const bool hier = dvbt_hierarchical();

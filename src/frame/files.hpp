@@ -20,12 +20,6 @@ extern float tdstream_sf;
 void open_files();
 void close_files();
 
-// Reference amplitude of the OFDM signal of a mode, for the integer formats.
-double dvbRefAmplitude(uint32_t mode);
-// Scale factor from sample values to the codes of an integer format ("agi":
-// 32767, "agiold": 8191 over gain times the reference amplitude); 0 for "std".
-float dvbIntegerScale(uint32_t dumpformat, uint32_t mode, float gain);
-
 // Small byte-ring transfers, kept with the files module.
 uint32_t out2null(dvbVect* ring, uint32_t maxlen);
 uint32_t out2file(dvbVect* ring, FILE* fp, uint32_t maxlen);

@@ -1,6 +1,8 @@
 // Process-wide transmission parameters, settings, buffer lengths and rates.
 #include "frame/params.hpp"
 
+#include <cmath>
+
 dvbt_parms_t dvbt_parms{};
 
 char* mpeg2ts_fname = nullptr;
@@ -40,4 +42,20 @@ void compute_rates() {
     r_uhp = static_cast<float>(Rc * 2 * double{dvbt_punrate[p.rate_hp]} * rs_ratio);
     r_ulp = static_cast<float>(Rc * (dvbt_bitpersymb[p.M] - 2) * double{dvbt_punrate[p.rate_lp]} * rs_ratio);
     B_n = static_cast<float>(dvbt_K[p.mode] * double{f_s} / fft);
+}
+
+double dvbRefAmplitude(uint32_t mode) {
+    const int32_t N = dvbt_N[mode], K = dvbt_K[mode], T = dvbt_Ntps[mode];
+    const int32_t P = N + T + 16 * (K - N - T) / 9;
+    return std::sqrt(P / 2.0);
+}
+
+float dvbIntegerScale(uint32_t dumpformat, uint32_t mode, float gain) {
+    if (dumpformat == 0) return 0.0f;
+    const double full_scale = dvbt_fullscale[dumpformat];
+    return static_cast<float>(full_scale / (double{gain} * dvbRefAmplitude(mode)));
+}
+
+double dvbSampleRate(uint32_t band, uint32_t interp) {
+    return 8.0e6 * (5.0 + band) / 7.0 * dvbt_interprate[interp];
 }

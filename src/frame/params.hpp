@@ -53,6 +53,26 @@ inline constexpr std::array<float, 3> dvbt_interprate{1.0f, 2.0f, 4.0f};
 inline constexpr std::array<float, 4> dvbt_fs{40.0e6f / 7.0f, 48.0e6f / 7.0f, 8.0e6f,
                                               64.0e6f / 7.0f};
 
+// The frame structure: 68 OFDM symbols a frame, 4 frames a superframe.
+inline constexpr int32_t dvbt_frame_symbols = 68;
+inline constexpr int32_t dvbt_superframe_frames = 4;
+inline constexpr int32_t dvbt_superframe_symbols = dvbt_frame_symbols * dvbt_superframe_frames;
+
+// Full scale of the integer sample formats, by dumpformat: none for "std",
+// signed 16 bits for "agi", 14-bit offset codes for "agiold".
+inline constexpr std::array<int32_t, 3> dvbt_fullscale{0, 32767, 8191};
+
+// Reference amplitude of the OFDM signal of a mode, for the integer formats:
+// the RMS amplitude of one component of its samples.
+double dvbRefAmplitude(uint32_t mode);
+// Scale factor from sample values to the codes of an integer format (its full
+// scale over gain times the reference amplitude); 0 for "std".
+float dvbIntegerScale(uint32_t dumpformat, uint32_t mode, float gain);
+// Rate of the time-domain samples in Hz, exact: the elementary rate of the
+// channel spacing (8 MHz x (5 + band) / 7, of which dvbt_fs holds the floats)
+// times the interpolation factor.
+double dvbSampleRate(uint32_t band, uint32_t interp);
+
 // Settings of the frame (file names are owned text blocks, null when none).
 extern char* mpeg2ts_fname;
 extern char* mpeg2ts_hp_fname;

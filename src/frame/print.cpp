@@ -7,9 +7,10 @@
 #include <ctime>
 
 #include "frame/params.hpp"
+#include "frame/version.hpp"
 
 const char versinfo[] =
-    "Tervane v. 2.1b Linux   - (2006/08/03)\n"
+    "Tervane v. " TERVANE_VERSION " Linux   - (2006/08/03)\n"
     "Written by the tervane developers\n"
     "https://tervane.example.org/\n";
 

@@ -9,51 +9,25 @@
 #include "frame/chain.hpp"
 #include "frame/files.hpp"
 #include "frame/getopts.hpp"
+#include "frame/options.hpp"
 #include "frame/params.hpp"
 #include "frame/print.hpp"
 #include "frame/time.hpp"
 
 int main(int argc, char** argv) {
-    // Step 1: defaults that the parser does not set.
+    // Defaults that the parser does not set.
     dvbt_parms = dvbt_parms_t{};
     dvbt_parms.delta = 3;
     dvbt_parms.band = 3;
     dvbt_parms.cinit = 1;
     int32_t verbosity_arg = 3;
 
-    // Step 2: the 25 options.
-    dvbt_parms_t& p = dvbt_parms;
-    const dvbOption options[25] = {
-        {.name = "-i", .kind = dvbString, .target = &mpeg2ts_fname},
-        {.name = "-ihp", .kind = dvbString, .target = &mpeg2ts_hp_fname},
-        {.name = "-ilp", .kind = dvbString, .target = &mpeg2ts_lp_fname},
-        {.name = "-o", .kind = dvbString, .target = &out_fname},
-        {.name = "-l", .kind = dvbString, .target = &log_fname},
-        {.name = "-m", .kind = dvbList, .nnames = 3, .names = dvbt_modename.data(), .idefault = 0, .target = &p.mode},
-        {.name = "-M", .kind = dvbList, .nnames = 3, .names = dvbt_Mname.data(), .idefault = 0, .target = &p.M},
-        {.name = "-a", .kind = dvbList, .nnames = 4, .names = dvbt_alphaname.data(), .idefault = 0, .target = &p.alpha},
-        {.name = "-D", .kind = dvbList, .nnames = 4, .names = dvbt_deltaname.data(), .idefault = 3, .target = &p.delta},
-        {.name = "-p", .kind = dvbList, .nnames = 5, .names = dvbt_ratename.data(), .idefault = 0, .target = &p.rate},
-        {.name = "-php", .kind = dvbList, .nnames = 5, .names = dvbt_ratename.data(), .idefault = 0, .target = &p.rate_hp},
-        {.name = "-plp", .kind = dvbList, .nnames = 5, .names = dvbt_ratename.data(), .idefault = 0, .target = &p.rate_lp},
-        {.name = "-b", .kind = dvbList, .nnames = 4, .names = dvbt_bandname.data(), .idefault = 3, .target = &p.band},
-        {.name = "-c", .kind = dvbList, .nnames = 2, .names = dvbt_cinitname.data(), .idefault = 1, .target = &p.cinit},
-        {.name = "-f", .kind = dvbList, .nnames = 3, .names = dvbt_ifftmmname.data(), .idefault = 0, .target = &p.ifftmm},
-        {.name = "-I", .kind = dvbList, .nnames = 3, .names = dvbt_interpname.data(), .idefault = 0, .target = &p.interp},
-        {.name = "-cid", .kind = dvbInt, .idefault = -1, .target = &p.cid},
-        {.name = "-h", .kind = dvbBool, .idefault = 0, .target = &help},
-        {.name = "-V", .kind = dvbBool, .idefault = 0, .target = &version},
-        {.name = "-v", .kind = dvbInt, .idefault = 3, .target = &verbosity_arg},
-        {.name = "-g", .kind = dvbReal, .rdefault = 4.2, .target = &p.gain},
-        {.name = "-d", .kind = dvbString, .target = &dumptypes},
-        {.name = "-F", .kind = dvbList, .nnames = 3, .names = dvbt_dumpformat.data(), .idefault = 0, .target = &p.dumpformat},
-        {.name = "-s", .kind = dvbInt, .idefault = 100, .target = &packnum},
-        {.name = "-idi", .kind = dvbBool, .idefault = 0, .target = &p.idi},
-    };
-    dvbGetCommArgs(argc, argv, 25, options);
+    // The command line.
+    const auto options = tervane_options(&verbosity_arg);
+    dvbGetCommArgs(argc, argv, TERVANE_NOPTS, options.data());
     verbosity = static_cast<uint16_t>(verbosity_arg);
 
-    // Step 3: the log.
+    // The log, named by -l or test.log.
     if (log_fname == nullptr || log_fname[0] == '\0') {
         std::free(log_fname);
         log_fname = nullptr;
@@ -62,11 +36,11 @@ int main(int argc, char** argv) {
         dvbMsgInit(log_fname);
     }
 
-    // Steps 4 and 5: batch size and buffer lengths.
+    // The batch size and every buffer length that follows from it.
     chain_set_lengths();
 
-    // Steps 6 and 7: report, then files.
-    const uint32_t requested_M = p.M;
+    // The parameter report, then the inputs, outputs and dumps.
+    const uint32_t requested_M = dvbt_parms.M;
     print_args();
     open_files();
     // A batch too small for one OFDM symbol stalls the chain before the modulator.
@@ -77,7 +51,7 @@ int main(int argc, char** argv) {
     }
     const bool hier = dvbt_hierarchical();
 
-    // Step 8: buffers and stage initialisation, in chain order.
+    // The buffers and every stage set up, in chain order.
     chain_create();
 
     dvbTic();

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "outer/mpeg2.hpp"
 #include "vectors/manage.hpp"
 
 // The dispersal sequence: 15-stage register, taps 0x6000, start 0xA9, 12032 bits
@@ -12,7 +13,7 @@ inline constexpr uint32_t ED_REGLEN = 15;
 inline constexpr uint32_t ED_TAPS = 0x6000;
 inline constexpr uint32_t ED_INIT = 0xA9;
 inline constexpr uint32_t ED_BITS = 12032;
-inline constexpr uint32_t ED_PACKET = 188;
+inline constexpr uint32_t ED_PACKET = TS_PACKET;
 inline constexpr uint32_t ED_GROUP = 1504;
 
 int32_t energy_inv(dvbVect* in, dvbVect* out, dvbVect* q, uint32_t maxlen, FILE* dump);

@@ -1,19 +1,23 @@
-// The PRBS 2^23-1 of the test streams (x^23 + x^18 + 1): tsgen writes it into
-// the payloads of its null packets, tscheck checks what a receiver gives back
-// against it. One definition for both.
+// The test streams: the transport stream's packet size, sync byte and null
+// PID (the transmitter's), and the PRBS 2^23-1 (x^23 + x^18 + 1) that tsgen
+// writes into the payloads of its null packets and tscheck checks in what a
+// receiver gives back.
 #pragma once
 
 #include <cstdint>
 
+#include "outer/mpeg2.hpp"
+
 struct Prbs23 {
-    static constexpr uint32_t kMask = 0x7FFFFFu;
+    static constexpr unsigned kDegree = 23, kTap = 18;
+    static constexpr uint32_t kMask = (1u << kDegree) - 1;
     // The last 23 output bits, the newest in bit 0. All ones at the start: any
     // non-zero state gives the full period.
     uint32_t reg = kMask;
 
     // Output and feedback bit = stage 23 XOR stage 18, shifted in as the newest bit.
     unsigned next_bit() {
-        const unsigned bit = ((reg >> 22) ^ (reg >> 17)) & 1u;
+        const unsigned bit = ((reg >> (kDegree - 1)) ^ (reg >> (kTap - 1))) & 1u;
         reg = ((reg << 1) | bit) & kMask;
         return bit;
     }

@@ -1,4 +1,3 @@
-#!/usr/bin/python3
 """tervane-waterfall: bit error ratio after a receiver against C/N, step by step.
 
 For one transmission it runs tsgen and tervane once, then for every C/N of the
@@ -15,15 +14,11 @@ import subprocess
 import sys
 import tempfile
 
-# tervane's option rules, shared by the companions: beside the program in the
-# source and build trees, in share/tervane once installed.
-_HERE = os.path.dirname(os.path.realpath(__file__))
-sys.dont_write_bytecode = True  # no cache files beside an installed module
-sys.path[:0] = [_HERE, os.path.join(_HERE, os.pardir, "share", "tervane")]
-from tervane_options import NAMES, first_value, list_option  # noqa: E402
+from .files import Fail, report
+from .options import first_value, list_option
+from .tables import BITS, FRAMES_PER_SUPERFRAME, N_DATA, NAMES, RS_PACKET, SYMBOLS_PER_FRAME, VERSION
 
 PROG = "tervane-waterfall"
-VERSION = "2.1b"
 
 USAGE = """\
 usage: tervane-waterfall [-m MODE] [-M 4|16|64] [-D GUARD] [-p RATE] [-b SPACING]
@@ -55,10 +50,6 @@ SUMMARY = re.compile(r"^packets=(\d+) sync_losses=(\d+) tei=(\d+) cc_errors=(\d+
                      r"prbs_bits=(\d+) bit_errors=(\d+) ber=(\S+) per=(\S+)$", re.M)
 
 
-class Fail(Exception):
-    """A condition that ends the program with a one-line message and status 1."""
-
-
 def parse_options(argv):
     """tervane's spellings and rules (tervane_options)."""
     opts = {name: list_option(argv, name) for name in LISTS}
@@ -88,7 +79,7 @@ def number(opts, name, default=None):
 
 def programs():
     """Where each program is: beside this script, else on the PATH."""
-    here = os.path.dirname(os.path.realpath(__file__))
+    here = os.path.dirname(os.path.realpath(sys.argv[0]))
     found = {}
     for name in PROGRAMS:
         path = os.path.join(here, name)
@@ -124,17 +115,18 @@ def main(argv):
         profile = opts["-profile"] or "gaussian"
         if profile not in ("gaussian", "ricean", "rayleigh"):
             raise Fail(f"unknown profile \"{profile}\" (gaussian, ricean or rayleigh)")
-        mode, bits = opts["-m"], [2, 4, 6][opts["-M"]]
+        mode, bits = opts["-m"], BITS[opts["-M"]]
         if mode == 1:
             raise Fail("-m 4k: GNU Radio's receiver decodes 2k and 8k only")
         rate = [(1, 2), (2, 3), (3, 4), (5, 6), (7, 8)][opts["-p"]]
-        per_superframe = [252, 504, 1008][mode] * bits * rate[0] // rate[1]
+        # Reed-Solomon packets a superframe carries
+        cells = N_DATA[mode] * SYMBOLS_PER_FRAME * FRAMES_PER_SUPERFRAME
+        per_superframe = cells * bits * rate[0] // (rate[1] * 8 * RS_PACKET)
         packets = int(number(opts, "-n", 2 * per_superframe + 1400))
         seed = int(number(opts, "-seed", 1))
         exe = programs()
     except Fail as e:
-        print(f"{PROG}: {e}", file=sys.stderr)
-        return 1
+        return report(PROG, e)
 
     tx_opts = [v for name in LISTS for v in (name, NAMES[name][opts[name]])]
     rx_opts = tx_opts
@@ -168,16 +160,9 @@ def main(argv):
             print("Error-free: at no step up to the last")
         else:
             print(f"Error-free: from {clean_from:.2f} dB on (no bit error, lost packet or sync loss)")
-    except Fail as e:
-        print(f"{PROG}: {e}", file=sys.stderr)
-        return 1
-    except OSError as e:
-        print(f"{PROG}: {e}", file=sys.stderr)
-        return 1
+    except (Fail, OSError) as e:
+        return report(PROG, e)
     finally:
         shutil.rmtree(work, ignore_errors=True)
     return 0
 
-
-if __name__ == "__main__":
-    sys.exit(main(sys.argv[1:]))

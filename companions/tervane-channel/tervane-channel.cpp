@@ -10,7 +10,6 @@
 // blocks with its history carried over, so that files of any size need little
 // memory. The noise power follows from the power of the signal after the
 // channel, measured in a first pass over the file.
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,7 +17,6 @@
 #include <bit>
 #include <cerrno>
 #include <cmath>
-#include <csignal>
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
@@ -28,15 +26,14 @@
 #include <string>
 #include <vector>
 
-#include "frame/getopts.hpp"
+#include "companion.hpp"
+#include "frame/version.hpp"
+#include "frame/options.hpp"
 #include "frame/params.hpp"
 
 static_assert(std::endian::native == std::endian::little, "the std format is little-endian float32");
 
 namespace {
-
-constexpr const char* kProg = "tervane-channel";
-constexpr const char* kVersion = "2.1b";
 
 const char kUsage[] =
     "usage: tervane-channel -i IN.bin -o OUT.bin [-m MODE] [-b SPACING] [-I RATE] [-f MAP]\n"
@@ -54,7 +51,7 @@ const char kUsage[] =
     "  -cfo HZ         carrier frequency offset (default none)\n"
     "  -seed N         seed of the noise, 0 to 18446744073709551615 (default 1)\n"
     "  -h, -V          this help, the version\n"
-    "  The other options of tervane are accepted and ignored.\n";
+    "  The other options of tervane are accepted and ignored; any other word is an error.\n";
 
 // The 20 echoes of the receiver-test channels: attenuation, delay (us), phase (rad).
 struct Echo {
@@ -79,41 +76,17 @@ constexpr double kBeta = 12.0;
 
 constexpr size_t kBlock = 1 << 16;  // samples per block
 
-// ---------------------------------------------------------------- errors
-
-std::string g_partial;  // the output's temporary file while it is written: removed on failure
-
-[[noreturn]] void fail(const char* fmt, ...) {
-    std::va_list ap;
-    va_start(ap, fmt);
-    std::fprintf(stderr, "%s: ", kProg);
-    std::vfprintf(stderr, fmt, ap);
-    std::fputc('\n', stderr);
-    va_end(ap);
-    if (!g_partial.empty()) std::remove(g_partial.c_str());
-    std::exit(1);
-}
-
 // ---------------------------------------------------------------- options
 
-char *g_in, *g_out, *g_profile, *g_cn, *g_cfo, *g_seed;
-uint32_t g_mode, g_band, g_interp, g_map, g_format;
-int32_t g_help, g_version;
+using companion::fail;
 
-const dvbOption kOptions[] = {
-    {.name = "-i", .kind = dvbString, .target = &g_in},
-    {.name = "-o", .kind = dvbString, .target = &g_out},
+// The channel's own options; tervane's fill the transmitter's settings.
+char *g_profile, *g_cn, *g_cfo, *g_seed;
+const dvbOption kOwnOptions[] = {
     {.name = "-profile", .kind = dvbString, .target = &g_profile},
     {.name = "-cn", .kind = dvbString, .target = &g_cn},
     {.name = "-cfo", .kind = dvbString, .target = &g_cfo},
     {.name = "-seed", .kind = dvbString, .target = &g_seed},
-    {.name = "-m", .kind = dvbList, .nnames = 3, .names = dvbt_modename.data(), .idefault = 0, .target = &g_mode},
-    {.name = "-b", .kind = dvbList, .nnames = 4, .names = dvbt_bandname.data(), .idefault = 3, .target = &g_band},
-    {.name = "-I", .kind = dvbList, .nnames = 3, .names = dvbt_interpname.data(), .idefault = 0, .target = &g_interp},
-    {.name = "-f", .kind = dvbList, .nnames = 3, .names = dvbt_ifftmmname.data(), .idefault = 0, .target = &g_map},
-    {.name = "-F", .kind = dvbList, .nnames = 3, .names = dvbt_dumpformat.data(), .idefault = 0, .target = &g_format},
-    {.name = "-h", .kind = dvbBool, .target = &g_help},
-    {.name = "-V", .kind = dvbBool, .target = &g_version},
 };
 
 enum class Profile { gaussian, ricean, rayleigh };
@@ -128,18 +101,8 @@ struct Settings {
     uint64_t samples = 0;
 };
 
-bool given(int argc, char** argv, const char* name) {
-    for (int a = 1; a < argc; ++a)
-        if (std::strcmp(argv[a], name) == 0) return true;
-    return false;
-}
-
-// The value of a text option: empty when absent; an option given without a value is an error.
-std::string value_of(int argc, char** argv, const char* name, const char* text, const char* what) {
-    if (text != nullptr && *text != '\0') return text;
-    if (given(argc, argv, name)) fail("%s needs a value (%s)", name, what);
-    return {};
-}
+// The value of a text option, empty when absent (the parser refuses an empty one).
+std::string value_of(const char* text) { return text != nullptr ? text : ""; }
 
 double number(const std::string& text, const char* name, const char* what) {
     errno = 0;
@@ -150,27 +113,28 @@ double number(const std::string& text, const char* name, const char* what) {
     return v;
 }
 
-Settings settle(int argc, char** argv) {
+Settings settle() {
     Settings s;
-    s.in = value_of(argc, argv, "-i", g_in, "the input file");
-    s.out = value_of(argc, argv, "-o", g_out, "the output file");
-    const std::string profile = value_of(argc, argv, "-profile", g_profile, "gaussian, ricean or rayleigh");
-    const std::string cn = value_of(argc, argv, "-cn", g_cn, "a C/N in dB");
-    const std::string cfo = value_of(argc, argv, "-cfo", g_cfo, "an offset in Hz");
-    const std::string seed = value_of(argc, argv, "-seed", g_seed, "a whole number");
-    if (s.in.empty()) fail("no input file given (-i IN.bin; %s -h for usage)", kProg);
-    if (s.out.empty()) fail("no output file given (-o OUT.bin; %s -h for usage)", kProg);
+    s.in = value_of(mpeg2ts_fname);
+    s.out = value_of(out_fname);
+    const std::string profile = value_of(g_profile);
+    const std::string cn = value_of(g_cn);
+    const std::string cfo = value_of(g_cfo);
+    const std::string seed = value_of(g_seed);
+    if (s.in.empty()) fail("no input file given (-i IN.bin; %s -h for usage)", companion::prog());
+    if (s.out.empty()) fail("no output file given (-o OUT.bin; %s -h for usage)", companion::prog());
     if (profile.empty()) fail("no channel profile given (-profile gaussian, ricean or rayleigh)");
     if (profile == "gaussian") s.profile = Profile::gaussian;
     else if (profile == "ricean") s.profile = Profile::ricean;
     else if (profile == "rayleigh") s.profile = Profile::rayleigh;
     else fail("unknown profile \"%s\" (gaussian, ricean or rayleigh)", profile.c_str());
-    if (g_format != 0) fail("reads the std format only, not -F %s", dvbt_dumpformat[g_format]);
+    const dvbt_parms_t& p = dvbt_parms;
+    if (p.dumpformat != 0) fail("reads the std format only, not -F %s", dvbt_dumpformat[p.dumpformat]);
 
-    s.fs = (40.0 + 8.0 * g_band) * 1e6 / 7.0;  // 40/7, 48/7, 8 and 64/7 MHz
-    s.rate = s.fs * dvbt_interprate[g_interp];
-    s.bandwidth = dvbt_K[g_mode] * s.fs / dvbt_fftsize[g_mode];
-    s.centre = g_map == 1 ? s.fs / 2 : 0.0;  // BB puts the centre carrier at half the elementary rate
+    s.fs = dvbSampleRate(p.band, 0);
+    s.rate = dvbSampleRate(p.band, p.interp);
+    s.bandwidth = dvbt_K[p.mode] * s.fs / dvbt_fftsize[p.mode];
+    s.centre = p.ifftmm == 1 ? s.fs / 2 : 0.0;  // BB puts the centre carrier at half the elementary rate
     if (!cn.empty()) {
         s.noise = true, s.cn_db = number(cn, "-cn", "a C/N in dB");
         if (s.cn_db < -100 || s.cn_db > 300) fail("-cn %s: the C/N must lie between -100 and 300 dB", cn.c_str());
@@ -189,18 +153,13 @@ Settings settle(int argc, char** argv) {
             fail("-seed takes a whole number from 0 to 18446744073709551615, not \"%s\"", seed.c_str());
     }
 
-    struct stat in_st {};
-    if (::stat(s.in.c_str(), &in_st) != 0) fail("can't read \"%s\": %s", s.in.c_str(), std::strerror(errno));
-    if (!S_ISREG(in_st.st_mode)) fail("\"%s\" is not a regular file", s.in.c_str());
-    const auto size = static_cast<uint64_t>(in_st.st_size);
+    const uint64_t size = companion::input_size(s.in);
     if (size % 8 != 0)
         fail("\"%s\" is not a whole number of 8-byte samples (%llu bytes)", s.in.c_str(),
              static_cast<unsigned long long>(size));
     if (size == 0) fail("\"%s\" holds no samples", s.in.c_str());
     s.samples = size / 8;
-    struct stat out_st {};
-    if (::stat(s.out.c_str(), &out_st) == 0 && out_st.st_dev == in_st.st_dev && out_st.st_ino == in_st.st_ino)
-        fail("the output \"%s\" is the input: choose another name", s.out.c_str());
+    companion::check_not_input(s.out, s.in);
     return s;
 }
 
@@ -401,18 +360,19 @@ double db(double ratio) { return 10 * std::log10(ratio); }
 }  // namespace
 
 int main(int argc, char** argv) {
-    // A file-size limit makes a write fail with its error instead of ending the process.
-    std::signal(SIGXFSZ, SIG_IGN);
-    dvbGetCommArgs(argc, argv, static_cast<uint16_t>(std::size(kOptions)), kOptions);
-    if (g_help) {
+    companion::start("tervane-channel");
+    int32_t verbosity_arg = 0;
+    const auto tervane = tervane_options(&verbosity_arg);
+    companion::parse_options(argc, argv, {tervane, kOwnOptions});
+    if (help) {
         std::fputs(kUsage, stdout);
         return 0;
     }
-    if (g_version) {
-        std::printf("%s %s\n", kProg, kVersion);
+    if (version) {
+        companion::print_version();
         return 0;
     }
-    const Settings s = settle(argc, argv);
+    const Settings s = settle();
     const Response h = response(s);
 
     // First pass when there is noise to add: the power of the signal at the
@@ -436,7 +396,7 @@ int main(int argc, char** argv) {
     const std::string partial = s.out + ".part" + std::to_string(::getpid());
     FILE* out = std::fopen(partial.c_str(), "wb");
     if (out == nullptr) fail("can't create \"%s\": %s", s.out.c_str(), std::strerror(errno));
-    g_partial = partial;
+    companion::remove_on_failure(partial);
     Gaussian noise(s.seed);
     const double cycles_per_sample = s.cfo_hz / s.rate;
     uint64_t n_out = 0;
@@ -471,12 +431,12 @@ int main(int argc, char** argv) {
     if (std::fclose(out) != 0) fail("closing \"%s\" failed: %s", partial.c_str(), std::strerror(errno));
     if (std::rename(partial.c_str(), s.out.c_str()) != 0)
         fail("can't rename \"%s\" to \"%s\": %s", partial.c_str(), s.out.c_str(), std::strerror(errno));
-    g_partial.clear();
+    companion::remove_on_failure({});
     if (!s.noise) input_power = input_power2, carrier = carrier2 / static_cast<double>(s.samples);
 
     std::printf("%s %s: %s, %s MHz channel, %s: sample rate %.6f MHz, signal bandwidth %.6f MHz (%d carriers)\n",
-                kProg, kVersion, dvbt_modename[g_mode], dvbt_bandname[g_band], dvbt_interpname[g_interp], s.rate / 1e6,
-                s.bandwidth / 1e6, dvbt_K[g_mode]);
+                companion::prog(), TERVANE_VERSION, dvbt_modename[dvbt_parms.mode], dvbt_bandname[dvbt_parms.band],
+                dvbt_interpname[dvbt_parms.interp], s.rate / 1e6, s.bandwidth / 1e6, dvbt_K[dvbt_parms.mode]);
     std::printf("Input: %s, %llu samples (%.6f s), mean power %.6g\n", s.in.c_str(),
                 static_cast<unsigned long long>(s.samples), static_cast<double>(s.samples) / s.rate, input_power);
     if (s.profile == Profile::gaussian) {
@@ -487,7 +447,7 @@ int main(int argc, char** argv) {
                     s.profile == Profile::ricean ? "a direct path 10 dB above the sum of the " : "",
                     h.min_delay / s.rate * 1e6, h.max_delay / s.rate * 1e6, h.min_delay, h.max_delay);
         std::printf("Interpolator: Kaiser-windowed sinc of %d taps per path (beta %.0f), one FIR of %zu taps%s\n",
-                    kTaps, kBeta, h.re.size(), g_map == 1 ? ", centred on the BB band" : "");
+                    kTaps, kBeta, h.re.size(), dvbt_parms.ifftmm == 1 ? ", centred on the BB band" : "");
         std::printf("Signal power after the channel: %.6g (%+.3f dB against the input)\n", carrier,
                     db(carrier / input_power));
     }

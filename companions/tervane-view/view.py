@@ -1,4 +1,3 @@
-#!/usr/bin/python3
 """tervane-view: metadata, pictures and measurements for the files of a tervane run.
 
 Run it with the command line of a finished tervane run (the program name
@@ -12,18 +11,14 @@ import hashlib
 import json
 import math
 import os
-import re
-import struct
 import sys
 
-# tervane's option rules, shared by the companions: beside the program in the
-# source and build trees, in share/tervane once installed.
-_HERE = os.path.dirname(os.path.realpath(__file__))
-sys.dont_write_bytecode = True  # no cache files beside an installed module
-sys.path[:0] = [_HERE, os.path.join(_HERE, os.pardir, "share", "tervane")]
-from tervane_options import NAMES, first_value, list_option  # noqa: E402
+from .files import Fail, is_input, report, write_file
+from .options import c_int, c_real, f32, first_value, list_option, stem_of
+from .samples import integer_scale, sample_reader
+from .tables import (CPILOT, DEFAULTS, FFT_SIZE, FILTER_DELAY, FS, GUARD_DIV, INTERP, KINDS, N_CARRIERS, N_CPILOT,
+                     N_TPS, NAMES, SYMBOLS_PER_FRAME, TPS, VERSION)
 
-VERSION = "2.1b"
 PROG = "tervane-view"
 
 USAGE = """\
@@ -45,78 +40,13 @@ sample rate, duration, symbols, occupied bandwidth, in-band ripple, shoulder
 attenuation, PAPR, pilot/data amplitude and MER.
 """
 
-STRINGS = ["-i", "-ihp", "-ilp", "-o", "-l", "-d"]
-INTS = {"-cid": -1, "-v": 3, "-s": 100}
-REALS = {"-g": 4.2, "-fc": None}
-FLAGS = ["-h", "-V", "-idi"]
-
-FFT_SIZE = [2048, 4096, 8192]
-N_DATA = [1512, 3024, 6048]
-N_CARRIERS = [1705, 3409, 6817]
-N_TPS = [17, 34, 68]
-N_CPILOT = [45, 89, 177]
-BITS = [2, 4, 6]
-GUARD_DIV = [4, 8, 16, 32]
-FS = [40e6 / 7, 48e6 / 7, 8e6, 64e6 / 7]          # elementary sample rate by channel
-INTERP = [1, 2, 4]
-FILTER_DELAY = [0, 15, 31]                          # interpolation filter delay, output samples
-SYMBOLS_PER_FRAME = 68
-
-CPILOT = [
-    0, 48, 54, 87, 141, 156, 192, 201, 255, 279, 282, 333, 432, 450, 483, 525, 531, 618, 636, 714,
-    759, 765, 780, 804, 873, 888, 918, 939, 942, 969, 984, 1050, 1101, 1107, 1110, 1137, 1140,
-    1146, 1206, 1269, 1323, 1377, 1491, 1683, 1704, 1752, 1758, 1791, 1845, 1860, 1896, 1905,
-    1959, 1983, 1986, 2037, 2136, 2154, 2187, 2229, 2235, 2322, 2340, 2418, 2463, 2469, 2484,
-    2508, 2577, 2592, 2622, 2643, 2646, 2673, 2688, 2754, 2805, 2811, 2814, 2841, 2844, 2850,
-    2910, 2973, 3027, 3081, 3195, 3387, 3408, 3456, 3462, 3495, 3549, 3564, 3600, 3609, 3663,
-    3687, 3690, 3741, 3840, 3858, 3891, 3933, 3939, 4026, 4044, 4122, 4167, 4173, 4188, 4212,
-    4281, 4296, 4326, 4347, 4350, 4377, 4392, 4458, 4509, 4515, 4518, 4545, 4548, 4554, 4614,
-    4677, 4731, 4785, 4899, 5091, 5112, 5160, 5166, 5199, 5253, 5268, 5304, 5313, 5367, 5391,
-    5394, 5445, 5544, 5562, 5595, 5637, 5643, 5730, 5748, 5826, 5871, 5877, 5892, 5916, 5985,
-    6000, 6030, 6051, 6054, 6081, 6096, 6162, 6213, 6219, 6222, 6249, 6252, 6258, 6318, 6381,
-    6435, 6489, 6603, 6795, 6816]
-TPS = [
-    34, 50, 209, 346, 413, 569, 595, 688, 790, 901, 1073, 1219, 1262, 1286, 1469, 1594, 1687,
-    1738, 1754, 1913, 2050, 2117, 2273, 2299, 2392, 2494, 2605, 2777, 2923, 2966, 2990, 3173,
-    3298, 3391, 3442, 3458, 3617, 3754, 3821, 3977, 4003, 4096, 4198, 4309, 4481, 4627, 4670,
-    4694, 4877, 5002, 5095, 5146, 5162, 5321, 5458, 5525, 5681, 5707, 5800, 5902, 6013, 6185,
-    6331, 6374, 6398, 6581, 6706, 6799]
-
-
-class Fail(Exception):
-    """A condition that ends the program with a one-line message and status 1."""
-
+# tervane's options by kind, with their defaults; -fc is the view's own.
+STRINGS = [name for name, kind in KINDS.items() if kind == "text"]
+INTS = {name: DEFAULTS[name] for name, kind in KINDS.items() if kind == "int"}
+REALS = {"-g": DEFAULTS["-g"], "-fc": None}
+FLAGS = [name for name, kind in KINDS.items() if kind == "flag"]
 
 # ---------------------------------------------------------------- options
-
-def c_int(text):
-    """strtol-like base-10 value saturated to 32 bits; 0 when there are no digits."""
-    m = re.match(r"[ \t\n\v\f\r]*([+-]?[0-9]+)", text)
-    v = int(m.group(1)) if m else 0
-    return max(-2**31, min(2**31 - 1, v))
-
-
-def c_real(text):
-    """strtod-like: the longest leading number, 0.0 when there is none."""
-    t = text.lstrip(" \t\n\v\f\r")
-    m = re.match(r"[+-]?0[xX]([0-9a-fA-F]+\.?[0-9a-fA-F]*|\.[0-9a-fA-F]+)([pP][+-]?[0-9]+)?", t)
-    if m and re.match(r"[+-]?0[xX]\.?[0-9a-fA-F]", t):
-        s = m.group(0)
-        return float.fromhex(s if "p" in s.lower() else s + "p0")
-    m = re.match(r"[+-]?(infinity|inf|nan)", t, re.IGNORECASE)
-    if m:
-        return float(m.group(0))
-    m = re.match(r"[+-]?([0-9]+\.?[0-9]*|\.[0-9]+)([eE][+-]?[0-9]+)?", t)
-    return float(m.group(0)) if m else 0.0
-
-
-def f32(x):
-    """The single-precision value of x, as the transmitter stores its real options."""
-    try:
-        return struct.unpack("f", struct.pack("f", x))[0]
-    except OverflowError:
-        return math.copysign(math.inf, x)
-
 
 def parse_options(argv):
     """tervane's rules: a name followed by a separate value, matched exactly; for a list
@@ -135,9 +65,6 @@ def parse_options(argv):
     return opts
 
 
-def stem_of(opts):
-    out = opts["-o"]
-    return "tervane" if not out else out.split(".", 1)[0]
 
 
 def describe(opts):
@@ -159,15 +86,9 @@ def describe(opts):
 
 # ---------------------------------------------------------------- files
 
-def ref_amplitude(mode):
-    """RMS amplitude of one component of the OFDM signal (pilots carry 16/9 of a data cell's power)."""
-    n, k, t = N_DATA[mode], N_CARRIERS[mode], N_TPS[mode]
-    return math.sqrt((n + t + 16 * (k - n - t) // 9) / 2.0)
-
-
 def find_files(opts):
     """The run's time-domain files (by format) and dumps that exist; with -d only its letters."""
-    stem = stem_of(opts)
+    stem = stem_of(opts["-o"])
     letters = opts["-d"]
     wanted = (lambda c: True) if letters is None else (lambda c: c in letters)
     fmt = opts["-F"]
@@ -184,33 +105,6 @@ def find_files(opts):
     return files
 
 
-def sample_reader(np, opts, names):
-    """Number of samples and a function giving samples [a, b) as complex values of the signal."""
-    fmt = opts["-F"]
-    if fmt == 0:
-        if os.path.getsize(names[0]) % 8:
-            raise Fail(f"{names[0]} is not a whole number of float32 I/Q samples")
-        data = np.memmap(names[0], dtype="<c8", mode="r") if os.path.getsize(names[0]) else np.zeros(0, "c8")
-        return len(data), lambda a, b: np.asarray(data[a:b], dtype=np.complex128)
-    sf = f32((32767.0 if fmt == 1 else 8191.0) / (opts["-g"] * ref_amplitude(opts["-m"]))) \
-        if opts["-g"] != 0 else math.inf
-    if not math.isfinite(sf) or sf == 0:
-        raise Fail(f"-g {opts['-g']} leaves no signal in the integer samples")
-    sizes = [os.path.getsize(n) for n in names]
-    if any(s % (4 if fmt == 1 else 2) for s in sizes) or len(set(sizes)) != 1:
-        raise Fail(f"{' and '.join(names)}: not whole {'16-bit I/Q pairs' if fmt == 1 else 'and equal 16-bit streams'}")
-    if sizes[0] == 0:
-        return 0, None
-    if fmt == 1:
-        iq = np.memmap(names[0], dtype=">i2", mode="r").reshape(-1, 2)
-        return len(iq), lambda a, b: (iq[a:b, 0] + 1j * iq[a:b, 1].astype(np.float64)) / sf
-    i_codes, q_codes = (np.memmap(n, dtype=">u2", mode="r") for n in names)
-
-    def offset(codes):                  # 14-bit offset code back to a signed value
-        return ((codes.astype(np.int64) - 8192 + 32768) % 65536 - 32768).astype(np.float64)
-    return len(i_codes), lambda a, b: (offset(i_codes[a:b]) + 1j * offset(q_codes[a:b])) / sf
-
-
 def write_sigmf(opts, names, rate):
     """One SigMF metadata file beside each time-domain data file; returns their names."""
     fmt = opts["-F"]
@@ -224,12 +118,12 @@ def write_sigmf(opts, names, rate):
         desc = describe(opts)
         if fmt == 1:
             desc += (f"; signed 16-bit big-endian I/Q, code = trunc(sample x "
-                     f"{32767 / (opts['-g'] * ref_amplitude(opts['-m'])):.3f})")
+                     f"{integer_scale(1, opts['-m'], opts['-g']):.3f})")
         elif fmt == 2:
             other = names[1 - n]
             desc += (f"; {'I' if n == 0 else 'Q'} component only ({'Q' if n == 0 else 'I'} in "
                      f"{os.path.basename(other)}), 14-bit offset codes in big-endian 16-bit words, "
-                     f"8192 = 0, code = trunc(sample x {8191 / (opts['-g'] * ref_amplitude(opts['-m'])):.3f}) + 8192")
+                     f"8192 = 0, code = trunc(sample x {integer_scale(2, opts['-m'], opts['-g']):.3f}) + 8192")
         capture = {"core:sample_start": 0}
         if opts["-fc"] is not None:
             if not math.isfinite(opts["-fc"]):
@@ -254,15 +148,6 @@ def write_sigmf(opts, names, rate):
     return written
 
 
-def write_file(name, data):
-    """Writes the bytes to the file; a failure (a full disk, say) names the file."""
-    try:
-        with open(name, "wb") as f:
-            f.write(data)
-    except OSError as e:
-        raise Fail(f"writing {name} failed: {e.strerror or e}") from e
-
-
 def save_figure(plt, fig, path):
     """Saves the picture as PNG; a failure names the file."""
     try:
@@ -276,9 +161,8 @@ def save_figure(plt, fig, path):
 
 def writable(opts, name):
     """name, unless it is one of the run's input streams."""
-    for src in (opts["-i"], opts["-ihp"], opts["-ilp"]):
-        if src and os.path.exists(src) and os.path.exists(name) and os.path.samefile(src, name):
-            raise Fail(f"{name} is an input of the run and would be overwritten")
+    if is_input(name, (opts["-i"], opts["-ihp"], opts["-ilp"])):
+        raise Fail(f"{name} is an input of the run and would be overwritten")
     return name
 
 
@@ -547,7 +431,7 @@ def analyse(np, plt, opts, files):
 
     mer = None
     if files["td"]:
-        n, read = sample_reader(np, opts, files["td"])
+        n, read = sample_reader(np, opts["-F"], opts["-m"], opts["-g"], files["td"])
         symbols = n // (R * (F + G))
         if symbols == 0:
             raise Fail(f"{files['td'][0]} holds no whole OFDM symbol")
@@ -618,8 +502,7 @@ def main(argv):
     try:
         opts = parse_options(argv)
     except ValueError as e:            # e.g. a number too large for a float
-        print(f"{PROG}: bad option value: {e}", file=sys.stderr)
-        return 1
+        return report(PROG, f"bad option value: {e}")
     if opts["-h"]:
         sys.stdout.write(USAGE)
         return 0
@@ -639,14 +522,8 @@ def main(argv):
         files = find_files(opts)
         print(f"{PROG} {VERSION}: {describe(opts).split(': ', 1)[1]}")
         analyse(np, plt, opts, files)
-    except Fail as e:
-        print(f"{PROG}: {e}", file=sys.stderr)
-        return 1
-    except (OSError, ValueError, MemoryError) as e:
-        print(f"{PROG}: {e}", file=sys.stderr)
-        return 1
+    except (Fail, OSError, ValueError, MemoryError) as e:
+        return report(PROG, e)
     return 0
 
 
-if __name__ == "__main__":
-    sys.exit(main(sys.argv[1:]))

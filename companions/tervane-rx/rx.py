@@ -1,4 +1,3 @@
-#!/usr/bin/python3
 """tervane-rx: GNU Radio's DVB-T receiver on a file of tervane's samples.
 
 It decodes a time-domain output in the std format (complex64, 1x, frequency
@@ -10,19 +9,14 @@ spellings and rules.
 
 import os
 import select
-import signal
 import sys
 import threading
 
-# tervane's option rules, shared by the companions: beside the program in the
-# source and build trees, in share/tervane once installed.
-_HERE = os.path.dirname(os.path.realpath(__file__))
-sys.dont_write_bytecode = True  # no cache files beside an installed module
-sys.path[:0] = [_HERE, os.path.join(_HERE, os.pardir, "share", "tervane")]
-from tervane_options import NAMES, first_value, list_option  # noqa: E402
+from .files import Fail, is_input, report, sample_file, start
+from .options import first_value, list_option
+from .tables import FFT_SIZE, FS, N_CARRIERS, N_DATA, NAMES, TS_PACKET, VERSION
 
 PROG = "tervane-rx"
-VERSION = "2.1b"
 
 USAGE = """\
 usage: tervane-rx -i IN.bin -o OUT.ts [-m 2k|8k] [-M 4|16|64] [-D GUARD] [-p RATE] [-b SPACING]
@@ -43,18 +37,10 @@ defaults (non-hierarchical, mapping 0, 1x, std). Needs Debian's gnuradio package
 """
 
 LISTS = ["-m", "-M", "-a", "-D", "-p", "-b", "-f", "-I", "-F"]
-FFT_SIZE = [2048, 4096, 8192]
-N_CARRIERS = [1705, 3409, 6817]
-N_DATA = [1512, 3024, 6048]
-FS = [40e6 / 7, 48e6 / 7, 8e6, 64e6 / 7]
 
 # Transport packets per block of the Reed-Solomon decoder and the descrambler;
 # the outer deinterleaver delivers blocks of the same size (in 12-byte rows).
 PACKETS_PER_BLOCK = 8
-
-
-class Fail(Exception):
-    """A condition that ends the program with a one-line message and status 1."""
 
 
 def parse_options(argv):
@@ -81,17 +67,8 @@ def check(opts):
     for name, (bad, text) in refused.items():
         if (bad is not None and opts[name] == bad) or (bad is None and opts[name] != 0):
             raise Fail(f"{name} {NAMES[name][opts[name]]}: {text}")
-    name = opts["-i"]
-    if not os.path.exists(name):
-        raise Fail(f"can't read \"{name}\": no such file")
-    if not os.path.isfile(name):
-        raise Fail(f"\"{name}\" is not a regular file")
-    size = os.path.getsize(name)
-    if size % 8:
-        raise Fail(f"\"{name}\" is not a whole number of 8-byte samples ({size} bytes)")
-    if size == 0:
-        raise Fail(f"\"{name}\" holds no samples")
-    if os.path.exists(opts["-o"]) and os.path.samefile(name, opts["-o"]):
+    sample_file(opts["-i"])
+    if is_input(opts["-o"], [opts["-i"]]):
         raise Fail(f"the output \"{opts['-o']}\" is the input: choose another name")
 
 
@@ -173,7 +150,7 @@ def decode(tb_of, path):
 
 
 def main(argv):
-    signal.signal(signal.SIGXFSZ, signal.SIG_IGN)   # a file-size limit fails the write instead
+    start()
     opts = parse_options(argv)
     if opts["-h"]:
         sys.stdout.write(USAGE)
@@ -190,20 +167,13 @@ def main(argv):
             raise Fail("needs GNU Radio's DVB-T receiver (gnuradio.dtv): apt-get install gnuradio") from None
         gr.logging().set_default_level(gr.log_levels.err)   # no notes on buffer sizes
         size = decode(lambda fd: build(gr, blocks, dtv, fft, window, opts, fd), opts["-o"])
-    except Fail as e:
-        print(f"{PROG}: {e}", file=sys.stderr)
-        return 1
-    except (OSError, RuntimeError, ValueError) as e:
-        print(f"{PROG}: {e}", file=sys.stderr)
-        return 1
+    except (Fail, OSError, RuntimeError, ValueError) as e:
+        return report(PROG, e)
     samples = os.path.getsize(opts["-i"]) // 8
     print(f"{PROG} {VERSION}: {NAMES['-m'][opts['-m']]}, {['QPSK', '16-QAM', '64-QAM'][opts['-M']]}, "
           f"guard {NAMES['-D'][opts['-D']]}, code rate {NAMES['-p'][opts['-p']]}, "
           f"{NAMES['-b'][opts['-b']]} MHz channel ({FS[opts['-b']] / 1e6:.6f} MHz samples)")
     print(f"Input: {opts['-i']}, {samples} samples ({samples / FS[opts['-b']]:.6f} s)")
-    print(f"Output: {opts['-o']}, {size // 188} packets" + (f" and {size % 188} bytes" if size % 188 else ""))
+    print(f"Output: {opts['-o']}, {size // TS_PACKET} packets" + (f" and {size % TS_PACKET} bytes" if size % TS_PACKET else ""))
     return 0
 
-
-if __name__ == "__main__":
-    sys.exit(main(sys.argv[1:]))

@@ -14,14 +14,14 @@
 #include <cstring>
 #include <string>
 
-#include "prbs23.hpp"
+#include "companion.hpp"
+#include "ts.hpp"
 
 namespace {
 
-constexpr size_t kPacket = 188;
+constexpr size_t kPacket = TS_PACKET;
 constexpr unsigned kTablePeriod = 100;  // a PAT and a PMT in every 100 packets
 constexpr uint16_t kPmtPid = 0x0100;
-constexpr uint16_t kNullPid = 0x1FFF;
 constexpr uint16_t kProgram = 1;
 
 const char kUsage[] =
@@ -45,7 +45,7 @@ uint32_t crc32_mpeg(const uint8_t* p, size_t n) {
 
 // Header of a packet with payload only (adaptation_field_control 01).
 void put_header(uint8_t* pkt, uint16_t pid, bool unit_start, uint8_t cc) {
-    pkt[0] = 0x47;
+    pkt[0] = TS_SYNC;
     pkt[1] = static_cast<uint8_t>((unit_start ? 0x40 : 0x00) | ((pid >> 8) & 0x1F));
     pkt[2] = static_cast<uint8_t>(pid & 0xFF);
     pkt[3] = static_cast<uint8_t>(0x10 | (cc & 0x0F));
@@ -81,7 +81,7 @@ void put_pat(uint8_t* pkt, uint8_t cc) {
 
 void put_pmt(uint8_t* pkt, uint8_t cc) {
     // PCR_PID 0x1FFF (no PCR), no program descriptors, no elementary streams.
-    const uint8_t body[4] = {0xE0 | (kNullPid >> 8), kNullPid & 0xFF, 0xF0, 0x00};
+    const uint8_t body[4] = {0xE0 | (TS_NULL_PID >> 8), TS_NULL_PID & 0xFF, 0xF0, 0x00};
     put_section(pkt, kPmtPid, cc, 0x02, kProgram, body, sizeof body);
 }
 
@@ -93,23 +93,19 @@ bool parse_count(const char* text, unsigned long long& out) {
     return errno == 0 && end != nullptr && *end == '\0';
 }
 
-// Reports a failed write with what reached the file, and closes it; returns
-// the exit status.
-int write_failed(FILE* fp, const char* name) {
+// Reports a failed write with what reached the file; ends the process with status 1.
+[[noreturn]] void write_failed(FILE* fp, const char* name) {
     const int err = errno;
     struct stat st{};
     const long long bytes = fstat(fileno(fp), &st) == 0 ? static_cast<long long>(st.st_size) : -1;
-    std::fprintf(stderr, "tsgen: write to \"%s\" failed after %lld bytes (%lld whole packets): %s\n", name, bytes,
-                 bytes / static_cast<long long>(kPacket), std::strerror(err));
-    std::fclose(fp);
-    return 1;
+    companion::fail("write to \"%s\" failed after %lld bytes (%lld whole packets): %s", name, bytes,
+                    bytes / static_cast<long long>(kPacket), std::strerror(err));
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    // A file-size limit makes a write fail with its error instead of ending the process.
-    std::signal(SIGXFSZ, SIG_IGN);
+    companion::start("tsgen");
     const char* out_name = nullptr;
     unsigned long long packets = 10000;
     for (int i = 1; i < argc; ++i) {
@@ -118,32 +114,21 @@ int main(int argc, char** argv) {
             std::fputs(kUsage, stdout);
             return 0;
         }
-        if ((a == "-o" || a == "-n") && i + 1 >= argc) {
-            std::fprintf(stderr, "tsgen: option %s needs a value (tsgen -h for usage)\n", a.c_str());
-            return 2;
-        }
+        if ((a == "-o" || a == "-n") && i + 1 >= argc)
+            companion::fail_status(2, "option %s needs a value (tsgen -h for usage)", a.c_str());
         if (a == "-o") {
             out_name = argv[++i];
         } else if (a == "-n") {
-            if (!parse_count(argv[++i], packets) || packets > 100000000ull) {
-                std::fprintf(stderr, "tsgen: -n takes a whole number of packets from 0 to 100000000, not \"%s\"\n",
-                             argv[i]);
-                return 2;
-            }
+            if (!parse_count(argv[++i], packets) || packets > 100000000ull)
+                companion::fail_status(2, "-n takes a whole number of packets from 0 to 100000000, not \"%s\"",
+                                       argv[i]);
         } else {
-            std::fprintf(stderr, "tsgen: unknown argument \"%s\" (tsgen -h for usage)\n", a.c_str());
-            return 2;
+            companion::fail_status(2, "unknown argument \"%s\" (tsgen -h for usage)", a.c_str());
         }
     }
-    if (out_name == nullptr) {
-        std::fprintf(stderr, "tsgen: no output file given (usage: tsgen -o FILE [-n PACKETS])\n");
-        return 2;
-    }
+    if (out_name == nullptr) companion::fail_status(2, "no output file given (usage: tsgen -o FILE [-n PACKETS])");
     FILE* fp = std::fopen(out_name, "wb");
-    if (fp == nullptr) {
-        std::fprintf(stderr, "tsgen: can't create \"%s\": %s\n", out_name, std::strerror(errno));
-        return 2;
-    }
+    if (fp == nullptr) companion::fail_status(2, "can't create \"%s\": %s", out_name, std::strerror(errno));
 
     // Continuity counters of the PAT, the PMT and the null packets. ISO 13818-1
     // exempts null packets from the rule; they are counted anyway so that a
@@ -158,15 +143,12 @@ int main(int argc, char** argv) {
         } else if (slot == 1) {
             put_pmt(pkt.data(), cc_pmt++);
         } else {
-            put_header(pkt.data(), kNullPid, false, cc_null++);
+            put_header(pkt.data(), TS_NULL_PID, false, cc_null++);
             for (size_t i = 4; i < kPacket; ++i) pkt[i] = prbs.next_byte();
         }
-        if (std::fwrite(pkt.data(), 1, kPacket, fp) != kPacket) return write_failed(fp, out_name);
+        if (std::fwrite(pkt.data(), 1, kPacket, fp) != kPacket) write_failed(fp, out_name);
     }
-    if (std::fflush(fp) != 0) return write_failed(fp, out_name);
-    if (std::fclose(fp) != 0) {
-        std::fprintf(stderr, "tsgen: closing \"%s\" failed: %s\n", out_name, std::strerror(errno));
-        return 1;
-    }
+    if (std::fflush(fp) != 0) write_failed(fp, out_name);
+    if (std::fclose(fp) != 0) companion::fail("closing \"%s\" failed: %s", out_name, std::strerror(errno));
     return 0;
 }

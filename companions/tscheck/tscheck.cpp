@@ -17,17 +17,17 @@
 #include <string>
 #include <vector>
 
-#include "prbs23.hpp"
+#include "companion.hpp"
+#include "frame/version.hpp"
+#include "ts.hpp"
 
 namespace {
 
 constexpr const char* kProg = "tscheck";
-constexpr const char* kVersion = "2.1b";
-constexpr size_t kPacket = 188;
-constexpr uint8_t kSync = 0x47;
+constexpr size_t kPacket = TS_PACKET;
+constexpr uint8_t kSync = TS_SYNC;
 constexpr int kLockSyncs = 5;    // consecutive sync bytes that lock the packet sync
 constexpr int kUnlockMisses = 2;  // consecutive missing sync bytes that lose it
-constexpr unsigned kNullPid = 0x1FFF;
 constexpr unsigned kPayloadBits = 184 * 8;
 // The PRBS is found when the 1449 bits that follow the 23 loaded from a payload
 // differ in at most a tenth of them (a payload of any other content differs in
@@ -99,7 +99,7 @@ public:
     void packet(const uint8_t* p, uint64_t number) {
         ++packets;
         const unsigned pid = (p[1] & 0x1Fu) << 8 | p[2];
-        const bool prbs_packet = pid == kNullPid && (p[3] & 0x30) == 0x10;  // payload only
+        const bool prbs_packet = pid == TS_NULL_PID && (p[3] & 0x30) == 0x10;  // payload only
         if (!started) {
             if (!prbs_packet || !lock(p + 4)) {
                 ++leading;
@@ -183,23 +183,18 @@ private:
 }  // namespace
 
 int main(int argc, char** argv) {
+    companion::start(kProg);
     if (argc == 2 && (std::strcmp(argv[1], "-h") == 0 || std::strcmp(argv[1], "--help") == 0)) {
         std::fputs(kUsage, stdout);
         return 0;
     }
     if (argc == 2 && std::strcmp(argv[1], "-V") == 0) {
-        std::printf("%s %s\n", kProg, kVersion);
+        companion::print_version();
         return 0;
     }
-    if (argc != 2) {
-        std::fprintf(stderr, "%s: give one transport stream file (usage: tscheck FILE.ts)\n", kProg);
-        return 2;
-    }
+    if (argc != 2) companion::fail_status(2, "give one transport stream file (usage: tscheck FILE.ts)");
     FILE* fp = std::fopen(argv[1], "rb");
-    if (fp == nullptr) {
-        std::fprintf(stderr, "%s: can't read \"%s\": %s\n", kProg, argv[1], std::strerror(errno));
-        return 2;
-    }
+    if (fp == nullptr) companion::fail_status(2, "can't read \"%s\": %s", argv[1], std::strerror(errno));
     Input in(fp);
     Checker c;
     uint64_t pos = 0;
@@ -236,17 +231,13 @@ int main(int argc, char** argv) {
         pos += kPacket;
     }
     in.has(pos, pos + 1);
-    if (in.error() != 0) {
-        std::fprintf(stderr, "%s: reading \"%s\" failed: %s\n", kProg, argv[1], std::strerror(in.error()));
-        std::fclose(fp);
-        return 2;
-    }
+    if (in.error() != 0) companion::fail_status(2, "reading \"%s\" failed: %s", argv[1], std::strerror(in.error()));
     std::fclose(fp);
     // Bytes after the last packet: not enough for a packet, or never in sync.
     uint64_t trailing = 0;
     while (in.has(pos + trailing, pos + trailing + 1)) ++trailing;
 
-    std::printf("%s %s: %s\n", kProg, kVersion, argv[1]);
+    std::printf("%s %s: %s\n", kProg, TERVANE_VERSION, argv[1]);
     std::printf("Sync: %llu packets; %llu bytes out of sync skipped, %llu bytes after the last packet; "
                 "%llu corrupted sync bytes\n",
                 ull(c.packets), ull(c.skipped),
