@@ -124,7 +124,7 @@ void chain_create() {
 
 }
 
-bool chain_pass() {
+bool chain_pass_to_samples() {
     const dvbt_parms_t& p = dvbt_parms;
     const bool hier = dvbt_hierarchical();
     const uint16_t rate_hp = static_cast<uint16_t>(hier ? p.rate_hp : p.rate);
@@ -147,15 +147,18 @@ bool chain_pass() {
     moved += static_cast<uint32_t>(qam_map(si_buf, ma_buf, malen, ma_fp));
     moved += piltps_add(ma_buf, fd_buf, fdlen, fd_fp);
     moved += ofdm_mod(fd_buf, td_buf, tdlen, nullptr);
-    if (p.interp != 0) {
-        moved += transmit(td_buf, tx_buf, tdlen, nullptr);
-        moved += static_cast<uint32_t>(time_dump(tx_buf, td_fp, tdI_fp, tdQ_fp, 400000));
-    } else {
-        moved += static_cast<uint32_t>(time_dump(td_buf, td_fp, tdI_fp, tdQ_fp, 400000));
-    }
+    if (p.interp != 0) moved += transmit(td_buf, tx_buf, tdlen, nullptr);
     return moved != 0;
 }
 
+dvbVect* chain_input(bool lp) { return lp ? mpeg2ts_lp_buf : mpeg2ts_hp_buf; }
+
+dvbVect* chain_samples() { return dvbt_parms.interp != 0 ? tx_buf : td_buf; }
+
+bool chain_pass() {
+    const bool moved = chain_pass_to_samples();
+    return time_dump(chain_samples(), td_fp, tdI_fp, tdQ_fp, TIME_DUMP_MAX) != 0 || moved;
+}
 
 void chain_destroy() {
     dvbVect** all[] = {&prbs_hp,   &prbs_lp,   &mpeg2ts_hp_buf, &mpeg2ts_lp_buf, &ed_hp_buf, &ed_lp_buf,

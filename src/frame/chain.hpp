@@ -4,6 +4,8 @@
 
 #include <cstdint>
 
+#include "vectors/manage.hpp"
+
 // Clamps packnum to 5..1000 and derives every buffer length from it and from
 // the constellation as it stands.
 void chain_set_lengths();
@@ -15,6 +17,14 @@ void chain_create();
 
 // Calls every stage once, in chain order; returns whether anything moved.
 bool chain_pass();
+
+// The same pass without the writing of the samples, for a program that takes
+// them from chain_samples() itself; its input rings, chain_input(false) (HP or
+// NH) and chain_input(true) (LP), are read from the input files when these are
+// open, else filled by that program.
+bool chain_pass_to_samples();
+dvbVect* chain_input(bool lp);
+dvbVect* chain_samples();
 
 // Destroys every stream buffer (the ones never created too).
 void chain_destroy();

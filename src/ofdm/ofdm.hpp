@@ -16,6 +16,9 @@ void init_ifft();
 // then the useful part). maxlen counts input cells. Returns the cells consumed.
 uint32_t ofdm_mod(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump);
 
+// The most samples one call of time_dump writes.
+inline constexpr uint32_t TIME_DUMP_MAX = 400000;
+
 // Writes at most maxlen samples in the chosen format and prints the progress
 // line. Returns the number of samples consumed.
 int32_t time_dump(dvbVect* in, FILE* td_fp, FILE* tdI_fp, FILE* tdQ_fp, uint32_t maxlen);
