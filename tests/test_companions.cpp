@@ -1,8 +1,13 @@
-// The test-stream generator, run as a program: packets, PSI sections with
-// their CRC, continuity counters, the PRBS payload and its error handling.
+// The companions as programs: the one version and the transmitter's tables in
+// every program of both languages; the test-stream generator's packets, PSI
+// sections with their CRC, continuity counters, PRBS payload and errors.
 
 #include <map>
+#include <sstream>
 
+#include "frame/params.hpp"
+#include "frame/version.hpp"
+#include "ofdm/framing.hpp"
 #include "util.hpp"
 
 namespace {
@@ -12,6 +17,35 @@ uint32_t crc_bitwise(const unsigned char* p, size_t n) {
     uint32_t crc = 0xFFFFFFFFu;
     for (size_t i = 0; i < 8 * n; ++i) crc = (crc << 1) ^ (((crc >> 31) ^ (p[i / 8] >> (7 - i % 8) & 1u)) != 0 ? 0x04C11DB7u : 0);
     return crc;
+}
+
+// The version comes from the build files, the tables from the C++ ones: every
+// program shows what that one place holds.
+TEST(Companions, ShowTheOneVersionAndTheTransmittersTables) {
+    tu::TempDir dir;
+    const std::string build = TERVANE_BUILD_DIR;
+    EXPECT_TRUE(tu::contains(tu::tervane(dir.path, {"-V"}).out, "Tervane v. " TERVANE_VERSION " Linux"));
+    for (const std::string prog : {"tscheck", "tervane-channel", "tervane-view", "tervane-rx", "tervane-waterfall"}) {
+        const auto r = tu::run(dir.path, build + "/" + prog, {"-V"});
+        EXPECT_EQ(r.out, prog + " " TERVANE_VERSION "\n") << tu::read_text(dir / "err.txt");
+        EXPECT_EQ(r.status, 0) << prog;
+    }
+    // Python reads the version, the 8k continual pilots and the sample rates from the generated module.
+    const auto py = tu::run(dir.path, "/usr/bin/python3",
+                            {"-c", "import sys; sys.path.insert(0, '" + build + "/python'); "
+                                   "from tervane_companions import tables as t; "
+                                   "print(t.VERSION, *t.CPILOT, *('%.17g' % x for x in t.FS))"});
+    std::ostringstream want;
+    want << TERVANE_VERSION;
+    for (int32_t k : cpilot) want << ' ' << k;
+    for (uint32_t band = 0; band < 4; ++band) {
+        char text[40];
+        std::snprintf(text, sizeof text, "%.17g", dvbSampleRate(band, 0));
+        want << ' ' << text;
+    }
+    EXPECT_EQ(py.out, want.str() + "\n") << tu::read_text(dir / "err.txt");
+    for (uint32_t band = 0; band < 4; ++band)
+        EXPECT_EQ(static_cast<float>(dvbSampleRate(band, 0)), dvbt_fs[band]) << "the float table and the exact rate agree";
 }
 
 TEST(Tsgen, PacketsTablesCountersAndPrbs) {
