@@ -4,7 +4,7 @@
 # memory of the process every second and checks that it stays flat and that
 # the progress line reaches 100%.
 #
-#   tools/soak.sh [BUILD_DIR] [PACKETS]
+#   tests/soak.sh [BUILD_DIR] [PACKETS]
 #
 # BUILD_DIR holds the built tervane and tsgen (default: build-rel, then build);
 # PACKETS is the stream length in 188-byte packets (default 5712000, 1.07 GB).
