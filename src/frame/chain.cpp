@@ -60,8 +60,8 @@ void chain_set_lengths() {
     if (packnum > 1000) packnum = 1000;
     if (packnum < 5) packnum = 5;
     const auto packets = static_cast<uint32_t>(packnum);
-    mpeg2len = 188u * packets;
-    rslen = 204u * packets;
+    mpeg2len = TS_PACKET * packets;
+    rslen = RS_PACKET * packets;
     cilen = rslen;
     velen = 16u * rslen;
     pulen = velen;
@@ -174,6 +174,8 @@ int32_t chain_min_packnum(uint32_t requested_M) {
     const uint32_t symbol_len = F + static_cast<uint32_t>(static_cast<float>(F) * dvbt_guardfrac[dvbt_parms.delta]);
     const uint32_t cells = symbol_len > K ? symbol_len : K;
     const auto bps = static_cast<uint32_t>(dvbt_bitpersymb[requested_M]);
-    return static_cast<int32_t>((cells * bps + 3263u) / 3264u);
+    // One packet in the batch is 16 coded bits per byte of its RS packet in every bit ring.
+    constexpr uint32_t bits_per_packet = 16u * RS_PACKET;
+    return static_cast<int32_t>((cells * bps + bits_per_packet - 1) / bits_per_packet);
 }
 

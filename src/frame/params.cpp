@@ -3,6 +3,8 @@
 
 #include <cmath>
 
+#include "outer/outer_coder.hpp"
+
 dvbt_parms_t dvbt_parms{};
 
 char* mpeg2ts_fname = nullptr;
@@ -30,11 +32,12 @@ void settle_parms() {
 
 void compute_rates() {
     // In double from the single-precision tables; RS(204,188) as the float 188/204.
+    static_assert(static_cast<float>(TS_PACKET) / static_cast<float>(RS_PACKET) == 0.92156863f);
     const dvbt_parms_t& p = dvbt_parms;
     const double fs = dvbt_fs[p.band];
     const double fft = dvbt_fftsize[p.mode];
     const double guard = dvbt_guardfrac[p.delta];
-    const double rs_ratio = 0.92156863f;
+    const double rs_ratio = static_cast<float>(TS_PACKET) / static_cast<float>(RS_PACKET);
     f_s = static_cast<float>(fs);
     T_s = static_cast<float>(1.0 / fs);
     const double Rc = fs / (1.0 + guard) * dvbt_N[p.mode] / fft;

@@ -94,7 +94,6 @@ void bi_block(const uint8_t* hp, const uint8_t* lp) {
 constexpr uint32_t SI_MAX = 6048;
 
 std::array<uint32_t, SI_MAX> H{};
-uint32_t H_len = 0;
 std::array<uint8_t, SI_MAX> ib{};      // one block of output words being assembled
 std::array<uint8_t, SI_MAX> si_in{};   // one block of input words that crosses the ring end
 int32_t sym_num = 0;
@@ -193,7 +192,6 @@ int32_t dvbSymIntAddrGenerate() {
         for (uint32_t j = 0; j < rbits; j++) addr += static_cast<uint32_t>(R[j]) << p.perm[j];
         if (addr < p.Nmax) H[q++] = addr;
     }
-    H_len = q;
     return 0;
 }
 
@@ -221,7 +219,7 @@ int32_t symbol_interleave(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump
         else
             w = dvbRingPut(out, w, ib.data(), N);
         if (dump != nullptr) std::fwrite(dst, 1, N, dump);
-        sym_num = (sym_num + 1) % 68;
+        sym_num = (sym_num + 1) % dvbt_frame_symbols;
     }
 
     const uint32_t n = N * B;
@@ -231,6 +229,5 @@ int32_t symbol_interleave(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump
     return static_cast<int32_t>(n);
 }
 
-std::span<const uint32_t> dvbSymIntTable() { return {H.data(), H_len}; }
 
 int32_t dvbSymIntBlockNum() { return sym_num; }

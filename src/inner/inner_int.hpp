@@ -25,7 +25,5 @@ int32_t dvbSymIntAddrGenerate();
 // moved.
 int32_t symbol_interleave(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump);
 
-// Read-only views for inspection: the valid entries of H as last built, and
-// the block counter (0..67) that selects the direction of the next block.
-std::span<const uint32_t> dvbSymIntTable();
+// The block counter (0..67) that selects the direction of the next block.
 int32_t dvbSymIntBlockNum();

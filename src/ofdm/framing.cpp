@@ -8,9 +8,9 @@
 
 namespace {
 
-constexpr uint32_t max_K = 6817;
-constexpr int32_t frame_symbols = 68;
-constexpr int32_t superframe_frames = 4;
+constexpr uint32_t max_K = dvbt_K.back();
+constexpr int32_t frame_symbols = dvbt_frame_symbols;
+constexpr int32_t superframe_frames = dvbt_superframe_frames;
 
 // Reference sequence: x^11 + x^2 + 1 with all cells one, first output on carrier 0.
 constexpr std::array<uint8_t, max_K> w = [] {
@@ -186,7 +186,7 @@ uint32_t piltps_add(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump) {
     return n * N;
 }
 
-std::span<const uint8_t, 6817> framing_w() { return std::span<const uint8_t, 6817>(w); }
+std::span<const uint8_t, max_K> framing_w() { return std::span<const uint8_t, max_K>(w); }
 std::span<const uint8_t, 68> framing_s() { return std::span<const uint8_t, 68>(s); }
 std::span<const float, 68> framing_tps_ampl() { return std::span<const float, 68>(tps_ampl); }
 int32_t framing_sym_num() { return sym_num; }

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstring>
+#include <numbers>
 
 #include "frame/files.hpp"
 #include "frame/params.hpp"
@@ -15,8 +16,8 @@
 
 namespace {
 
-constexpr uint32_t max_F = 8192;
-constexpr uint32_t max_K = 6817;
+constexpr uint32_t max_F = dvbt_fftsize.back();
+constexpr uint32_t max_K = dvbt_K.back();
 constexpr int32_t max_stages = 13;
 constexpr std::array<int32_t, 3> bit_num{11, 12, 13};
 
@@ -323,7 +324,6 @@ bool cpu_has_avx512() { return dvbUseAvx512(); }
 
 // The form the modulator uses, chosen once by init_ifft.
 void (*symbol_fn)(const dvbComplex*, dvbComplex*) = symbol_generic;
-void (*ifft_fn)(dvbComplex*) = ofdm_ifft_generic;
 
 // Running state of the sample output.
 float wsymb = 0.0f;
@@ -488,7 +488,7 @@ void init_ifft() {
     }
     gather_mapping = -1;
 
-    const float two_pi = 6.2831855f;
+    constexpr auto two_pi = static_cast<float>(2.0 * std::numbers::pi);
     for (int32_t v = 1; v <= stages; v++) {
         const float theta = two_pi / static_cast<float>(1u << v);
         const double two_theta = -2.0 * static_cast<double>(theta);
@@ -517,7 +517,6 @@ void init_ifft() {
     // processors split 512-bit operations in two). All give the same values.
     build_gather(dvbt_parms.ifftmm);
     symbol_fn = symbol_generic;
-    ifft_fn = ofdm_ifft_generic;
     double best = 0.0;
     for (const ofdm_ifft_form& f : ofdm_ifft_forms()) {
         if (!f.available || f.transform == ofdm_ifft_reference) continue;
@@ -532,7 +531,6 @@ void init_ifft() {
         if (best == 0.0 || t < best) {
             best = t;
             symbol_fn = f.symbol;
-            ifft_fn = f.transform;
         }
     }
 }
@@ -574,8 +572,6 @@ void ofdm_ifft_generic(dvbComplex* buf) {
         }
     }
 }
-
-void ofdm_ifft(dvbComplex* buf) { ifft_fn(buf); }
 
 uint32_t ofdm_mod(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump) {
     if (in->fill == 0 || out->fill == out->len) return 0;
@@ -644,9 +640,9 @@ int32_t time_dump(dvbVect* in, FILE* td_fp, FILE* tdI_fp, FILE* tdQ_fp, uint32_t
     const float s_c = x / S;
     wsymb = wsymb + s_c;
     const auto s = static_cast<int32_t>(wsymb);
-    sym_num = s % 68;
-    frame_num = (s / 68) % 4;
-    superframe_num = s / 272;
+    sym_num = s % dvbt_frame_symbols;
+    frame_num = (s / dvbt_frame_symbols) % dvbt_superframe_frames;
+    superframe_num = s / dvbt_superframe_symbols;
 
     constexpr float k = 188.0f / 1632.0f;
     const auto N = static_cast<float>(dvbt_N[p.mode]);

@@ -24,19 +24,18 @@ inline constexpr uint32_t TIME_DUMP_MAX = 400000;
 int32_t time_dump(dvbVect* in, FILE* td_fp, FILE* tdI_fp, FILE* tdQ_fp, uint32_t maxlen);
 
 // The unnormalised inverse transform of the current mode, in place, on F values
-// given in bit-reversed order; the result is in natural order. ofdm_ifft is the
-// form the modulator uses; ofdm_ifft_reference is the plain form it must match
-// bit for bit. ofdm_ifft runs the widest vector form the processor offers;
-// ofdm_ifft_generic is the form used when it offers none beyond the baseline.
-void ofdm_ifft(dvbComplex* buf);
+// given in bit-reversed order; the result is in natural order.
+// ofdm_ifft_reference is the plain form every other must match bit for bit;
+// ofdm_ifft_generic the form that runs on any processor.
 void ofdm_ifft_generic(dvbComplex* buf);
 void ofdm_ifft_reference(dvbComplex* buf);
 
 // Every form of the transform this build has, the plain one first, and whether
-// the processor runs it: transform works in place as ofdm_ifft does; symbol
-// places the K cells of one symbol on their bins (the frequency mapping of the
-// current parameters, as ofdm_mod does) and transforms them into dst[0 .. F-1].
-// init_ifft picks the last available one for the modulator.
+// the processor runs it: transform works in place; symbol places the K cells of
+// one symbol on their bins (the frequency mapping of the current parameters, as
+// ofdm_mod does) and transforms them into dst[0 .. F-1]. init_ifft gives the
+// modulator the available form, other than the reference, that transforms a
+// test symbol fastest on this processor.
 struct ofdm_ifft_form {
     const char* name;
     bool available;

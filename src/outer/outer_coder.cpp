@@ -7,9 +7,9 @@
 
 namespace {
 
-constexpr uint32_t PKT_IN = 188;
-constexpr uint32_t PKT_OUT = 204;
-constexpr uint32_t NPAR = 16;
+constexpr uint32_t PKT_IN = TS_PACKET;
+constexpr uint32_t PKT_OUT = RS_PACKET;
+constexpr uint32_t NPAR = RS_PACKET - TS_PACKET;
 constexpr uint32_t GROUP = 4;  // packets coded together
 
 // Packets that cross the end of the input ring, copied out whole.

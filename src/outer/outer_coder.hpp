@@ -4,7 +4,11 @@
 #include <cstdint>
 #include <cstdio>
 
+#include "outer/mpeg2.hpp"
 #include "vectors/manage.hpp"
+
+// A packet after the outer code: the transport packet and its 16 parity bytes.
+inline constexpr uint32_t RS_PACKET = TS_PACKET + 16;
 
 // Codes whole 188-byte packets of in into 204-byte packets of out (the packet
 // followed by 16 parity bytes, highest degree first). maxlen limits the input

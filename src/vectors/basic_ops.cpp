@@ -85,14 +85,14 @@ void copy_scale(dvbVect* out, const dvbVect* a) {
     out->range = a->range;
 }
 
-int32_t saturate_int(double x) {
+}  // namespace
+
+int32_t dvbSaturateInt(double x) {
     if (std::isnan(x)) return 0;
     if (x >= 2147483647.0) return INT32_MAX;
     if (x <= -2147483648.0) return INT32_MIN;
     return static_cast<int32_t>(x);
 }
-
-}  // namespace
 
 unsigned dvbMultVect(dvbVect* out, const dvbVect* a, const dvbVect* b, int flag) {
     const unsigned rc = check_two(out, a, b);
@@ -156,7 +156,7 @@ unsigned dvbInvVect(dvbVect* out, const dvbVect* a) {
         const float full = std::ldexp(1.0f, static_cast<int>(a->acc) - 1);
         for (uint32_t i = 0; i < a->len; ++i) {
             const float q = full / static_cast<float>(x[i]);
-            z[i] = saturate_int(std::floor(static_cast<double>(q) + 0.5));
+            z[i] = dvbSaturateInt(std::floor(static_cast<double>(q) + 0.5));
         }
         copy_scale(out, a);
         return DVB_OK;

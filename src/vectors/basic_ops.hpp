@@ -1,6 +1,8 @@
 // Element-wise operations on signal vectors.
 #pragma once
 
+#include <cstdint>
+
 #include "vectors/manage.hpp"
 
 // Makes dst a copy of src (header fields and elements); head and fill of dst stay.
@@ -26,3 +28,7 @@ unsigned dvbMultConst(dvbVect* out, const dvbVect* a, double c);
 unsigned dvbAddConst(dvbVect* out, const dvbVect* a, int c);
 // Real: out = a + c with c rounded to a float. A Digital vector refuses this form (1).
 unsigned dvbAddConst(dvbVect* out, const dvbVect* a, double c);
+
+// A double converted to int32, saturating at the ends of the range (NaN gives
+// 0), so that extreme values never overflow the conversion.
+int32_t dvbSaturateInt(double x);

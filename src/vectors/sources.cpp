@@ -4,16 +4,9 @@
 #include <cmath>
 #include <cstring>
 
-namespace {
+#include "vectors/basic_ops.hpp"
 
-// Converts a double to int32, saturating at the ends of the range (NaN gives 0),
-// so that extreme ramps never overflow the conversion.
-int32_t saturate_int(double x) {
-    if (std::isnan(x)) return 0;
-    if (x >= 2147483647.0) return INT32_MAX;
-    if (x <= -2147483648.0) return INT32_MIN;
-    return static_cast<int32_t>(x);
-}
+namespace {
 
 // Type check and resize shared by both forms; a zero count leaves nothing to fill.
 unsigned ramp_prepare(dvbVect* v, uint32_t n, bool& fill) {
@@ -56,7 +49,7 @@ unsigned dvbLinSpaceVect(dvbVect* v, uint32_t n, int start, int end, int acc, do
     int32_t* d = dvbInts(v);
     for (uint32_t i = 0; i < n; ++i) {
         const float inc = static_cast<float>(i) * step;
-        d[i] = saturate_int(std::floor(static_cast<double>(start) + 0.5 + static_cast<double>(inc)));
+        d[i] = dvbSaturateInt(std::floor(static_cast<double>(start) + 0.5 + static_cast<double>(inc)));
     }
     return DVB_OK;
 }
