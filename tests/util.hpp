@@ -159,11 +159,11 @@ struct Verbose {
     Verbose& operator=(const Verbose&) = delete;
 };
 
-// The instruction sets of the kernels to try: the baseline, and AVX-512 where
-// the processor has it; a scope that lowers the kernels' set.
+// The instruction sets of the kernels to try: every one up to the processor's;
+// a scope that lowers the kernels' set.
 inline std::vector<dvbIsa> isas() {
-    std::vector<dvbIsa> v{DVB_ISA_BASE};
-    if (dvbCpuIsa() >= DVB_ISA_AVX512) v.push_back(DVB_ISA_AVX512);
+    std::vector<dvbIsa> v;
+    for (int isa = DVB_ISA_BASE; isa <= dvbCpuIsa(); ++isa) v.push_back(static_cast<dvbIsa>(isa));
     return v;
 }
 struct IsaScope {

@@ -6,13 +6,15 @@
 
 enum dvbIsa : int {
     DVB_ISA_BASE = 0,    // the baseline instruction set of the build
-    DVB_ISA_AVX512 = 1,  // AVX-512 F, BW, VL, DQ and VBMI, with BMI2
+    DVB_ISA_AVX = 1,     // AVX
+    DVB_ISA_AVX512 = 2,  // AVX-512 F, BW, VL, DQ and VBMI, with BMI2, besides AVX
 };
 
-// What the processor offers (asked once).
+// The widest set the processor offers (asked once, for every kernel).
 dvbIsa dvbCpuIsa();
 
 // The widest set the kernels may use; starts at the processor's.
 extern dvbIsa dvbKernelIsa;
 
+inline bool dvbUseAvx() { return dvbKernelIsa >= DVB_ISA_AVX; }
 inline bool dvbUseAvx512() { return dvbKernelIsa >= DVB_ISA_AVX512; }
