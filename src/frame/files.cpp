@@ -235,10 +235,12 @@ void open_files() {
     for (int i = 0; i < 10; ++i)
         if (std::strchr(types, dump_letters[i]) != nullptr) dumps[i] = 1;
 
+    // The stem ends at the first "." of the name's last component.
     std::string stem = DEFAULT_STEM;
     if (out_fname != nullptr) {
         stem = out_fname;
-        const size_t dot = stem.find('.');
+        const size_t slash = stem.rfind('/');
+        const size_t dot = stem.find('.', slash == std::string::npos ? 0 : slash + 1);
         if (dot != std::string::npos) stem.resize(dot);
     } else if (dumps[9] != 0) {
         dvbMsgPrint(2, "WARNING: no DAC stream file name given -> using %s.bin\n", stem.c_str());
