@@ -1,13 +1,14 @@
 // The executable seen from outside: help and version, fatal input errors, the
 // parameter report and its adjustments, the level of every kind of message,
-// the end report's figures, the log, file names, the hierarchical branches,
-// option quirks and hostile input. Every run is bounded by `timeout`.
+// the end report's figures, the log, file names, failed writes, the hierarchical
+// branches, option quirks and hostile input. Every run is bounded by `timeout`.
 
 #include <algorithm>
 #include <cmath>
 #include <cstring>
 #include <map>
 #include <regex>
+#include <set>
 #include <sstream>
 
 #include "util.hpp"
@@ -37,12 +38,16 @@ const std::string kHelp =
     "rate {1x | 2x | 4x}\n-F\tPost-IFFT format {std | agi | agiold}\n-g\tGain factor {4.20}\n-s\tInternal "
     "buffer base size {100}\n";
 
-// Runs the transmitter under `timeout`; it must end with this status (124 is a
-// hang, 128 + n a signal) and say nothing on standard error.
-tu::Result transmit(const TempDir& dir, const std::vector<std::string>& args, int status = 0) {
-    std::vector<std::string> full{"-k", "5", "60", TERVANE_EXE};
+// Runs the transmitter in dir under `timeout`, and under `ulimit -f` when a
+// limit is given; it must end with this status (124 is a hang, 128 + n a
+// signal) and say nothing on standard error.
+tu::Result transmit(const fs::path& dir, const std::vector<std::string>& args, int status = 0,
+                    const std::string& limit = "") {
+    std::vector<std::string> full{"-k", "5", "60"};
+    if (!limit.empty()) full.insert(full.end(), {"sh", "-c", "ulimit -f " + limit + " && exec \"$0\" \"$@\""});
+    full.push_back(TERVANE_EXE);
     full.insert(full.end(), args.begin(), args.end());
-    const tu::Result r = tu::run(dir.path, "timeout", full);
+    const tu::Result r = tu::run(dir, "timeout", full);
     EXPECT_EQ(r.status, status) << r.out;
     EXPECT_EQ(tu::read_text(dir / "err.txt"), "");
     return r;
@@ -267,6 +272,78 @@ TEST(Cli, FileNamesWarningsAndRefusals) {
     EXPECT_TRUE(contains(r.out, "WARNING: -s 18 is too small for this mode: no OFDM symbol fits the buffers, so no "
                                 "samples will be produced (use -s 19 or more)\n"));
     EXPECT_EQ(fs::file_size(dir / "o.bin"), 0u);
+}
+
+// The stem ends at the first "." of the name's last component: the output and
+// every dump land in the folder named, and nowhere else.
+TEST(Cli, OutputsLandWhereTheNamePoints) {
+    TempDir dir;
+    for (const char* sub : {"w/a.b", "x"}) fs::create_directories(dir / sub);
+    tu::write_file(dir / "a.ts", tu::make_ts(40));
+    for (const auto& [name, folder] : {std::pair{"./out", "w"}, {"../x/out.dat", "x"}, {"a.b/out", "w/a.b"}, {"out.dat", "w"}}) {
+        transmit(dir / "w", {"-i", "../a.ts", "-o", name, "-d", "ercvpbsmft", "-v", "0"});
+        std::set<std::string> made, expected;
+        for (const char* suffix : {"", "_ed", "_rs", "_ci", "_ve", "_pu", "_bi", "_si", "_ma", "_fd"})
+            expected.insert(std::string(folder) + "/out" + suffix + ".bin");
+        for (const auto& e : fs::recursive_directory_iterator(dir.path))
+            if (e.path().string().ends_with(".bin")) made.insert(fs::relative(e.path(), dir.path).string());
+        EXPECT_EQ(made, expected) << name;
+        for (const std::string& f : made) fs::remove(dir / f);
+    }
+}
+
+// A failed write is told once per file with what the file holds and the
+// system's reason; the run goes on to its end report and exits with 2, and the
+// other files are whole. The log's own failure is told on the screen only.
+TEST(Cli, FailedWritesAreToldAndEndWithStatus2) {
+    TempDir dir;
+    tu::write_file(dir / "a.ts", tu::make_ts(200));
+    tu::write_file(dir / "small.ts", tu::make_ts(10));
+    for (const char* name : {"o.bin", "d_ed.bin", "c_ed.bin", "f_Q.bin", "full.log"}) fs::create_symlink("/dev/full", dir / name);
+    const std::string full = "No space left on device";
+    auto warned = [](const std::string& out, const std::string& warning) {
+        EXPECT_TRUE(contains(out, warning + "\n")) << out;
+        EXPECT_EQ(out.find("WARNING: writing"), out.rfind("WARNING: writing")) << out;
+    };
+    transmit(dir, {"-i", "a.ts", "-o", "ref", "-d", "et"});
+    auto r = transmit(dir, {"-i", "a.ts", "-o", "o", "-d", "et"}, 2);
+    warned(r.out, "WARNING: writing \"o.bin\" failed after 0 samples: " + full);
+    EXPECT_TRUE(contains(r.out, "Theoretical global rate = "));
+    EXPECT_EQ(tu::log_body(tu::read_text(dir / "test.log")), r.out + std::string(48, '_') + "\n\n");
+    EXPECT_EQ(tu::read_file(dir / "o_ed.bin"), tu::read_file(dir / "ref_ed.bin"));
+    warned(transmit(dir, {"-i", "a.ts", "-o", "d", "-d", "et"}, 2).out, "WARNING: writing \"d_ed.bin\" failed after 0 bytes: " + full);
+    EXPECT_EQ(tu::read_file(dir / "d.bin"), tu::read_file(dir / "ref.bin"));
+    // A dump that fits the stream's buffer fails when it is flushed at the end.
+    warned(transmit(dir, {"-i", "small.ts", "-o", "c", "-d", "e", "-s", "5"}, 2).out, "WARNING: writing \"c_ed.bin\" failed after 0 bytes: " + full);
+    // Q on a full device: I, written first, is cut to as many codes, none.
+    warned(transmit(dir, {"-i", "a.ts", "-o", "f", "-d", "t", "-F", "agiold"}, 2).out,
+           "WARNING: writing \"f_Q.bin\" failed after 0 samples: " + full + "; \"f_I.bin\" kept at the same 0 samples");
+    EXPECT_EQ(fs::file_size(dir / "f_I.bin"), 0u);
+    r = transmit(dir, {"-i", "a.ts", "-o", "g", "-d", "t", "-l", "full.log"});
+    EXPECT_TRUE(r.out.ends_with("real-time ;=)\nWARNING: writing \"full.log\" failed after 0 bytes: " + full + "\n")) << r.out;
+    EXPECT_EQ(tu::read_file(dir / "g.bin"), tu::read_file(dir / "ref.bin"));
+
+    // Under a file-size limit each format stops part-way: the files hold the
+    // counted whole samples, the start of the complete output (I and Q alike).
+    const std::regex limited("WARNING: writing \"l(\\w*)\\.bin\" failed after (\\d+) samples: File too large"
+                             "(?:; \"l_Q\\.bin\" kept at the same (\\d+) samples)?\n");
+    for (const auto& [format, suffixes, bytes] : {std::tuple{"std", std::vector<std::string>{""}, 8u},
+                                                  {"agi", {"_agi"}, 4u}, {"agiold", {"_I", "_Q"}, 2u}}) {
+        transmit(dir, {"-i", "a.ts", "-o", "whole", "-d", "t", "-F", format});
+        r = transmit(dir, {"-i", "a.ts", "-o", "l", "-d", "t", "-F", format}, 2, "64");
+        std::smatch m;
+        ASSERT_TRUE(std::regex_search(r.out, m, limited)) << r.out;
+        warned(r.out, m.str(0).substr(0, m.length(0) - 1));
+        EXPECT_EQ(m.str(1), suffixes[0]);
+        EXPECT_EQ(m.str(3), suffixes.size() == 2 ? m.str(2) : "");
+        for (const std::string& suffix : suffixes) {
+            const tu::Bytes part = tu::read_file(dir / ("l" + suffix + ".bin"));
+            const tu::Bytes whole = tu::read_file(dir / ("whole" + suffix + ".bin"));
+            EXPECT_EQ(part.size(), std::stoull(m.str(2)) * bytes) << format;
+            ASSERT_TRUE(!part.empty() && part.size() < whole.size()) << format;
+            EXPECT_TRUE(std::equal(part.begin(), part.end(), whole.begin())) << format << suffix;
+        }
+    }
 }
 
 // Degenerate and malformed streams end normally with whole symbols of finite samples.

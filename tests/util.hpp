@@ -41,6 +41,7 @@ struct TempDir {
     TempDir(const TempDir&) = delete;
     TempDir& operator=(const TempDir&) = delete;
     fs::path operator/(const std::string& name) const { return path / name; }
+    operator const fs::path&() const { return path; }
 };
 
 struct Result {

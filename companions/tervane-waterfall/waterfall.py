@@ -90,7 +90,7 @@ def programs():
 
 
 def run(cwd, args, ok=(0,)):
-    """Runs a program; its standard output and exit status."""
+    """Runs a program; its output and status. A status not in ok fails (tervane's 2: an incomplete output)."""
     r = subprocess.run(args, cwd=cwd, capture_output=True, text=True)
     if r.returncode not in ok:
         last = (r.stderr.strip() or r.stdout.strip() or "no message").splitlines()[-1]

@@ -2,9 +2,13 @@
 #include "frame/files.hpp"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <string>
 
 #include "frame/params.hpp"
@@ -30,6 +34,90 @@ constexpr size_t NAME_MAX_CHARS = 126;
 constexpr const char* DEFAULT_STEM = "tervane";
 
 constexpr char dump_letters[] = "ercvpbsmft";
+
+// A file the run writes, with what its warning counts.
+struct Written {
+    FILE* fp;
+    std::string name;
+    const char* unit;    // "samples" or "bytes"
+    uint32_t unit_size;  // bytes per unit
+    bool screen_only;    // the log: its own failure is told on the screen only
+    bool failed = false;
+    Written* partner = nullptr;  // the other file of the "agiold" pair
+};
+// Registered at start-up only; a deque keeps the partners' addresses.
+std::deque<Written> written;
+
+Written* find_written(FILE* fp) {
+    for (Written& w : written)
+        if (fp != nullptr && w.fp == fp) return &w;
+    return nullptr;
+}
+
+// Bytes the file holds once its buffer is flushed: the size of a regular file,
+// 0 for a device or a pipe.
+uint64_t held_bytes(FILE* fp) {
+    std::fflush(fp);
+    struct stat st{};
+    return fstat(fileno(fp), &st) == 0 && S_ISREG(st.st_mode) ? static_cast<uint64_t>(st.st_size) : 0;
+}
+
+// Shortens the file to len bytes when it holds more; returns what it holds.
+uint64_t cut(FILE* fp, uint64_t len) {
+    const uint64_t held = held_bytes(fp);
+    return held > len && ftruncate(fileno(fp), static_cast<off_t>(len)) == 0 ? len : held;
+}
+
+void warn(Written& w, uint64_t held, int err, const std::string& also) {
+    w.failed = true;
+    const char* format = "WARNING: writing \"%s\" failed after %llu %s: %s%s\n";
+    const auto count = static_cast<unsigned long long>(held / w.unit_size);
+    const char* reason = std::strerror(err != 0 ? err : EIO);
+    if (w.screen_only)
+        std::printf(format, w.name.c_str(), count, w.unit, reason, also.c_str());
+    else
+        dvbMsgPrint(0, format, w.name.c_str(), count, w.unit, reason, also.c_str());
+}
+
+// The first failure of an open file: it keeps whole units only, and the two
+// files of a pair keep the same number.
+void fail(Written& w, int err) {
+    uint64_t keep = held_bytes(w.fp);
+    if (w.partner != nullptr) {
+        w.partner->failed = true;
+        keep = std::min(keep, held_bytes(w.partner->fp));
+    }
+    keep -= keep % w.unit_size;
+    const uint64_t held = cut(w.fp, keep);
+    std::string also;
+    if (w.partner != nullptr)
+        also = "; \"" + w.partner->name + "\" kept at the same " +
+               std::to_string(cut(w.partner->fp, keep) / w.partner->unit_size) + " " + w.partner->unit;
+    warn(w, held, err, also);
+}
+
+// What the buffer still holds must reach the file.
+void flush_checked(Written& w) {
+    errno = 0;
+    if (!w.failed && (std::fflush(w.fp) != 0 || std::ferror(w.fp) != 0)) fail(w, errno);
+}
+
+// A write that takes fewer elements than asked is the file's first failure.
+template <typename Write>
+size_t checked(FILE* fp, size_t n, Write write) {
+    if (fp == nullptr || file_failed(fp)) return n;
+    errno = 0;
+    const size_t done = write();
+    if (done < n) fail_file(fp, errno);
+    return done;
+}
+
+void close_checked(Written& w) {
+    const uint64_t held = held_bytes(w.fp);
+    errno = 0;
+    if (std::fclose(w.fp) != 0 && !w.failed) warn(w, held, errno, "");
+    w.fp = nullptr;
+}
 
 // A named file is an input only when it is a regular file (or a device or pipe
 // that can be read); a directory opens under Linux but cannot be read.
@@ -72,7 +160,8 @@ bool is_input(const char* name) {
 // not fit the name buffer, a name that is one of the inputs (creating it would
 // destroy the stream being read) or a file that cannot be created is skipped
 // with a warning.
-FILE* open_dump(const std::string& stem, const char* suffix, const char* message) {
+FILE* open_dump(const std::string& stem, const char* suffix, const char* message, const char* unit = "bytes",
+               uint32_t unit_size = 1) {
     const std::string name = stem + suffix;
     if (message != nullptr) dvbMsgPrint(2, message, name.c_str());
     if (name.size() > NAME_MAX_CHARS) {
@@ -85,7 +174,10 @@ FILE* open_dump(const std::string& stem, const char* suffix, const char* message
         return nullptr;
     }
     FILE* fp = std::fopen(name.c_str(), "wb");
-    if (fp == nullptr) dvbMsgPrint(0, "WARNING: Can't open \"%s\" -> skipping ...\n", name.c_str());
+    if (fp == nullptr)
+        dvbMsgPrint(0, "WARNING: Can't open \"%s\" -> skipping ...\n", name.c_str());
+    else
+        track_file(fp, name.c_str(), unit, unit_size, false);
     return fp;
 }
 
@@ -130,10 +222,12 @@ void open_files() {
     for (int i = 0; i < 10; ++i)
         if (std::strchr(types, dump_letters[i]) != nullptr) dumps[i] = 1;
 
+    // The stem ends at the first "." of the name's last component.
     std::string stem = DEFAULT_STEM;
     if (out_fname != nullptr) {
         stem = out_fname;
-        const size_t dot = stem.find('.');
+        const size_t slash = stem.rfind('/');
+        const size_t dot = stem.find('.', slash == std::string::npos ? 0 : slash + 1);
         if (dot != std::string::npos) stem.resize(dot);
     } else if (dumps[9] != 0) {
         dvbMsgPrint(2, "WARNING: no DAC stream file name given -> using %s.bin\n", stem.c_str());
@@ -175,21 +269,66 @@ void open_files() {
         tdstream_sf = dvbIntegerScale(dvbt_parms.dumpformat, dvbt_parms.mode, dvbt_parms.gain);
         switch (dvbt_parms.dumpformat) {
         case 0:
-            td_fp = open_dump(stem, ".bin", "Time domain dumping selected - Standard format: %s\n");
+            td_fp = open_dump(stem, ".bin", "Time domain dumping selected - Standard format: %s\n", "samples", 8);
             break;
         case 1:
-            td_fp = open_dump(stem, "_agi.bin", "Time domain dumping selected - Agilent format: %s\n");
+            td_fp = open_dump(stem, "_agi.bin", "Time domain dumping selected - Agilent format: %s\n", "samples", 4);
             break;
         default:
             dvbMsgPrint(2, "Time domain dumping selected - Old Agilent format: _I & _Q\n");
-            tdI_fp = open_dump(stem, "_I.bin", nullptr);
-            tdQ_fp = open_dump(stem, "_Q.bin", nullptr);
+            tdI_fp = open_dump(stem, "_I.bin", nullptr, "samples", 2);
+            tdQ_fp = open_dump(stem, "_Q.bin", nullptr, "samples", 2);
+            if (tdI_fp != nullptr && tdQ_fp != nullptr) {
+                find_written(tdI_fp)->partner = find_written(tdQ_fp);
+                find_written(tdQ_fp)->partner = find_written(tdI_fp);
+            }
             break;
         }
     }
 }
 
-void close_files() {}
+bool close_files() {
+    // Flushed first, so that a pair is cut while both of its files are open.
+    bool complete = true;
+    for (Written& w : written)
+        if (!w.screen_only && w.fp != nullptr) flush_checked(w);
+    for (Written& w : written) {
+        if (w.screen_only || w.fp == nullptr) continue;
+        close_checked(w);
+        complete = complete && !w.failed;
+    }
+    return complete;
+}
+
+void track_file(FILE* fp, const char* name, const char* unit, uint32_t unit_size, bool screen_only) {
+    written.push_back({.fp = fp, .name = name, .unit = unit, .unit_size = unit_size, .screen_only = screen_only});
+}
+
+bool file_failed(FILE* fp) {
+    const Written* w = find_written(fp);
+    return w != nullptr && w->failed;
+}
+
+void fail_file(FILE* fp, int err) {
+    Written* w = find_written(fp);
+    if (w != nullptr && !w->failed) fail(*w, err);
+}
+
+size_t checked_write(const void* data, size_t size, size_t n, FILE* fp) {
+    return checked(fp, n, [&] { return n == 0 ? 0 : std::fwrite(data, size, n, fp); });
+}
+
+size_t checked_ring_write(const dvbVect* v, uint32_t pos, uint32_t n, FILE* fp) {
+    return checked(fp, n, [&] { return dvbRingWrite(v, pos, n, fp); });
+}
+
+bool finish_file(FILE* fp) {
+    Written* w = find_written(fp);
+    if (w == nullptr) return std::fclose(fp) == 0;
+    flush_checked(*w);
+    close_checked(*w);
+    return !w->failed;
+}
 
 uint32_t out2null(dvbVect* ring, uint32_t maxlen) {
     if (ring->fill == 0) return 0;

@@ -1,11 +1,13 @@
 // Levelled messages (screen and log) and the parameter report.
 #include "frame/print.hpp"
 
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 
+#include "frame/files.hpp"
 #include "frame/params.hpp"
 #include "frame/version.hpp"
 
@@ -55,6 +57,27 @@ const char help_text[] =
     "-g\tGain factor {%.2f}\n"
     "-s\tInternal buffer base size {%d}\n";
 
+// Writes the text to the log unless the log failed; a failure is told on the screen.
+void log_text(const char* format, va_list ap) {
+    if (mfp == nullptr || file_failed(mfp)) return;
+    errno = 0;
+    if (std::vfprintf(mfp, format, ap) < 0) fail_file(mfp, errno);
+}
+
+void log_printf(const char* format, ...) __attribute__((format(printf, 1, 2)));
+void log_printf(const char* format, ...) {
+    va_list ap;
+    va_start(ap, format);
+    log_text(format, ap);
+    va_end(ap);
+}
+
+// The processes that end early (help, version, fatal errors) check the log at exit.
+void finish_log() {
+    if (mfp != nullptr) finish_file(mfp);
+    mfp = nullptr;
+}
+
 // An empty name becomes none; returns the text to print for it.
 const char* settle_name(char*& name) {
     if (name != nullptr && name[0] == '\0') {
@@ -70,34 +93,28 @@ unsigned dvbMsgInit(const char* path) {
     const std::time_t now = std::time(nullptr);
     mfp = std::fopen(path, "w");
     if (mfp == nullptr) return 0;
+    track_file(mfp, path, "bytes", 1, true);
+    std::atexit(finish_log);
     const char* when = std::ctime(&now);
-    std::fprintf(mfp, "Generated log information: %s , %s\n", path, when != nullptr ? when : "\n");
+    log_printf("Generated log information: %s , %s\n", path, when != nullptr ? when : "\n");
     return 0;
 }
 
 unsigned dvbMsgPrint(uint16_t level, const char* format, ...) {
     if (verbosity < level) return 0;
-    va_list ap;
+    va_list ap, again;
     va_start(ap, format);
-    if (mfp != nullptr) {
-        va_list again;
-        va_copy(again, ap);
-        std::vprintf(format, ap);
-        std::vfprintf(mfp, format, again);
-        va_end(again);
-    } else {
-        std::vprintf(format, ap);
-    }
+    va_copy(again, ap);
+    std::vprintf(format, ap);
+    log_text(format, again);
+    va_end(again);
     va_end(ap);
     return 0;
 }
 
 unsigned dvbMsgClose() {
-    if (mfp != nullptr) {
-        std::fputs("________________________________________________\n\n", mfp);
-        std::fclose(mfp);
-        mfp = nullptr;
-    }
+    log_printf("________________________________________________\n\n");
+    finish_log();
     return 0;
 }
 

@@ -1,7 +1,9 @@
 // tervane: DVB-T software transmitter. The driver sets every setting, reads the
 // options, opens the log, prints the report, opens the files, builds the chain
 // and runs it in passes until a whole pass moves nothing, then reports the
-// speed against real time.
+// speed against real time. It exits with 0 after a complete run, 1 on a fatal
+// input error and 2 when an output or dump file is incomplete.
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -15,6 +17,9 @@
 #include "frame/time.hpp"
 
 int main(int argc, char** argv) {
+    // Past a file-size limit a write then fails with its error, which is reported.
+    std::signal(SIGXFSZ, SIG_IGN);
+
     // Defaults that the parser does not set.
     dvbt_parms = dvbt_parms_t{};
     dvbt_parms.delta = 3;
@@ -78,7 +83,7 @@ int main(int argc, char** argv) {
 
     // Teardown.
     chain_destroy();
-    close_files();
+    const bool complete = close_files();
     dvbMsgClose();
-    return 0;
+    return complete ? 0 : 2;
 }

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "frame/files.hpp"
 #include "frame/print.hpp"
 #include "vectors/cpu.hpp"
 #include "vectors/simd.hpp"
@@ -263,7 +264,7 @@ int32_t encode27(dvbVect* in, dvbVect* out, uint32_t* state, uint32_t maxlen, FI
     }
     *state = st;
 
-    dvbRingDump(out, w0, 16 * n, dump);
+    checked_ring_write(out, w0, 16 * n, dump);
     dvbRingConsume(in, n);
     out->fill += 16 * n;
     dvbMsgPrint(4, "Inner_coder1: %d samples\n", static_cast<int>(n));
@@ -294,7 +295,7 @@ int32_t puncture(dvbVect* in, dvbVect* out, uint16_t rate, uint32_t maxlen, FILE
     }
 
     const uint32_t consumed = q * ip;
-    dvbRingDump(out, w0, q * op, dump);
+    checked_ring_write(out, w0, q * op, dump);
     dvbRingConsume(in, consumed);
     out->fill += q * op;
     dvbMsgPrint(4, "Inner_coder2: %d samples\n", static_cast<int>(consumed));

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstring>
 
+#include "frame/files.hpp"
 #include "frame/params.hpp"
 #include "frame/print.hpp"
 
@@ -161,7 +162,7 @@ uint32_t bit_interleave(dvbVect* in_hp, dvbVect* in_lp, dvbVect* out, uint32_t m
             default: bi_block<6>(hp, lp); break;
         }
         w = dvbRingPut(out, w, bi_words, BI_BLOCK);
-        if (dump != nullptr) std::fwrite(bi_words, 1, BI_BLOCK, dump);
+        checked_write(bi_words, 1, BI_BLOCK, dump);
     }
 
     const uint32_t n = hp_bits * B;
@@ -218,7 +219,7 @@ int32_t symbol_interleave(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump
             w = dvbRingAdvance(w, N, out->len);
         else
             w = dvbRingPut(out, w, ib.data(), N);
-        if (dump != nullptr) std::fwrite(dst, 1, N, dump);
+        checked_write(dst, 1, N, dump);
         sym_num = (sym_num + 1) % dvbt_frame_symbols;
     }
 

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "frame/files.hpp"
 #include "frame/params.hpp"
 #include "frame/print.hpp"
 
@@ -25,7 +26,7 @@ float sign(uint32_t bit, float mag) { return bit != 0 ? -mag : mag; }
 // Writes cells to the dump as little-endian float pairs.
 void dump_cells(FILE* dump, const dvbComplex* cells, uint32_t n) {
     if constexpr (std::endian::native == std::endian::little) {
-        std::fwrite(cells, sizeof(dvbComplex), n, dump);
+        checked_write(cells, sizeof(dvbComplex), n, dump);
     } else {
         for (uint32_t i = 0; i < n; i++) {
             uint8_t b[8];
@@ -35,7 +36,7 @@ void dump_cells(FILE* dump, const dvbComplex* cells, uint32_t n) {
                 b[k] = static_cast<uint8_t>(re >> (8 * k));
                 b[4 + k] = static_cast<uint8_t>(im >> (8 * k));
             }
-            std::fwrite(b, 1, 8, dump);
+            checked_write(b, 1, 8, dump);
         }
     }
 }

@@ -5,6 +5,7 @@
 
 #include <cstring>
 
+#include "frame/files.hpp"
 #include "frame/params.hpp"
 #include "frame/print.hpp"
 
@@ -86,7 +87,7 @@ uint32_t run(dvbVect* in, dvbVect* out, uint32_t n, FILE* dump) {
             }
         }
     }
-    dvbRingDump(out, q0, n * R, dump);
+    checked_ring_write(out, q0, n * R, dump);
     return n;
 }
 

@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "frame/files.hpp"
 #include "frame/params.hpp"
 #include "frame/print.hpp"
 
@@ -171,7 +172,7 @@ uint32_t piltps_add(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump) {
         dvbComplex* sym = direct ? dvbCplx(out) + q : sym_buf.data();
         build_symbol(sym_num, in, r, uK, sym);
         q = direct ? dvbRingAdvance(q, uK, out->len) : dvbRingPut(out, q, sym, uK);
-        if (dump != nullptr) std::fwrite(sym, sizeof(dvbComplex), uK, dump);
+        checked_write(sym, sizeof(dvbComplex), uK, dump);
 
         if (++sym_num == frame_symbols) {
             sym_num = 0;

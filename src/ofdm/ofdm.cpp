@@ -186,7 +186,7 @@ inline void put_be16(uint8_t* p, uint16_t v) {
 // Writes n samples from the ring at r in the "std" format; returns the records accepted.
 uint32_t write_std(const dvbVect* in, uint32_t n, FILE* fp) {
     if constexpr (std::endian::native == std::endian::little) {
-        return static_cast<uint32_t>(dvbRingWrite(in, in->head, n, fp));
+        return static_cast<uint32_t>(checked_ring_write(in, in->head, n, fp));
     } else {
         const dvbComplex* src = dvbCplx(in);
         uint32_t done = 0;
@@ -202,7 +202,7 @@ uint32_t write_std(const dvbVect* in, uint32_t n, FILE* fp) {
                 }
                 if (++pos == in->len) pos = 0;
             }
-            const size_t got = std::fwrite(io_buf.data(), sizeof(dvbComplex), m, fp);
+            const size_t got = checked_write(io_buf.data(), sizeof(dvbComplex), m, fp);
             done += static_cast<uint32_t>(got);
             if (got < m) break;
         }
@@ -235,7 +235,7 @@ uint32_t write_agi(const dvbVect* in, uint32_t n, FILE* fp) {
             put_be16(p + 2, agi_code(src[pos].im, sf));
             if (++pos == in->len) pos = 0;
         }
-        const size_t got = std::fwrite(io_buf.data(), 4, m, fp);
+        const size_t got = checked_write(io_buf.data(), 4, m, fp);
         done += static_cast<uint32_t>(got);
         if (got < m) break;
     }
@@ -254,8 +254,8 @@ uint32_t write_agiold(const dvbVect* in, uint32_t n, FILE* fpI, FILE* fpQ) {
             put_be16(io_buf2.data() + 2 * i, agiold_code(src[pos].im, sf));
             if (++pos == in->len) pos = 0;
         }
-        std::fwrite(io_buf.data(), 2, m, fpI);
-        const size_t got = std::fwrite(io_buf2.data(), 2, m, fpQ);
+        checked_write(io_buf.data(), 2, m, fpI);
+        const size_t got = checked_write(io_buf2.data(), 2, m, fpQ);
         done += static_cast<uint32_t>(got);
         if (got < m) break;
     }
@@ -404,10 +404,8 @@ uint32_t ofdm_mod(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump) {
             q = dvbRingPut(out, q, sym + (F - prf), prf);
             q = dvbRingPut(out, q, sym, F);
         }
-        if (dump != nullptr) {
-            std::fwrite(sym + (F - prf), sizeof(dvbComplex), prf, dump);
-            std::fwrite(sym, sizeof(dvbComplex), F, dump);
-        }
+        checked_write(sym + (F - prf), sizeof(dvbComplex), prf, dump);
+        checked_write(sym, sizeof(dvbComplex), F, dump);
     }
 
     dvbRingConsume(in, n * K);

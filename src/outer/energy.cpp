@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "frame/files.hpp"
 #include "frame/print.hpp"
 
 namespace {
@@ -58,7 +59,7 @@ void disperse(dvbVect* in, dvbVect* out, dvbVect* q, uint32_t plen, uint32_t per
         if (w == out->len) w = 0;
     }
     q->head = p;
-    dvbRingDump(out, w0, n, dump);
+    checked_ring_write(out, w0, n, dump);
     dvbRingConsume(in, n);
     out->fill += n;
 }

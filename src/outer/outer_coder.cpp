@@ -2,6 +2,7 @@
 // with 51 implied leading zero bytes, which are then dropped.
 #include "outer/outer_coder.hpp"
 
+#include "frame/files.hpp"
 #include "frame/print.hpp"
 #include "outer/rs.hpp"
 
@@ -41,7 +42,7 @@ uint32_t rs_short204188(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump) 
     }
 
     const uint32_t consumed = PKT_IN * npkt;
-    dvbRingDump(out, w0, PKT_OUT * npkt, dump);
+    checked_ring_write(out, w0, PKT_OUT * npkt, dump);
     dvbRingConsume(in, consumed);
     out->fill += PKT_OUT * npkt;
     dvbMsgPrint(4, "Outer_coder : %d samples\n", static_cast<int>(consumed));

@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 
+#include "frame/files.hpp"
 #include "frame/params.hpp"
 #include "frame/print.hpp"
 
@@ -68,7 +69,7 @@ uint32_t conv_int(dvbVect* in, dvbVect* out, convint_state* s, uint32_t maxlen, 
         if (fifo[j] != nullptr) s->branch_pos[j] = fpos[j];
 
     const uint32_t moved = GROUP * ngroup;
-    dvbRingDump(out, w0, moved, dump);
+    checked_ring_write(out, w0, moved, dump);
     dvbRingConsume(in, moved);
     out->fill += moved;
     dvbMsgPrint(4, "Outer_int   : %d samples\n", static_cast<int>(moved));

@@ -119,10 +119,6 @@ size_t dvbRingRead(FILE* fp, dvbVect* v, uint32_t pos, uint32_t n);
 // cross the end of the storage (the second only when the first was whole);
 // returns the elements written.
 size_t dvbRingWrite(const dvbVect* v, uint32_t pos, uint32_t n, FILE* fp);
-// Appends the n elements from pos on to the dump file, when there is one.
-inline void dvbRingDump(const dvbVect* v, uint32_t pos, uint32_t n, FILE* dump) {
-    if (dump != nullptr) dvbRingWrite(v, pos, n, dump);
-}
 
 // Marks n held elements as consumed.
 inline void dvbRingConsume(dvbVect* v, uint32_t n) {
