@@ -7,7 +7,6 @@ for any other option the first occurrence that has a value.
 """
 
 import math
-import os
 import re
 import struct
 
@@ -65,5 +64,5 @@ def stem_of(out):
     "." of its last path component; "tervane" when none is given."""
     if not out:
         return "tervane"
-    head, tail = os.path.split(out)
-    return os.path.join(head, tail.split(".", 1)[0]) if head else tail.split(".", 1)[0]
+    dot = out.find(".", out.rfind("/") + 1)
+    return out if dot < 0 else out[:dot]

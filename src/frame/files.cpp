@@ -17,7 +17,7 @@
 FILE* mpeg2ts_hp_fp = nullptr;
 FILE* mpeg2ts_lp_fp = nullptr;
 uint32_t tot_flen = 0;
-int32_t dumps[10] = {};
+int32_t dumps[DUMP_KINDS] = {};
 FILE *ed_hp_fp = nullptr, *ed_lp_fp = nullptr, *rs_hp_fp = nullptr, *rs_lp_fp = nullptr,
      *ci_hp_fp = nullptr, *ci_lp_fp = nullptr, *ve_hp_fp = nullptr, *ve_lp_fp = nullptr,
      *pu_hp_fp = nullptr, *pu_lp_fp = nullptr, *bi_fp = nullptr, *si_fp = nullptr,
@@ -33,7 +33,6 @@ constexpr size_t NAME_MAX_CHARS = 126;
 // Stem used for every output name when no basename is given.
 constexpr const char* DEFAULT_STEM = "tervane";
 
-constexpr char dump_letters[] = "ercvpbsmft";
 
 // A file the run writes, with what its warning counts.
 struct Written {
@@ -219,8 +218,8 @@ void open_files() {
 
     for (int32_t& d : dumps) d = 0;
     const char* types = dumptypes != nullptr ? dumptypes : "";
-    for (int i = 0; i < 10; ++i)
-        if (std::strchr(types, dump_letters[i]) != nullptr) dumps[i] = 1;
+    for (int i = 0; i < DUMP_KINDS; ++i)
+        if (std::strchr(types, DUMP_LETTERS[i]) != nullptr) dumps[i] = 1;
 
     // The stem ends at the first "." of the name's last component.
     std::string stem = DEFAULT_STEM;
@@ -229,11 +228,11 @@ void open_files() {
         const size_t slash = stem.rfind('/');
         const size_t dot = stem.find('.', slash == std::string::npos ? 0 : slash + 1);
         if (dot != std::string::npos) stem.resize(dot);
-    } else if (dumps[9] != 0) {
+    } else if (dumps[DUMP_TIME_DOMAIN] != 0) {
         dvbMsgPrint(2, "WARNING: no DAC stream file name given -> using %s.bin\n", stem.c_str());
     }
 
-    const DumpRow rows[9] = {
+    const DumpRow rows[DUMP_TIME_DOMAIN] = {
         {&ed_hp_fp, &ed_lp_fp, "_ed.bin", "Energy disperder dumping selected: %s\n", "_edhp.bin",
          "Energy disperder HP dumping selected: %s\n", "_edlp.bin", "Energy disperder LP dumping selected: %s\n"},
         {&rs_hp_fp, &rs_lp_fp, "_rs.bin", "Reed-Solomon encoder dumping selected: %s\n", "_rshp.bin",
@@ -254,7 +253,7 @@ void open_files() {
         {&fd_fp, nullptr, "_fd.bin", "frequency domain dumping selected: %s\n", nullptr, nullptr, nullptr,
          nullptr},
     };
-    for (int i = 0; i < 9; ++i) {
+    for (int i = 0; i < DUMP_TIME_DOMAIN; ++i) {
         if (dumps[i] == 0) continue;
         const DumpRow& r = rows[i];
         if (hier && r.lp != nullptr) {
@@ -265,7 +264,7 @@ void open_files() {
         }
     }
 
-    if (dumps[9] != 0) {
+    if (dumps[DUMP_TIME_DOMAIN] != 0) {
         tdstream_sf = dvbIntegerScale(dvbt_parms.dumpformat, dvbt_parms.mode, dvbt_parms.gain);
         switch (dvbt_parms.dumpformat) {
         case 0:
