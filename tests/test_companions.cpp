@@ -46,6 +46,14 @@ TEST(Companions, ShowTheOneVersionAndTheTransmittersTables) {
     EXPECT_EQ(py.out, want.str() + "\n") << tu::read_text(dir / "err.txt");
     for (uint32_t band = 0; band < 4; ++band)
         EXPECT_EQ(static_cast<float>(dvbSampleRate(band, 0)), dvbt_fs[band]) << "the float table and the exact rate agree";
+    // A refused invocation of each Python companion: one line naming the program, status 1.
+    const std::vector<std::pair<std::string, std::vector<std::string>>> refused{
+        {"tervane-view", {"-o", "none"}}, {"tervane-rx", {"-o", "x.ts"}}, {"tervane-waterfall", {"-from", "1", "-to", "0"}}};
+    for (const auto& [prog, args] : refused) {
+        EXPECT_EQ(tu::run(dir.path, build + "/" + prog, args).status, 1) << prog;
+        const std::string err = tu::read_text(dir / "err.txt");
+        EXPECT_TRUE(err.rfind(prog + ": ", 0) == 0 && err.find('\n') == err.size() - 1) << err;
+    }
 }
 
 TEST(Tsgen, PacketsTablesCountersAndPrbs) {

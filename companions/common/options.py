@@ -9,8 +9,9 @@ for any other option the first occurrence that has a value.
 import math
 import re
 import struct
+import sys
 
-from .tables import DEFAULTS, NAMES
+from .tables import DEFAULTS, NAMES, VERSION
 
 
 def list_option(argv, name):
@@ -66,3 +67,12 @@ def stem_of(out):
         return "tervane"
     dot = out.find(".", out.rfind("/") + 1)
     return out if dot < 0 else out[:dot]
+
+
+def answered(prog, usage, opts):
+    """Prints the usage for -h or the version for -V; whether it did."""
+    if opts["-h"]:
+        sys.stdout.write(usage)
+    elif opts["-V"]:
+        print(f"{prog} {VERSION}")
+    return bool(opts["-h"] or opts["-V"])

@@ -9,11 +9,10 @@ spellings and rules.
 
 import os
 import select
-import sys
 import threading
 
 from .files import Fail, is_input, report, sample_file, start
-from .options import first_value, list_option
+from .options import answered, first_value, list_option
 from .tables import FFT_SIZE, FS, N_CARRIERS, N_DATA, NAMES, TS_PACKET, VERSION
 
 PROG = "tervane-rx"
@@ -152,11 +151,7 @@ def decode(tb_of, path):
 def main(argv):
     start()
     opts = parse_options(argv)
-    if opts["-h"]:
-        sys.stdout.write(USAGE)
-        return 0
-    if opts["-V"]:
-        print(f"{PROG} {VERSION}")
+    if answered(PROG, USAGE, opts):
         return 0
     try:
         check(opts)

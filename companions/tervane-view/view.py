@@ -14,7 +14,7 @@ import os
 import sys
 
 from .files import Fail, is_input, report, write_file
-from .options import c_int, c_real, f32, first_value, list_option, stem_of
+from .options import answered, c_int, c_real, f32, first_value, list_option, stem_of
 from .samples import integer_scale, sample_reader
 from .tables import (CPILOT, DEFAULTS, FFT_SIZE, FILTER_DELAY, FS, GUARD_DIV, INTERP, KINDS, N_CARRIERS, N_CPILOT,
                      N_TPS, NAMES, SYMBOLS_PER_FRAME, TPS, VERSION)
@@ -503,11 +503,7 @@ def main(argv):
         opts = parse_options(argv)
     except ValueError as e:            # e.g. a number too large for a float
         return report(PROG, f"bad option value: {e}")
-    if opts["-h"]:
-        sys.stdout.write(USAGE)
-        return 0
-    if opts["-V"]:
-        print(f"{PROG} {VERSION}")
+    if answered(PROG, USAGE, opts):
         return 0
     try:
         import numpy as np

@@ -15,7 +15,7 @@ import sys
 import tempfile
 
 from .files import Fail, report
-from .options import first_value, list_option
+from .options import answered, first_value, list_option
 from .tables import BITS, FRAMES_PER_SUPERFRAME, N_DATA, NAMES, RS_PACKET, SYMBOLS_PER_FRAME, VERSION
 
 PROG = "tervane-waterfall"
@@ -101,11 +101,7 @@ def run(cwd, args, ok=(0,)):
 def main(argv):
     try:
         opts = parse_options(argv)
-        if opts["-h"]:
-            sys.stdout.write(USAGE)
-            return 0
-        if opts["-V"]:
-            print(f"{PROG} {VERSION}")
+        if answered(PROG, USAGE, opts):
             return 0
         first, last = number(opts, "-from"), number(opts, "-to")
         step = number(opts, "-step", 1.0)
@@ -148,8 +144,8 @@ def main(argv):
                              "-seed", str(seed + k)] + ch_opts)
             achieved = re.search(r"achieved (\S+) dB", out).group(1)
             run(work, [exe["tervane-rx"], "-i", "ch.bin", "-o", "rx.ts"] + rx_opts)
-            report, status = run(work, [exe["tscheck"], "rx.ts"], ok=(0, 1))
-            m = SUMMARY.search(report)
+            checked_text, status = run(work, [exe["tscheck"], "rx.ts"], ok=(0, 1))
+            m = SUMMARY.search(checked_text)
             checked, errors = int(m.group(5)), int(m.group(6))
             clean = status == 0
             ber = f"{errors / checked:.2e}" if checked else "no PRBS"
