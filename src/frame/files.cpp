@@ -2,17 +2,14 @@
 #include "frame/files.hpp"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <deque>
 #include <string>
 
 #include "frame/params.hpp"
 #include "frame/print.hpp"
+#include "vectors/written.hpp"
 
 FILE* mpeg2ts_hp_fp = nullptr;
 FILE* mpeg2ts_lp_fp = nullptr;
@@ -30,93 +27,12 @@ namespace {
 // Name buffers hold 126 characters and the terminating zero.
 constexpr size_t NAME_MAX_CHARS = 126;
 
+// The warnings of failed writes go to the screen and the log.
+void report_warning(const char* text) { dvbMsgPrint(0, "%s", text); }
+
 // Stem used for every output name when no basename is given.
 constexpr const char* DEFAULT_STEM = "tervane";
 
-
-// A file the run writes, with what its warning counts.
-struct Written {
-    FILE* fp;
-    std::string name;
-    const char* unit;    // "samples" or "bytes"
-    uint32_t unit_size;  // bytes per unit
-    bool screen_only;    // the log: its own failure is told on the screen only
-    bool failed = false;
-    Written* partner = nullptr;  // the other file of the "agiold" pair
-};
-// Registered at start-up only; a deque keeps the partners' addresses.
-std::deque<Written> written;
-
-Written* find_written(FILE* fp) {
-    for (Written& w : written)
-        if (fp != nullptr && w.fp == fp) return &w;
-    return nullptr;
-}
-
-// Bytes the file holds once its buffer is flushed: the size of a regular file,
-// 0 for a device or a pipe.
-uint64_t held_bytes(FILE* fp) {
-    std::fflush(fp);
-    struct stat st{};
-    return fstat(fileno(fp), &st) == 0 && S_ISREG(st.st_mode) ? static_cast<uint64_t>(st.st_size) : 0;
-}
-
-// Shortens the file to len bytes when it holds more; returns what it holds.
-uint64_t cut(FILE* fp, uint64_t len) {
-    const uint64_t held = held_bytes(fp);
-    return held > len && ftruncate(fileno(fp), static_cast<off_t>(len)) == 0 ? len : held;
-}
-
-void warn(Written& w, uint64_t held, int err, const std::string& also) {
-    w.failed = true;
-    const char* format = "WARNING: writing \"%s\" failed after %llu %s: %s%s\n";
-    const auto count = static_cast<unsigned long long>(held / w.unit_size);
-    const char* reason = std::strerror(err != 0 ? err : EIO);
-    if (w.screen_only)
-        std::printf(format, w.name.c_str(), count, w.unit, reason, also.c_str());
-    else
-        dvbMsgPrint(0, format, w.name.c_str(), count, w.unit, reason, also.c_str());
-}
-
-// The first failure of an open file: it keeps whole units only, and the two
-// files of a pair keep the same number.
-void fail(Written& w, int err) {
-    uint64_t keep = held_bytes(w.fp);
-    if (w.partner != nullptr) {
-        w.partner->failed = true;
-        keep = std::min(keep, held_bytes(w.partner->fp));
-    }
-    keep -= keep % w.unit_size;
-    const uint64_t held = cut(w.fp, keep);
-    std::string also;
-    if (w.partner != nullptr)
-        also = "; \"" + w.partner->name + "\" kept at the same " +
-               std::to_string(cut(w.partner->fp, keep) / w.partner->unit_size) + " " + w.partner->unit;
-    warn(w, held, err, also);
-}
-
-// What the buffer still holds must reach the file.
-void flush_checked(Written& w) {
-    errno = 0;
-    if (!w.failed && (std::fflush(w.fp) != 0 || std::ferror(w.fp) != 0)) fail(w, errno);
-}
-
-// A write that takes fewer elements than asked is the file's first failure.
-template <typename Write>
-size_t checked(FILE* fp, size_t n, Write write) {
-    if (fp == nullptr || file_failed(fp)) return n;
-    errno = 0;
-    const size_t done = write();
-    if (done < n) fail_file(fp, errno);
-    return done;
-}
-
-void close_checked(Written& w) {
-    const uint64_t held = held_bytes(w.fp);
-    errno = 0;
-    if (std::fclose(w.fp) != 0 && !w.failed) warn(w, held, errno, "");
-    w.fp = nullptr;
-}
 
 // A named file is an input only when it is a regular file (or a device or pipe
 // that can be read); a directory opens under Linux but cannot be read.
@@ -176,7 +92,7 @@ FILE* open_dump(const std::string& stem, const char* suffix, const char* message
     if (fp == nullptr)
         dvbMsgPrint(0, "WARNING: Can't open \"%s\" -> skipping ...\n", name.c_str());
     else
-        track_file(fp, name.c_str(), unit, unit_size, false);
+        track_file(fp, name.c_str(), unit, unit_size, report_warning);
     return fp;
 }
 
@@ -278,56 +194,14 @@ void open_files() {
             tdI_fp = open_dump(stem, "_I.bin", nullptr, "samples", 2);
             tdQ_fp = open_dump(stem, "_Q.bin", nullptr, "samples", 2);
             if (tdI_fp != nullptr && tdQ_fp != nullptr) {
-                find_written(tdI_fp)->partner = find_written(tdQ_fp);
-                find_written(tdQ_fp)->partner = find_written(tdI_fp);
+                pair_files(tdI_fp, tdQ_fp);
             }
             break;
         }
     }
 }
 
-bool close_files() {
-    // Flushed first, so that a pair is cut while both of its files are open.
-    bool complete = true;
-    for (Written& w : written)
-        if (!w.screen_only && w.fp != nullptr) flush_checked(w);
-    for (Written& w : written) {
-        if (w.screen_only || w.fp == nullptr) continue;
-        close_checked(w);
-        complete = complete && !w.failed;
-    }
-    return complete;
-}
-
-void track_file(FILE* fp, const char* name, const char* unit, uint32_t unit_size, bool screen_only) {
-    written.push_back({.fp = fp, .name = name, .unit = unit, .unit_size = unit_size, .screen_only = screen_only});
-}
-
-bool file_failed(FILE* fp) {
-    const Written* w = find_written(fp);
-    return w != nullptr && w->failed;
-}
-
-void fail_file(FILE* fp, int err) {
-    Written* w = find_written(fp);
-    if (w != nullptr && !w->failed) fail(*w, err);
-}
-
-size_t checked_write(const void* data, size_t size, size_t n, FILE* fp) {
-    return checked(fp, n, [&] { return n == 0 ? 0 : std::fwrite(data, size, n, fp); });
-}
-
-size_t checked_ring_write(const dvbVect* v, uint32_t pos, uint32_t n, FILE* fp) {
-    return checked(fp, n, [&] { return dvbRingWrite(v, pos, n, fp); });
-}
-
-bool finish_file(FILE* fp) {
-    Written* w = find_written(fp);
-    if (w == nullptr) return std::fclose(fp) == 0;
-    flush_checked(*w);
-    close_checked(*w);
-    return !w->failed;
-}
+bool close_files() { return finish_outputs(); }
 
 uint32_t out2null(dvbVect* ring, uint32_t maxlen) {
     if (ring->fill == 0) return 0;

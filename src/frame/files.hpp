@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "vectors/manage.hpp"
+#include "vectors/written.hpp"
 
 extern FILE* mpeg2ts_hp_fp;
 extern FILE* mpeg2ts_lp_fp;
@@ -26,24 +27,6 @@ void open_files();
 // Flushes and closes every output and dump file, reporting a failure not seen
 // yet; returns whether all of them are complete.
 bool close_files();
-
-// Checked writes. The output and dump files that open_files opens, and the log,
-// are registered with their names; the first failed write of each prints one
-// warning (its name, how much it holds, the system's reason) and the file then
-// takes no more writes: they count as done, as for a file never opened. The two
-// "agiold" files are a pair: after a failure of either both are cut to the same
-// number of codes. Files not registered are written without checks.
-void track_file(FILE* fp, const char* name, const char* unit, uint32_t unit_size, bool screen_only);
-// Whether fp failed and takes no more writes.
-bool file_failed(FILE* fp);
-// Reports the first failure of fp, with the reason err (0 when unknown).
-void fail_file(FILE* fp, int err);
-// fwrite to an output or dump file (or none), checked; returns the elements written.
-size_t checked_write(const void* data, size_t size, size_t n, FILE* fp);
-// dvbRingWrite to an output or dump file (or none), checked.
-size_t checked_ring_write(const dvbVect* v, uint32_t pos, uint32_t n, FILE* fp);
-// Flushes and closes one registered file; returns whether it is complete.
-bool finish_file(FILE* fp);
 
 // Small byte-ring transfers, kept with the files module.
 uint32_t out2null(dvbVect* ring, uint32_t maxlen);

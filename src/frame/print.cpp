@@ -7,9 +7,9 @@
 #include <cstdlib>
 #include <ctime>
 
-#include "frame/files.hpp"
 #include "frame/params.hpp"
 #include "frame/version.hpp"
+#include "vectors/written.hpp"
 
 const char versinfo[] =
     "Tervane v. " TERVANE_VERSION " Linux   - (2006/08/03)\n"
@@ -17,6 +17,9 @@ const char versinfo[] =
     "https://tervane.example.org/\n";
 
 namespace {
+
+// The log's own failure is told on the screen only.
+void report_on_screen(const char* text) { std::fputs(text, stdout); }
 
 FILE* mfp = nullptr;
 
@@ -93,7 +96,7 @@ unsigned dvbMsgInit(const char* path) {
     const std::time_t now = std::time(nullptr);
     mfp = std::fopen(path, "w");
     if (mfp == nullptr) return 0;
-    track_file(mfp, path, "bytes", 1, true);
+    track_file(mfp, path, "bytes", 1, report_on_screen, false);
     std::atexit(finish_log);
     const char* when = std::ctime(&now);
     log_printf("Generated log information: %s , %s\n", path, when != nullptr ? when : "\n");

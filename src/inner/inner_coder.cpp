@@ -4,10 +4,10 @@
 #include <algorithm>
 #include <cstring>
 
-#include "frame/files.hpp"
 #include "frame/print.hpp"
 #include "vectors/cpu.hpp"
 #include "vectors/simd.hpp"
+#include "vectors/written.hpp"
 
 namespace {
 

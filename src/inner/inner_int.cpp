@@ -4,9 +4,9 @@
 #include <array>
 #include <cstring>
 
-#include "frame/files.hpp"
 #include "frame/params.hpp"
 #include "frame/print.hpp"
+#include "vectors/written.hpp"
 
 namespace {
 

@@ -7,9 +7,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "frame/files.hpp"
 #include "frame/params.hpp"
 #include "frame/print.hpp"
+#include "vectors/written.hpp"
 
 static_assert(sizeof(dvbComplex) == 8, "a cell is two packed 32-bit floats");
 

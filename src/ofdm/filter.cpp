@@ -5,9 +5,9 @@
 
 #include <cstring>
 
-#include "frame/files.hpp"
 #include "frame/params.hpp"
 #include "frame/print.hpp"
+#include "vectors/written.hpp"
 
 namespace {
 

@@ -3,9 +3,9 @@
 
 #include <cstring>
 
-#include "frame/files.hpp"
 #include "frame/params.hpp"
 #include "frame/print.hpp"
+#include "vectors/written.hpp"
 
 namespace {
 

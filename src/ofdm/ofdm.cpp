@@ -9,6 +9,7 @@
 #include <numbers>
 
 #include "frame/files.hpp"
+#include "vectors/written.hpp"
 #include "frame/params.hpp"
 #include "frame/print.hpp"
 #include "vectors/cpu.hpp"

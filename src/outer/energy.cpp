@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <cstring>
 
-#include "frame/files.hpp"
 #include "frame/print.hpp"
+#include "vectors/written.hpp"
 
 namespace {
 

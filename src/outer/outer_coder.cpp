@@ -2,9 +2,9 @@
 // with 51 implied leading zero bytes, which are then dropped.
 #include "outer/outer_coder.hpp"
 
-#include "frame/files.hpp"
 #include "frame/print.hpp"
 #include "outer/rs.hpp"
+#include "vectors/written.hpp"
 
 namespace {
 

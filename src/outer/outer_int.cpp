@@ -3,9 +3,9 @@
 
 #include <cstdlib>
 
-#include "frame/files.hpp"
 #include "frame/params.hpp"
 #include "frame/print.hpp"
+#include "vectors/written.hpp"
 
 namespace {
 constexpr uint32_t GROUP = 12;  // bytes per commutator cycle
