@@ -125,7 +125,8 @@ TEST(Channel, BadInputRefusedInOneLine) {
                              {"-i", "in.bin", "-o", "out.bin"}, {"-i", "in.bin", "-o", "out.bin", "-profile", "urban"},
                              {"-i", "odd.bin", "-o", "out.bin", "-profile", "gaussian"}, {"-i", "empty.bin", "-o", "out.bin", "-profile", "gaussian"},
                              {"-i", "none.bin", "-o", "out.bin", "-profile", "gaussian"}, {"-i", "in.bin", "-o", "./in.bin", "-profile", "rayleigh"},
-                             with({"-cn"}), with({"-cn", "12dB"}), with({"-cn", "400"}), with({"-seed", "-3"}), with({"-cfo", "5e6"}), with({"-cfo"}), with({"-F", "agi"})}) {
+                             with({"-cn"}), with({"-cn", "12dB"}), with({"-cn", "400"}), with({"-seed", "-3"}), with({"-cfo", "5e6"}), with({"-cfo"}), with({"-F", "agi"}),
+                             with({"-zz"}), with({"-m", "3k"}), with({"-s", "ten"}), with({"-g", "inf"})}) {
         EXPECT_EQ(channel(dir, args).status, 1) << args.size();
         const std::string err = tu::read_text(dir / "err.txt");
         EXPECT_TRUE(err.rfind("tervane-channel: ", 0) == 0 && err.find('\n') == err.size() - 1) << err;
