@@ -42,6 +42,14 @@ void list(const char* name, const std::array<T, N>& values, const char* comment)
     list(name, std::span<const T>(values), comment);
 }
 
+// The values f(0) .. f(N - 1) as a table.
+template <size_t N, typename F>
+auto table(F f) {
+    std::array<decltype(f(0u)), N> t{};
+    for (uint32_t i = 0; i < N; ++i) t[i] = f(i);
+    return t;
+}
+
 void number(const char* name, long long value, const char* comment) {
     if (*comment != '\0') std::fprintf(out, "# %s\n", comment);
     std::fprintf(out, "%s = %lld\n", name, value);
@@ -91,25 +99,18 @@ int main(int argc, char** argv) {
     list("N_TPS", dvbt_Ntps, "");
     list("N_CPILOT", cpilot_count, "continual pilots by mode");
     list("BITS", dvbt_bitpersymb, "bits per cell by constellation");
-    int32_t guard_div[4];
-    for (size_t d = 0; d < 4; ++d) guard_div[d] = static_cast<int32_t>(1.0f / dvbt_guardfrac[d] + 0.5f);
-    list("GUARD_DIV", std::span<const int32_t>(guard_div), "the guard interval is the FFT size divided by these");
-    double fs[4];
-    for (uint32_t b = 0; b < 4; ++b) fs[b] = dvbSampleRate(b, 0);
-    list("FS", std::span<const double>(fs), "elementary sample rate in Hz by channel spacing");
-    int32_t interp[3];
-    for (size_t i = 0; i < 3; ++i) interp[i] = static_cast<int32_t>(dvbt_interprate[i]);
-    list("INTERP", std::span<const int32_t>(interp), "interpolation factors");
-    const int32_t delay[3] = {0, static_cast<int32_t>(filter2x.size() / 2), static_cast<int32_t>(filter4x.size() / 2)};
-    list("FILTER_DELAY", std::span<const int32_t>(delay), "delay of the interpolation filter in output samples");
+    list("GUARD_DIV", table<4>([](uint32_t d) { return static_cast<int32_t>(1.0f / dvbt_guardfrac[d] + 0.5f); }),
+         "the guard interval is the FFT size divided by these");
+    list("FS", table<4>([](uint32_t b) { return dvbSampleRate(b, 0); }), "elementary sample rate in Hz by channel spacing");
+    list("INTERP", table<3>([](uint32_t i) { return static_cast<int32_t>(dvbt_interprate[i]); }), "interpolation factors");
+    const std::array<int32_t, 3> delay{0, static_cast<int32_t>(filter2x.size() / 2), static_cast<int32_t>(filter4x.size() / 2)};
+    list("FILTER_DELAY", delay, "delay of the interpolation filter in output samples");
     number("SYMBOLS_PER_FRAME", dvbt_frame_symbols, "the frame structure");
     number("FRAMES_PER_SUPERFRAME", dvbt_superframe_frames, "");
     list("CPILOT", cpilot, "continual pilot carriers of 8k; those below K serve 2k and 4k");
     list("TPS", tps, "TPS carriers of 8k; those below K serve 2k and 4k");
     list("FULL_SCALE", dvbt_fullscale, "full scale of the sample formats std, agi and agiold");
-    double ref[3];
-    for (uint32_t m = 0; m < 3; ++m) ref[m] = dvbRefAmplitude(m);
-    list("REF_AMPLITUDE", std::span<const double>(ref), "reference amplitude of the integer formats by mode");
+    list("REF_AMPLITUDE", table<3>(dvbRefAmplitude), "reference amplitude of the integer formats by mode");
     number("TS_PACKET", TS_PACKET, "transport stream packets: size, sync byte, null PID");
     number("TS_SYNC", TS_SYNC, "");
     number("TS_NULL_PID", TS_NULL_PID, "");
