@@ -292,11 +292,12 @@ public:
 
     void run_playback(FILE* fp) {
         const double sf = s_.agi ? dvbIntegerScale(1, dvbt_parms.mode, dvbt_parms.gain) : 1.0;
-        std::vector<uint8_t> raw(8 * 8192), out;
+        const size_t width = s_.agi ? 4 : 8;  // bytes a sample in the file
         std::vector<dvbComplex> x(8192);
+        std::vector<uint8_t> raw(x.size() * width), out;
         uint64_t produced = 0;
         while (produced < limit.load()) {
-            size_t n = std::fread(raw.data(), 1, raw.size(), fp) / (s_.agi ? 4 : 8);
+            const size_t n = std::fread(raw.data(), width, x.size(), fp);
             if (n == 0) {
                 if (s_.loops != 0 && sources[0].plays + 1 >= s_.loops) break;
                 ++sources[0].plays;
@@ -362,7 +363,7 @@ private:
     }
 
     // Standard input: whole packets as they come; when none is waiting and the
-    // sample ring runs below half, a null packet keeps the air going.
+    // sample ring has room, a null packet keeps the air going.
     bool feed_live(Source& src, dvbVect* in) {
         bool took = false;
         while (in->len - in->fill >= TS_PACKET) {
@@ -381,7 +382,7 @@ private:
             }
             if (have < TS_PACKET) {
                 src.partial.assign(buf, buf + have);
-                if (ring_.fill() >= ring_.capacity() / 2) return took;
+                if (ring_.fill() >= ring_.capacity()) return took;
                 null_packet(buf);
                 nulls.fetch_add(1);
             } else {
