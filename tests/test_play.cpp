@@ -138,6 +138,34 @@ TEST(Play, BackOffRoundingAndSaturation) {
     }
 }
 
+// The device settings as the fake saw them (the filter after the rate), and
+// -lo: the LO tuned away, the samples turned by -lo Hz.
+TEST(Play, DeviceSettingsAndLoShift) {
+    Scratch s(300);
+    const auto ref = s.reference({"-i", "a.ts", "-I", "2x"});
+    const auto r = play(s.dir, "native=CF32,pace=0",
+                        {"-i", "a.ts", "-I", "2x", "-fc", "600e6", "-lo", "2e6", "-gain", "50", "-ge", "PA=5",
+                         "-bw", "8e6", "-ant", "TX"});
+    ASSERT_EQ(r.status, 0) << tu::read_text(s.dir / "err.txt");
+    const Fields st = fields(tu::read_text(s.dir / "rec.bin.status"));
+    EXPECT_EQ(num(st, "frequency"), 602e6);
+    EXPECT_EQ(num(st, "gain_VGA"), 47);
+    EXPECT_EQ(num(st, "gain_PA"), 5);
+    EXPECT_EQ(num(st, "bandwidth"), 8e6);
+    EXPECT_EQ(st.at("bandwidth_after_rate"), "1");
+    const auto got = floats(tu::read_file(s.dir / "rec.bin"));
+    ASSERT_EQ(got.size(), ref.size());
+    const double k = scale(0, 2, 1, 12), rate = dvbSampleRate(3, 1);
+    double err = 0;
+    for (size_t n = 0; n < ref.size() / 2; ++n) {
+        const double a = -2 * M_PI * std::fmod(2e6 * double(n) / rate, 1.0);
+        const double re = ref[2 * n] * k, im = ref[2 * n + 1] * k;
+        err = std::max({err, std::fabs(got[2 * n] - (re * std::cos(a) - im * std::sin(a))),
+                        std::fabs(got[2 * n + 1] - (re * std::sin(a) + im * std::cos(a)))});
+    }
+    EXPECT_LT(err, 1e-5);
+}
+
 // The fake paces in real time: the achieved rate over a few seconds is the
 // sample rate within 1 %; an injected underflow counts once however it is
 // reported; a producer made slow shows as late deliveries.
