@@ -170,8 +170,9 @@ TEST(Play, DeviceSettingsAndLoShift) {
 // sample rate within 1 %; an injected underflow counts once however it is
 // reported; a producer made slow shows as late deliveries.
 TEST(Play, PacingUnderflowsAndLate) {
-    Scratch s(2000);
-    auto r = play(s.dir, "buffer=2000000", {"-i", "a.ts", "-b", "5", "-loop", "inf", "-t", "3"});
+    Scratch s;
+    s.reference({"-i", "a.ts", "-b", "5"});
+    auto r = play(s.dir, "buffer=2000000", {"-play", "ref.bin", "-b", "5", "-loop", "inf", "-t", "3"});
     ASSERT_EQ(r.status, 0) << tu::read_text(s.dir / "err.txt");
     Fields f = fields(r.out);
     const double rate = dvbSampleRate(0, 0);
@@ -180,7 +181,8 @@ TEST(Play, PacingUnderflowsAndLate) {
     EXPECT_GE(num(f, "loops"), 1);
     EXPECT_TRUE(tu::contains(tu::read_text(s.dir / "err.txt"), "continuity counters jump"));
 
-    for (const std::string report : {"underflow_report=status", "underflow_report=write", "log_underflow=1"}) {
+    for (const std::string report : {"underflow_report=status", "underflow_report=write", "log_underflow=1",
+                                     "underflow_report=write,status_supported=0"}) {
         r = play(s.dir, "pace=0,underflow_at=100000," + report, {"-i", "a.ts"});
         EXPECT_EQ(r.status, 0);
         EXPECT_EQ(num(fields(r.out), "underflows"), 1) << report;

@@ -533,16 +533,14 @@ void report_line(const Stats& st, double rate, const Ring& ring_cap, size_t fill
 
 int main(int argc, char** argv) {
     companion::start("tervane-play");
-    dvbt_parms = dvbt_parms_t{};
-    dvbt_parms.delta = 3;
-    dvbt_parms.band = 3;
-    dvbt_parms.cinit = 1;
+    // The parser fills every field of dvbt_parms, the defaults included.
     int32_t verbosity_arg = 0;
     const auto options = tervane_options(&verbosity_arg);
 
-    char *dev = nullptr, *ant = nullptr, *loop = nullptr, *play = nullptr, *ge = nullptr;
-    char *fc = nullptr, *gain = nullptr, *bw = nullptr, *lo = nullptr, *limit = nullptr, *bo = nullptr,
-         *buf = nullptr;
+    // The parser's text blocks live as long as the process, as tervane's settings do.
+    static char *dev = nullptr, *ant = nullptr, *loop = nullptr, *play = nullptr, *ge = nullptr;
+    static char *fc = nullptr, *gain = nullptr, *bw = nullptr, *lo = nullptr, *limit = nullptr, *bo = nullptr,
+                *buf = nullptr;
     const dvbOption own[] = {
         {.name = "-dev", .kind = dvbString, .target = &dev},    {.name = "-fc", .kind = dvbString, .target = &fc},
         {.name = "-gain", .kind = dvbString, .target = &gain},  {.name = "-ge", .kind = dvbString, .target = &ge},
@@ -660,10 +658,10 @@ int main(int argc, char** argv) {
             }
             sources.push_back(std::move(src));
         }
-        if (s.loops != 1)
-            std::fprintf(stderr, "%s: looping the input: the programme clocks (PCR, PTS) and the continuity "
-                                 "counters jump at each seam\n", companion::prog());
     }
+    if (s.loops != 1)
+        std::fprintf(stderr, "%s: looping the input: the programme clocks (PCR, PTS) and the continuity "
+                             "counters jump at each seam\n", companion::prog());
     const double band = B_n;
     if (s.lo != 0 && std::fabs(s.lo) + band / 2 > s.rate / 2)
         companion::fail("-lo %.0f: the shifted channel (%.0f Hz wide) leaves the %.0f Hz band; use a higher "
