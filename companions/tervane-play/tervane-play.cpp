@@ -369,7 +369,7 @@ private:
         while (in->len - in->fill >= TS_PACKET) {
             uint8_t buf[TS_PACKET];
             size_t have = src.partial.size();
-            std::memcpy(buf, src.partial.data(), have);
+            if (have > 0) std::memcpy(buf, src.partial.data(), have);
             pollfd p{STDIN_FILENO, POLLIN, 0};
             while (have < TS_PACKET && ::poll(&p, 1, 0) > 0) {
                 const ssize_t r = ::read(STDIN_FILENO, buf + have, TS_PACKET - have);
