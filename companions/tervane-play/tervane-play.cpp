@@ -491,8 +491,9 @@ Format setup(Device& d, const Settings& s) {
             companion::fail_status(kDeviceError,
                                    "the device gave %.3f Hz for the %.3f Hz asked (%.1f ppm off, more than 1 ppm): "
                                    "try another interpolation (-I 1x, 2x or 4x) or, on a device that has one, "
-                                   "a master clock in -dev that the rate divides (e.g. master_clock_rate=%.0f)",
-                                   got, s.rate, (got - s.rate) / s.rate * 1e6, s.rate * 4);
+                                   "a master clock in -dev that the rate divides (e.g. master_clock_rate=%.3f)",
+                                   got, s.rate, (got - s.rate) / s.rate * 1e6,
+                                   s.rate * std::max(1.0, std::floor(61.44e6 / s.rate)));
         }
         step = "setting the bandwidth";
         if (s.bw) d.dev->setBandwidth(SOAPY_SDR_TX, 0, *s.bw);
