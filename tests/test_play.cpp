@@ -60,6 +60,14 @@ double scale(uint32_t mode, double L, double fullscale, double bo) {
     return fullscale * std::pow(10.0, -bo / 20.0) / (std::sqrt(2.0) * dvbRefAmplitude(mode) / L);
 }
 
+// CF32 values recorded that differ from float(x * k) for the reference x,
+// repeated as often as the recording is longer.
+size_t mismatches(const std::vector<float>& got, const std::vector<float>& ref, double k) {
+    size_t bad = 0;
+    for (size_t i = 0; i < got.size(); ++i) bad += got[i] != static_cast<float>(ref[i % ref.size()] * k);
+    return bad;
+}
+
 struct Scratch {
     tu::TempDir dir;
     explicit Scratch(size_t packets = 300) {
@@ -96,9 +104,7 @@ TEST(Play, LiveSamplesAreTervanesScaled) {
         ASSERT_EQ(got.size(), ref.size());
         const double L = std::find(opts.begin(), opts.end(), "2x") != opts.end() ? 2.0 : 1.0;
         const double k = scale(mode, L, 1.0, 12);
-        size_t bad = 0;
-        for (size_t i = 0; i < ref.size(); ++i) bad += got[i] != static_cast<float>(ref[i] * k);
-        EXPECT_EQ(bad, 0u);
+        EXPECT_EQ(mismatches(got, ref, k), 0u);
         const Fields f = fields(r.out), st = fields(tu::read_text(s.dir / "rec.bin.status"));
         EXPECT_EQ(num(f, "samples"), ref.size() / 2);
         EXPECT_NEAR(num(f, "rms_dbfs"), -12, 0.3) << "the nominal RMS";
@@ -216,9 +222,7 @@ TEST(Play, RateRefusedAndLoops) {
     const auto got = floats(tu::read_file(s.dir / "rec.bin"));
     ASSERT_EQ(got.size(), ref.size());
     const double k = scale(0, 1, 1, 12);
-    size_t bad = 0;
-    for (size_t i = 0; i < ref.size(); ++i) bad += got[i] != static_cast<float>(ref[i] * k);
-    EXPECT_EQ(bad, 0u);
+    EXPECT_EQ(mismatches(got, ref, k), 0u);
     EXPECT_EQ(num(fields(r.out), "loops"), 2);
 }
 
@@ -252,9 +256,7 @@ TEST(Play, Playback) {
     auto got = floats(tu::read_file(s.dir / "rec.bin"));
     ASSERT_EQ(got.size(), 2 * ref.size());
     const double k = scale(0, 1, 1, 12);
-    size_t bad = 0;
-    for (size_t i = 0; i < got.size(); ++i) bad += got[i] != static_cast<float>(ref[i % ref.size()] * k);
-    EXPECT_EQ(bad, 0u);
+    EXPECT_EQ(mismatches(got, ref, k), 0u);
     EXPECT_TRUE(tu::contains(tu::read_text(s.dir / "err.txt"), "not a whole number of superframes"));
 
     ASSERT_EQ(tu::tervane(s.dir.path, {"-i", "a.ts", "-o", "g", "-d", "t", "-F", "agi", "-v", "0"}).status, 0);
