@@ -13,6 +13,7 @@ TEST(Play, NeedsSoapySDR) { GTEST_SKIP() << "built without SoapySDR: tervane-pla
 #include <cmath>
 #include <cstring>
 #include <map>
+#include <sstream>
 
 namespace {
 
@@ -275,6 +276,49 @@ TEST(Play, Playback) {
 }
 
 // Bad options and a missing device: one clear line each, nothing sent.
+// The README's examples as they stand, each device's arguments replaced by
+// the fake's with that device's format, full scale, rate limit, gains and
+// antennas, no pacing, and the run cut short.
+TEST(Play, ReadmeExamplesRunAgainstTheFake) {
+    Scratch s;
+    ASSERT_EQ(tu::run(s.dir.path, TSGEN_EXE, {"-o", "mux.ts", "-n", "3000"}).status, 0);
+    const std::map<std::string, std::string> devices{
+        {"hackrf", "native=CS8,rate_max=20e6,gains=AMP:14/VGA:47"},
+        {"uhd", "master_clock="},  // the example's master_clock_rate follows
+        {"bladerf", "fullscale=2048"},
+        {"lime", "fullscale=32767,antennas=NONE/BAND1/BAND2"}};
+    const std::string readme = tu::read_text(TERVANE_SOURCE_DIR "/README.md");
+    const size_t from = readme.find("```sh", readme.find("## On air"));
+    ASSERT_NE(from, std::string::npos);
+    std::istringstream block(readme.substr(from + 6, readme.find("```", from + 6) - from - 6));
+    int examples = 0;
+    for (std::string line; std::getline(block, line);) {
+        if (line.empty() || line[0] == '#') continue;
+        SCOPED_TRACE(line);
+        std::istringstream words(line);
+        std::string cmd = "env SOAPY_SDR_PLUGIN_PATH=" TERVANE_SOAPY_FAKE;
+        for (std::string w; words >> w;) {
+            if (w == "some-encoder") w = "cat mux.ts";
+            if (w == "|") w = "| env SOAPY_SDR_PLUGIN_PATH=" TERVANE_SOAPY_FAKE;
+            if (w == "tervane-play") w = TERVANE_PLAY_EXE;
+            if (w.rfind("driver=", 0) == 0) {
+                const std::string driver = w.substr(7, w.find(',') - 7);
+                ASSERT_TRUE(devices.count(driver)) << driver;
+                std::string fake = "driver=tervanefake,pace=0,record=/dev/null," + devices.at(driver);
+                const size_t clock = w.find("master_clock_rate=");
+                if (clock != std::string::npos) fake += w.substr(clock + 18, w.find(',', clock) - clock - 18);
+                w = fake;
+            }
+            cmd += " " + w;
+        }
+        const auto r = tu::run(s.dir.path, "sh", {"-c", cmd + " -t 0.05"});
+        EXPECT_EQ(r.status, 0) << tu::read_text(s.dir / "err.txt");
+        EXPECT_GT(num(fields(r.out), "samples"), 0);
+        ++examples;
+    }
+    EXPECT_EQ(examples, 5);
+}
+
 TEST(Play, Errors) {
     Scratch s;
     const std::vector<std::pair<std::vector<std::string>, int>> cases = {

@@ -17,6 +17,8 @@
 //                        taken nothing, or only the "underflows" sensor counts it
 //   status_supported=1|0 (1) 0: readStreamStatus returns NOT_SUPPORTED
 //   log_underflow=1|0    (0) log "U" at SSI level for the injected underflow too (real ones always)
+//   gains=NAME:MAX/...   (PA:14/VGA:47) the gain elements, RF first, each from 0 to MAX dB
+//   antennas=NAME/...    (TX) the antennas, the first one selected
 //   fail=make            the factory throws
 #include <SoapySDR/Device.hpp>
 #include <SoapySDR/Formats.hpp>
@@ -67,11 +69,21 @@ std::string show(double value) {
 
 void check(int dir, size_t ch) { if (dir != SOAPY_SDR_TX || ch != 0) fail("TX channel 0 only"); }
 
-double gainMax(const std::string& name) {
-    if (name == "PA") return 14;
-    if (name == "VGA") return 47;
-    fail("no gain element " + name);
+// The words of a "/"-separated list.
+std::vector<std::string> words(const std::string& text) {
+    std::vector<std::string> out;
+    for (size_t p = 0; p <= text.size();) {
+        const size_t e = std::min(text.find('/', p), text.size());
+        out.push_back(text.substr(p, e - p));
+        p = e + 1;
+    }
+    return out;
 }
+
+struct Gain {
+    std::string name;
+    double max, value = 0;
+};
 
 void checkRf(const std::string& name) { if (name != "RF") fail("no frequency element " + name); }
 
@@ -83,7 +95,13 @@ public:
           underflowAt_(number(args, "underflow_at", -1)), report_(arg(args, "underflow_report", "status")),
           recordPath_(arg(args, "record", "")), pace_(arg(args, "pace", "1") != "0"),
           statusSupported_(arg(args, "status_supported", "1") != "0"),
-          logInjected_(arg(args, "log_underflow", "0") == "1") {
+          logInjected_(arg(args, "log_underflow", "0") == "1"), antennas_(words(arg(args, "antennas", "TX"))),
+          antenna_(antennas_.front()) {
+        for (const std::string& g : words(arg(args, "gains", "PA:14/VGA:47"))) {
+            const size_t colon = g.find(':');
+            if (colon == std::string::npos) fail("bad gains entry " + g);
+            gains_.push_back({g.substr(0, colon), number({{"max", g.substr(colon + 1)}}, "max", 0)});
+        }
         if (native_ != "CF32" && native_ != "CS16" && native_ != "CS8") fail("bad native format " + native_);
         fullScale_ = number(args, "fullscale", native_ == "CS16" ? 32768 : native_ == "CS8" ? 128 : 1.0);
         if (report_ != "status" && report_ != "write" && report_ != "none") fail("bad underflow_report " + report_);
@@ -218,38 +236,51 @@ public:
         }
     }
 
-    std::vector<std::string> listAntennas(int dir, size_t ch) const override { check(dir, ch); return {"TX"}; }
+    std::vector<std::string> listAntennas(int dir, size_t ch) const override { check(dir, ch); return antennas_; }
     void setAntenna(int dir, size_t ch, const std::string& name) override {
         check(dir, ch);
-        if (name != "TX") fail("no antenna " + name);
+        if (std::find(antennas_.begin(), antennas_.end(), name) == antennas_.end()) fail("no antenna " + name);
+        Lock lock(mutex_);
+        antenna_ = name;
     }
-    std::string getAntenna(int dir, size_t ch) const override { check(dir, ch); return "TX"; }
+    std::string getAntenna(int dir, size_t ch) const override { check(dir, ch); Lock lock(mutex_); return antenna_; }
 
-    std::vector<std::string> listGains(int dir, size_t ch) const override { check(dir, ch); return {"PA", "VGA"}; }
-    // The overall gain goes to the VGA first, what exceeds its range to the PA.
+    std::vector<std::string> listGains(int dir, size_t ch) const override {
+        check(dir, ch);
+        std::vector<std::string> names;
+        for (const Gain& g : gains_) names.push_back(g.name);
+        return names;
+    }
+    // The overall gain goes to the last element (the baseband's) first, what exceeds its range to the one before.
     void setGain(int dir, size_t ch, double value) override {
         check(dir, ch);
         Lock lock(mutex_);
-        vga_ = std::clamp(value, 0.0, 47.0);
-        pa_ = std::clamp(value - vga_, 0.0, 14.0);
+        for (auto g = gains_.rbegin(); g != gains_.rend(); ++g) {
+            g->value = std::clamp(value, 0.0, g->max);
+            value -= g->value;
+        }
     }
     void setGain(int dir, size_t ch, const std::string& name, double value) override {
         check(dir, ch);
-        const double top = gainMax(name);
         Lock lock(mutex_);
-        (name == "PA" ? pa_ : vga_) = std::clamp(value, 0.0, top);
+        Gain& g = gains_[gainAt(name)];
+        g.value = std::clamp(value, 0.0, g.max);
     }
-    double getGain(int dir, size_t ch) const override { check(dir, ch); Lock lock(mutex_); return pa_ + vga_; }
+    double getGain(int dir, size_t ch) const override { check(dir, ch); Lock lock(mutex_); return totalGain(); }
     double getGain(int dir, size_t ch, const std::string& name) const override {
         check(dir, ch);
-        gainMax(name);
         Lock lock(mutex_);
-        return name == "PA" ? pa_ : vga_;
+        return gains_[gainAt(name)].value;
     }
-    SoapySDR::Range getGainRange(int dir, size_t ch) const override { check(dir, ch); return {0, 61}; }
+    SoapySDR::Range getGainRange(int dir, size_t ch) const override {
+        check(dir, ch);
+        double top = 0;
+        for (const Gain& g : gains_) top += g.max;
+        return {0, top};
+    }
     SoapySDR::Range getGainRange(int dir, size_t ch, const std::string& name) const override {
         check(dir, ch);
-        return {0, gainMax(name)};
+        return {0, gains_[gainAt(name)].max};
     }
 
     std::vector<std::string> listFrequencies(int dir, size_t ch) const override { check(dir, ch); return {"RF"}; }
@@ -366,12 +397,16 @@ private:
     // The sensors' names and values, in order (the mutex held).
     std::vector<std::pair<std::string, std::string>> figures() const {
         const auto count = [](long n) { return std::to_string(n); };
-        return {{"samples", show(samples_)}, {"bursts_ended", count(burstsEnded_)},
-                {"underflows", count(underflows_)}, {"rate", show(rate_)}, {"frequency", show(frequency_)},
-                {"bandwidth", show(bandwidth_)}, {"gain", show(pa_ + vga_)}, {"gain_PA", show(pa_)},
-                {"gain_VGA", show(vga_)}, {"antenna", "TX"}, {"format", format_},
-                {"bandwidth_after_rate", bandwidthSeq_ > rateSeq_ ? "1" : "0"}, {"activated", count(activated_)},
-                {"deactivated", count(deactivated_)}, {"closed", count(closed_)}};
+        std::vector<std::pair<std::string, std::string>> f{
+            {"samples", show(samples_)}, {"bursts_ended", count(burstsEnded_)}, {"underflows", count(underflows_)},
+            {"rate", show(rate_)},       {"frequency", show(frequency_)},      {"bandwidth", show(bandwidth_)},
+            {"gain", show(totalGain())}};
+        for (const Gain& g : gains_) f.emplace_back("gain_" + g.name, show(g.value));
+        f.insert(f.end(), {{"antenna", antenna_}, {"format", format_},
+                           {"bandwidth_after_rate", bandwidthSeq_ > rateSeq_ ? "1" : "0"},
+                           {"activated", count(activated_)}, {"deactivated", count(deactivated_)},
+                           {"closed", count(closed_)}});
+        return f;
     }
     // Written under a temporary name first, so that a reader never sees half a file.
     void writeStatus() const {
@@ -399,7 +434,20 @@ private:
     Clock::time_point last_ = Clock::now();  // when the buffer was last drained
     long burstsEnded_ = 0, underflows_ = 0, statusUnderflows_ = 0, writeUnderflows_ = 0;
     long activated_ = 0, deactivated_ = 0, closed_ = 0, seq_ = 0, rateSeq_ = 0, bandwidthSeq_ = 0;
-    double rate_ = 0, frequency_ = 0, bandwidth_ = 0, pa_ = 0, vga_ = 0;
+    double rate_ = 0, frequency_ = 0, bandwidth_ = 0;
+    std::vector<std::string> antennas_;
+    std::string antenna_;
+    std::vector<Gain> gains_;
+    size_t gainAt(const std::string& name) const {
+        for (size_t i = 0; i < gains_.size(); ++i)
+            if (gains_[i].name == name) return i;
+        fail("no gain element " + name);
+    }
+    double totalGain() const {
+        double sum = 0;
+        for (const Gain& g : gains_) sum += g.value;
+        return sum;
+    }
 };
 
 SoapySDR::KwargsList findFake(const Kwargs& args) {
