@@ -56,7 +56,9 @@ inline std::string quote(const std::string& s) {
 }
 
 inline Result run(const fs::path& dir, const std::string& exe, const std::vector<std::string>& args) {
-    std::string cmd = "cd " + quote(dir.string()) + " && " + quote(exe);
+    // No file a program writes may grow past 2 GiB (in 512-byte blocks), so that a
+    // fault that loops cannot fill the disk.
+    std::string cmd = "ulimit -f 4194304 && cd " + quote(dir.string()) + " && " + quote(exe);
     for (const auto& a : args) cmd += ' ' + quote(a);
     cmd += " 2>err.txt";
     Result r;
