@@ -217,21 +217,35 @@ private:
     bool done_ = false, stop_ = false;
 };
 
-// Scales, shifts and converts complex values into device samples.
+// Scales, shifts and converts complex values into device samples. The shift
+// turns each sample by a phasor that advances by a fixed step; it is taken
+// afresh from the exact phase every kBlock samples, so that its error stays
+// far below a float's while each sample costs a complex product, not a sine.
 class Converter {
 public:
-    Converter(const Format& f, double k, double lo_hz, double rate) : f_(f), k_(k), step_(-lo_hz / rate) {}
+    Converter(const Format& f, double k, double lo_hz, double rate) : f_(f), k_(k), step_(-lo_hz / rate) {
+        const double a = 2 * std::numbers::pi * step_;
+        wr_ = std::cos(a), wi_ = std::sin(a);
+    }
     void convert(const dvbComplex* x, size_t n, uint8_t* dst) {
         const size_t half = f_.size / 2;
         for (size_t i = 0; i < n; ++i, dst += f_.size) {
             double re = double{x[i].re} * k_, im = double{x[i].im} * k_;
             if (step_ != 0) {
-                const double a = 2 * std::numbers::pi * phase_, c = std::cos(a), s = std::sin(a);
-                const double r2 = re * c - im * s;
-                im = re * s + im * c;
+                if (left_ == 0) {
+                    const double a = 2 * std::numbers::pi * phase_;
+                    pr_ = std::cos(a), pi_ = std::sin(a);
+                    phase_ += step_ * kBlock;
+                    phase_ -= std::floor(phase_);
+                    left_ = kBlock;
+                }
+                const double r2 = re * pr_ - im * pi_;
+                im = re * pi_ + im * pr_;
                 re = r2;
-                phase_ += step_;
-                phase_ -= std::floor(phase_);
+                const double p2 = pr_ * wr_ - pi_ * wi_;
+                pi_ = pr_ * wi_ + pi_ * wr_;
+                pr_ = p2;
+                --left_;
             }
             clipped += f_.put(re, dst) + f_.put(im, dst + half);
         }
@@ -239,8 +253,11 @@ public:
     std::atomic<long> clipped{0};
 
 private:
+    static constexpr unsigned kBlock = 4096;
     Format f_;
-    double k_, step_, phase_ = 0;
+    double k_, step_, phase_ = 0;  // phase_: of the next block's first sample, in turns
+    double wr_ = 1, wi_ = 0, pr_ = 1, pi_ = 0;
+    unsigned left_ = 0;
 };
 
 // The transport stream source of one branch: a file played a number of
