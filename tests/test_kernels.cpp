@@ -145,35 +145,42 @@ TEST(Kernels, GroupedReedSolomonAndRunwiseDispersal) {
               }), want);
 }
 
-// The interpolation filter, fed in uneven pieces: bit for bit the full filter h
-// (float sums in tap order) on the input with R - 1 zeros after every sample, and
-// the plain per-phase form agrees. On a constant, 4x settles to the phases' tap sums.
+// The interpolation filter, fed in uneven pieces through small rings and through
+// rings that take the vector forms' blocks and several of the filter's pieces in
+// one call, with each instruction set: bit for bit the full filter h (float sums
+// in tap order) on the input with R - 1 zeros after every sample, and the plain
+// per-phase form agrees. On a constant, 4x settles to the phases' tap sums.
 TEST(Kernels, InterpolationIsTheFullFilterOnZeroStuffedInput) {
     std::mt19937 g(5);
     std::normal_distribution<float> d(0.0f, 30.0f);
-    std::vector<dvbComplex> input(1500);
+    std::vector<dvbComplex> input(5000);
     for (auto& c : input) c = {d(g), d(g)};
+    input[700] = {-0.0f, 0.0f};  // a negative zero among the sums' terms
     const auto interpolate = [](dvbVect* i, dvbVect* o, uint32_t m) { transmit(i, o, m, nullptr); };
-    for (uint32_t interp : {1u, 2u}) {
-        tu::set_parms([interp](dvbt_parms_t& p) { p.interp = interp; });
-        init_filt();
-        const uint32_t R = interp == 1 ? 2 : 4;
-        const std::vector<float> h = interp == 1 ? std::vector<float>(filter2x.begin(), filter2x.end()) : std::vector<float>(filter4x.begin(), filter4x.end());
-        const auto got = stream(input, 37, 53, input.size() * R, g, interpolate);
-        ASSERT_EQ(got.size(), input.size() * R);
-        init_filt();
-        std::vector<dvbComplex> plain(R);
-        for (size_t n = 0; n < got.size(); ++n) {
-            dvbComplex y{0.0f, 0.0f};
-            for (size_t k = n % R; k < h.size() && k <= n; k += R) {
-                y.re += h[k] * input[(n - k) / R].re;
-                y.im += h[k] * input[(n - k) / R].im;
+    for (dvbIsa isa : isas())
+        for (uint32_t interp : {1u, 2u})
+            for (const auto& [in_len, out_len] : {std::pair{37u, 53u}, std::pair{1601u, 4001u}}) {
+                IsaScope scope(isa);
+                tu::set_parms([interp](dvbt_parms_t& p) { p.interp = interp; });
+                init_filt();
+                const uint32_t R = interp == 1 ? 2 : 4;
+                SCOPED_TRACE("isa " + std::to_string(isa) + " R " + std::to_string(R) + " ring " + std::to_string(in_len));
+                const std::vector<float> h = interp == 1 ? std::vector<float>(filter2x.begin(), filter2x.end()) : std::vector<float>(filter4x.begin(), filter4x.end());
+                const auto got = stream(input, in_len, out_len, input.size() * R, g, interpolate);
+                ASSERT_EQ(got.size(), input.size() * R);
+                init_filt();
+                std::vector<dvbComplex> plain(R);
+                for (size_t n = 0; n < got.size(); ++n) {
+                    dvbComplex y{0.0f, 0.0f};
+                    for (size_t k = n % R; k < h.size() && k <= n; k += R) {
+                        y.re += h[k] * input[(n - k) / R].re;
+                        y.im += h[k] * input[(n - k) / R].im;
+                    }
+                    ASSERT_EQ(std::memcmp(&y, &got[n], 8), 0) << "output " << n;
+                    if (n % R == 0) transmit_reference_step(input[n / R], plain.data());
+                    ASSERT_EQ(std::memcmp(&plain[n % R], &got[n], 8), 0) << "plain form, output " << n;
+                }
             }
-            ASSERT_EQ(std::memcmp(&y, &got[n], 8), 0) << "R " << R << " output " << n;
-            if (n % R == 0) transmit_reference_step(input[n / R], plain.data());
-            ASSERT_EQ(std::memcmp(&plain[n % R], &got[n], 8), 0) << "plain form, output " << n;
-        }
-    }
     const float settled[4] = {0.2547144f, 0.2551731f, 0.2547144f, 0.2551567f};
     init_filt();
     const auto y = stream(std::vector<dvbComplex>(40, dvbComplex{1.0f, 0.0f}), 40, 160, 160, g, interpolate);
