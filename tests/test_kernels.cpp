@@ -1,7 +1,7 @@
 // Every optimised kernel against a plain form on the same inputs, byte for
 // byte, with each instruction set the processor offers: every transform form
-// against the plain recurrence, and the coding stages and the interpolation
-// filter, fed in random pieces through rings of odd lengths (units and outputs
+// against the plain recurrence, and the coding stages, the mapper and the
+// interpolation filter, fed in random pieces through rings of odd lengths (units and outputs
 // straddle the ring ends), against element-by-element models.
 
 #include <cstring>
@@ -29,17 +29,18 @@ Bytes random_bytes(size_t n, std::mt19937& g, uint32_t values = 256) {
 
 // Feeds input in random pieces through rings of the given lengths, each
 // starting part-way, with random call limits, and collects what comes out.
-template <typename T>
-std::vector<T> stream(const std::vector<T>& input, uint32_t in_len, uint32_t out_len, size_t expect, std::mt19937& g,
+template <typename T, typename U = T>
+std::vector<U> stream(const std::vector<T>& input, uint32_t in_len, uint32_t out_len, size_t expect, std::mt19937& g,
                       const std::function<void(dvbVect*, dvbVect*, uint32_t)>& stage) {
-    tu::Ring<T> in(in_len, in_len / 2), out(out_len, out_len - 3);
-    std::vector<T> got;
+    tu::Ring<T> in(in_len, in_len / 2);
+    tu::Ring<U> out(out_len, out_len - 3);
+    std::vector<U> got;
     for (size_t next = 0, rounds = 0; got.size() < expect && rounds < 200000; ++rounds) {
         std::vector<T> chunk;
         for (size_t k = g() % in_len + 1; k > 0 && next < input.size() && chunk.size() < dvbRingFree(in.v); --k) chunk.push_back(input[next++]);
         in.push(chunk);
         stage(in.v, out.v, 1 + g() % (2 * in_len));
-        const std::vector<T> part = out.pop_all();
+        const std::vector<U> part = out.pop_all();
         got.insert(got.end(), part.begin(), part.end());
     }
     return got;
@@ -103,6 +104,17 @@ TEST(Kernels, CodingStagesThroughOddRings) {
                               for (; fl < lp.size() && dvbRingFree(in_lp.v) > 0; ++fl) in_lp.push({lp[fl]});
                               bit_interleave(i, alpha != 0 ? in_lp.v : nullptr, o, m, nullptr);
                           }), want) << "M " << M << " alpha " << alpha;
+            }
+        for (uint32_t alpha = 0; alpha < 4; alpha++)
+            for (uint32_t M = 0; M < 3; M++) {
+                tu::set_parms([&](dvbt_parms_t& p) { p.M = M, p.alpha = alpha; });
+                dvbQAMConstGenerate();
+                const Bytes words = random_bytes(3001, g);  // the mapper reads the low 6 bits
+                std::vector<dvbComplex> want;
+                for (uint8_t w : words) want.push_back(dvbQAMTable()[w & 63u]);
+                const auto got = stream<uint8_t, dvbComplex>(words, 1001, 777, want.size(), g, [](dvbVect* i, dvbVect* o, uint32_t m) { qam_map(i, o, m, nullptr); });
+                ASSERT_EQ(got.size(), want.size());
+                EXPECT_EQ(std::memcmp(got.data(), want.data(), want.size() * sizeof(dvbComplex)), 0) << "M " << M << " alpha " << alpha;
             }
         tu::set_parms([](dvbt_parms_t&) {});
         dvbSymIntAddrGenerate();
