@@ -14,6 +14,7 @@
 #include "ofdm/filter.hpp"
 #include "ofdm/ofdm.hpp"
 #include "outer/energy.hpp"
+#include "outer/outer_int.hpp"
 #include "outer/rs.hpp"
 #include "util.hpp"
 
@@ -123,7 +124,7 @@ TEST(Kernels, CodingStagesThroughOddRings) {
     }
 }
 
-TEST(Kernels, GroupedReedSolomonAndRunwiseDispersal) {
+TEST(Kernels, GroupedReedSolomonRunwiseDispersalAndBranchwiseInterleaver) {
     init_rs();
     std::mt19937 g(3);
     for (uint32_t count : {1u, 4u, 9u}) {
@@ -155,6 +156,13 @@ TEST(Kernels, GroupedReedSolomonAndRunwiseDispersal) {
                   uint32_t c = 0;
                   dvbTSDisperdInvert(i, o, seq.v, plen, period, m, "ED", nullptr, &c);
               }), want);
+    // The outer interleaver in pieces along each branch: rings whose ends cut
+    // groups, calls longer than a piece.
+    tu::set_parms([](dvbt_parms_t& p) { p.cinit = 0; });
+    convint_state ci{};
+    init_convint(&ci, 12, 17);
+    const Bytes rs = random_bytes(12 * 1500, g), ci_want = models::outer_interleave(rs);
+    EXPECT_EQ(stream(rs, 4001, 3997, ci_want.size(), g, [&](dvbVect* i, dvbVect* o, uint32_t m) { conv_int(i, o, &ci, m, nullptr); }), ci_want);
 }
 
 // The interpolation filter, fed in uneven pieces through small rings and through
