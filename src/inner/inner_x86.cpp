@@ -12,41 +12,71 @@ namespace {
 
 __extension__ typedef unsigned __int128 u128;
 
-// The n input bytes of a stream (0 or 1 each) as a bit string, 64 per word,
-// zero beyond n.
-TERVANE_AVX512 void pack_bits(const uint8_t* src, uint32_t n, uint64_t* bits) {
-    for (uint32_t i = 0; i < n; i += 64, src += 64) {
-        const uint32_t left = n - i;
-        const __mmask64 k = left >= 64 ? ~__mmask64{0} : (__mmask64{1} << left) - 1;
-        const __m512i v = _mm512_maskz_loadu_epi8(k, src);
-        *bits++ = _mm512_test_epi8_mask(v, v);
+// Byte permutes of one layout: sub-stream e takes byte W k + pos of a run of
+// 64 groups (W registers) for its k-th bit; idx[e] picks it within each pair of
+// registers, pair[e][p] marks the k whose byte lies in pair p.
+struct BiPermutes {
+    BiLayout layout{};
+    bool built = false;
+    alignas(64) uint8_t idx[6][64];
+    uint64_t pair[6][3];
+};
+BiPermutes perms;
+
+void build_permutes(const BiLayout& l) {
+    for (uint32_t e = 0; e < l.V; e++) {
+        const uint32_t W = l.from_lp[e] != 0 ? l.lp_width : l.hp_width;
+        for (uint32_t p = 0; p < 3; p++) perms.pair[e][p] = 0;
+        for (uint32_t k = 0; k < 64; k++) {
+            const uint32_t b = W * k + l.pos[e];
+            perms.idx[e][k] = static_cast<uint8_t>(b % 128);
+            perms.pair[e][b / 128] |= uint64_t{1} << k;
+        }
     }
+    perms.layout = l;
+    perms.built = true;
+}
+
+// The W registers of groups 64 h .. 64 h + 63 of a stream of 126 groups of W
+// bytes, zero past its end.
+TERVANE_AVX512 void load_half(const uint8_t* src, uint32_t W, uint32_t h, __m512i* z) {
+    const uint32_t n = W * bi_block_words;
+    for (uint32_t i = 0; i < W; i++) {
+        const uint32_t off = 64 * (W * h + i);
+        const uint32_t left = off < n ? n - off : 0;
+        const __mmask64 k = left >= 64 ? ~__mmask64{0} : (__mmask64{1} << left) - 1;
+        z[i] = _mm512_maskz_loadu_epi8(k, src + (off < n ? off : 0));
+    }
+}
+
+// Bit k of the result: byte W k + pos of the 64 groups in z is not zero.
+TERVANE_AVX512 uint64_t substream_bits(const __m512i* z, uint32_t W, uint32_t e) {
+    const __m512i idx = _mm512_load_si512(perms.idx[e]);
+    __m512i r = _mm512_permutex2var_epi8(z[0], idx, z[1]);
+    for (uint32_t p = 1; 2 * p < W; p++)
+        r = _mm512_mask_blend_epi8(perms.pair[e][p], r, _mm512_permutex2var_epi8(z[2 * p], idx, z[2 * p + 1]));
+    return _mm512_test_epi8_mask(r, r);
 }
 
 }  // namespace
 
-// Each sub-stream's 126 bits come out of the packed input eight at a time (one
-// bit extract over eight groups, W bytes of the bit string), are rotated by the
-// sub-stream's start, and set bit V - 1 - e of the words where they are 1.
+// Each sub-stream's 126 bits are gathered from the block's bytes 64 at a time
+// with byte permutes, rotated by the sub-stream's start, and set bit V - 1 - e
+// of the words where they are 1.
 TERVANE_AVX512 void bi_block_avx512(const BiLayout& l, const uint8_t* hp, const uint8_t* lp, uint8_t* words) {
-    // 756 bits at most; room for the 8-byte reads of the last groups.
-    uint64_t hp_bits[14] = {}, lp_bits[14] = {};
-    pack_bits(hp, l.hp_width * bi_block_words, hp_bits);
-    if (lp != nullptr) pack_bits(lp, l.lp_width * bi_block_words, lp_bits);
+    if (!perms.built || !(perms.layout == l)) build_permutes(l);
+    __m512i zh[2][6], zl[2][6];
+    for (uint32_t h = 0; h < 2; h++) {
+        load_half(hp, l.hp_width, h, zh[h]);
+        if (lp != nullptr) load_half(lp, l.lp_width, h, zl[h]);
+    }
     __m512i lo = _mm512_setzero_si512(), hi = _mm512_setzero_si512();
+    const u128 all = (u128{1} << bi_block_words) - 1;
     for (uint32_t e = 0; e < l.V; e++) {
-        const auto* bytes = reinterpret_cast<const uint8_t*>(l.from_lp[e] != 0 ? lp_bits : hp_bits);
-        const uint32_t W = l.from_lp[e] != 0 ? l.lp_width : l.hp_width;
-        uint64_t select = 0;
-        for (uint32_t k = 0; k < 8; k++) select |= uint64_t{1} << (W * k + l.pos[e]);
-        u128 s = 0;
-        for (uint32_t c = 0; c < 16; c++) {
-            uint64_t window;
-            std::memcpy(&window, bytes + W * c, 8);
-            s |= static_cast<u128>(_pext_u64(window, select)) << (8 * c);
-        }
-        const u128 all = (u128{1} << bi_block_words) - 1;
-        s &= all;
+        const bool from_lp = l.from_lp[e] != 0;
+        const uint32_t W = from_lp ? l.lp_width : l.hp_width;
+        const u128 s = substream_bits(from_lp ? zl[0] : zh[0], W, e) |
+                       static_cast<u128>(substream_bits(from_lp ? zl[1] : zh[1], W, e)) << 64;
         const u128 t = ((s >> l.start[e]) | (s << (bi_block_words - l.start[e]))) & all;
         const __m512i bit = _mm512_set1_epi8(static_cast<char>(1u << (l.V - 1 - e)));
         lo = _mm512_or_si512(lo, _mm512_maskz_mov_epi8(static_cast<uint64_t>(t), bit));

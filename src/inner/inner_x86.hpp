@@ -19,6 +19,7 @@ struct BiLayout {
     uint32_t V, hp_width, lp_width;
     std::array<uint32_t, 6> pos, start;
     std::array<uint8_t, 6> from_lp;
+    bool operator==(const BiLayout&) const = default;
 };
 
 #if TERVANE_X86
