@@ -94,8 +94,14 @@ void build_layout(uint32_t mode) {
     layout_mode = mode;
 }
 
-// Builds the symbol numbered l of the frame into sym, taking its data cells in order from cells.
-void build_symbol(int32_t l, const dvbComplex* cells, uint32_t K, dvbComplex* sym) {
+// Builds the symbol numbered l of the frame into sym, taking its N data cells in
+// order from cells. The stretches of data cells between pilots are short (at
+// most 11 in a row, but at the ends): each is copied as a fixed block of 16
+// cells while the block stays inside the data cells and the symbol; its surplus
+// is overwritten by the pilots and stretches that follow it.
+void build_symbol(int32_t l, const dvbComplex* cells, uint32_t N, uint32_t K, dvbComplex* sym) {
+    constexpr uint32_t block = 16;
+    const dvbComplex* const end = cells + N;
     const auto& list = specials[static_cast<size_t>(l % 4)];
     const uint32_t n = special_count[static_cast<size_t>(l % 4)];
     const bool reference = l == 0;
@@ -104,8 +110,12 @@ void build_symbol(int32_t l, const dvbComplex* cells, uint32_t K, dvbComplex* sy
     for (uint32_t e = 0; e < n; e++) {
         const Special& sp = list[e];
         if (sp.k > k) {
-            std::copy(cells, cells + (sp.k - k), sym + k);
-            cells += sp.k - k;
+            const uint32_t len = sp.k - k;
+            if (len <= block && cells + block <= end && k + block <= K)
+                std::memcpy(sym + k, cells, sizeof(dvbComplex) * block);
+            else
+                std::copy(cells, cells + len, sym + k);
+            cells += len;
         }
         if (sp.tps_j < 0) {
             sym[sp.k] = {sp.value, 0.0f};
@@ -177,7 +187,7 @@ uint32_t piltps_add(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump) {
         const bool direct = out->len - q >= uK;
         dvbComplex* sym = direct ? dvbCplx(out) + q : sym_buf.data();
         // The symbol's data cells as one run: the input ring itself unless they cross its end.
-        build_symbol(sym_num, static_cast<const dvbComplex*>(dvbRingView(in, r, N, cells_buf.data())), uK, sym);
+        build_symbol(sym_num, static_cast<const dvbComplex*>(dvbRingView(in, r, N, cells_buf.data())), N, uK, sym);
         r = dvbRingAdvance(r, N, in->len);
         q = direct ? dvbRingAdvance(q, uK, out->len) : dvbRingPut(out, q, sym, uK);
         checked_write(sym, sizeof(dvbComplex), uK, dump);
