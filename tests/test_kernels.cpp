@@ -156,13 +156,18 @@ TEST(Kernels, GroupedReedSolomonRunwiseDispersalAndBranchwiseInterleaver) {
                   uint32_t c = 0;
                   dvbTSDisperdInvert(i, o, seq.v, plen, period, m, "ED", nullptr, &c);
               }), want);
-    // The outer interleaver in pieces along each branch: rings whose ends cut
-    // groups, calls longer than a piece.
+    // The outer interleaver with each instruction set: rings whose ends cut
+    // groups, calls shorter than a branch's delay and calls of several pieces.
     tu::set_parms([](dvbt_parms_t& p) { p.cinit = 0; });
-    convint_state ci{};
-    init_convint(&ci, 12, 17);
-    const Bytes rs = random_bytes(12 * 1500, g), ci_want = models::outer_interleave(rs);
-    EXPECT_EQ(stream(rs, 4001, 3997, ci_want.size(), g, [&](dvbVect* i, dvbVect* o, uint32_t m) { conv_int(i, o, &ci, m, nullptr); }), ci_want);
+    const Bytes rs = random_bytes(12 * 4000, g), ci_want = models::outer_interleave(rs);
+    for (dvbIsa isa : isas())
+        for (const auto& [in_len, out_len] : {std::pair{131u, 127u}, std::pair{25013u, 24997u}}) {
+            IsaScope scope(isa);
+            convint_state ci{};
+            init_convint(&ci, 12, 17);
+            EXPECT_EQ(stream(rs, in_len, out_len, ci_want.size(), g, [&](dvbVect* i, dvbVect* o, uint32_t m) { conv_int(i, o, &ci, m, nullptr); }), ci_want)
+                << "isa " << isa << " ring " << in_len;
+        }
 }
 
 // The interpolation filter, fed in uneven pieces through small rings and through
