@@ -6,6 +6,8 @@
 
 #include "frame/params.hpp"
 #include "frame/print.hpp"
+#include "inner/inner_x86.hpp"
+#include "vectors/cpu.hpp"
 #include "vectors/written.hpp"
 
 namespace {
@@ -13,7 +15,9 @@ namespace {
 // ---------------------------------------------------------------------------
 // Bit interleaver
 
-constexpr uint32_t BI_BLOCK = 126;
+using namespace inner_detail;
+
+constexpr uint32_t BI_BLOCK = bi_block_words;
 
 // Start of the read index point0 .. point5 of each sub-stream interleaver:
 // word w takes bit (w + shift_e) mod 126 of sub-stream e.
@@ -42,6 +46,7 @@ uint8_t bi_words[BI_BLOCK];
 // routed from in_hp) or the LP bits. Built per constellation and hierarchy.
 std::array<std::array<uint16_t, BI_BLOCK>, 6> src_of{};
 std::array<uint8_t, 6> from_lp{};
+BiLayout layout{};
 int64_t src_key = -1;
 
 // The layout the source table was built for: bits per word and hierarchy.
@@ -73,6 +78,7 @@ void build_sources(uint32_t V, bool hier) {
     for (uint32_t e = 0; e < V; e++)
         for (uint32_t w = 0; w < BI_BLOCK; w++)
             src_of[e][w] = static_cast<uint16_t>(width[e] * ((w + point_start[e]) % BI_BLOCK) + pos[e]);
+    layout = {V, hier ? 2 : V, hier ? V - 2 : 0, pos, point_start, from_lp};
     src_key = source_key(V, hier);
 }
 
@@ -86,6 +92,18 @@ void bi_block(const uint8_t* hp, const uint8_t* lp) {
         uint32_t word = 0;
         for (uint32_t e = 0; e < V; e++) word = (word << 1) + from[e][src_of[e][w]];
         bi_words[w] = static_cast<uint8_t>(word);
+    }
+}
+
+// One block into bi_words, by the widest form the kernels may use.
+void interleave_block(uint32_t V, const uint8_t* hp, const uint8_t* lp) {
+#if TERVANE_X86
+    if (dvbUseAvx512()) return bi_block_avx512(layout, hp, lp, bi_words);
+#endif
+    switch (V) {
+        case 2: bi_block<2>(hp, lp); break;
+        case 4: bi_block<4>(hp, lp); break;
+        default: bi_block<6>(hp, lp); break;
     }
 }
 
@@ -156,11 +174,7 @@ uint32_t bit_interleave(dvbVect* in_hp, dvbVect* in_lp, dvbVect* out, uint32_t m
             lp = static_cast<const uint8_t*>(dvbRingView(in_lp, r_lp, lp_bits, bi_scratch_lp));
             r_lp = dvbRingAdvance(r_lp, lp_bits, in_lp->len);
         }
-        switch (v) {
-            case 2: bi_block<2>(hp, lp); break;
-            case 4: bi_block<4>(hp, lp); break;
-            default: bi_block<6>(hp, lp); break;
-        }
+        interleave_block(v, hp, lp);
         w = dvbRingPut(out, w, bi_words, BI_BLOCK);
         checked_write(bi_words, 1, BI_BLOCK, dump);
     }

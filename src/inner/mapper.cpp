@@ -9,6 +9,8 @@
 
 #include "frame/params.hpp"
 #include "frame/print.hpp"
+#include "inner/inner_x86.hpp"
+#include "vectors/cpu.hpp"
 #include "vectors/written.hpp"
 
 static_assert(sizeof(dvbComplex) == 8, "a cell is two packed 32-bit floats");
@@ -96,7 +98,11 @@ int32_t qam_map(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump) {
     // Runs that cross neither ring end.
     for (uint32_t done = 0; done < n;) {
         const uint32_t run = dvbRingRun(out, w, dvbRingRun(in, r, n - done));
-        for (uint32_t i = 0; i < run; i++) dst[w + i] = QAM[src[r + i] & 63u];
+        uint32_t i = 0;
+#if TERVANE_X86
+        if (dvbUseAvx512()) i = inner_detail::map_cells_avx512(QAM.data(), src + r, run, dst + w);
+#endif
+        for (; i < run; i++) dst[w + i] = QAM[src[r + i] & 63u];
         if (dump != nullptr) dump_cells(dump, dst + w, run);
         r = dvbRingAdvance(r, run, in->len);
         w = dvbRingAdvance(w, run, out->len);

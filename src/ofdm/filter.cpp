@@ -1,15 +1,19 @@
 // Polyphase interpolation filter. All phases see the same input samples, so one
-// shared history of the last 16 inputs serves them all; the outputs of one
-// input are computed together, each with its own sum in tap order.
+// line of the last inputs serves them all; every output is its own sum in tap
+// order, whichever form computes it (filter_x86.cpp holds the vector forms).
 #include "ofdm/filter.hpp"
 
 #include <cstring>
 
 #include "frame/params.hpp"
 #include "frame/print.hpp"
+#include "ofdm/filter_x86.hpp"
+#include "vectors/cpu.hpp"
 #include "vectors/written.hpp"
 
 namespace {
+
+using namespace filter_detail;
 
 constexpr int32_t max_phases = 4;
 constexpr int32_t max_taps = 16;
@@ -21,12 +25,13 @@ std::array<int32_t, max_phases> filtlen{};
 // Delay lines of the plain form: line p holds the last filtlen[p] inputs, newest first.
 std::array<std::array<dvbComplex, 63>, max_phases> filtsr{};
 
-// Shared history for the fast form: the newest input at hist[pos], the one
-// before at hist[pos + 1], ...; the window is moved back to the end of the
-// store when it reaches the start, so that no shifting is needed per sample.
-constexpr size_t hist_size = 1024;
-std::array<dvbComplex, hist_size + max_taps> hist{};
-size_t pos = hist_size;
+// The last inputs, oldest first: line[0 .. history) are the inputs before the
+// current piece, which is copied in after them, so that every output reads its
+// 16 inputs from one contiguous run.
+constexpr uint32_t piece = 512;
+alignas(64) std::array<dvbComplex, history + piece> line{};
+// Outputs of a piece that would cross the end of the output ring.
+alignas(64) std::array<dvbComplex, 4 * piece> spill{};
 
 // Four float lanes: (re, im) of two outputs.
 typedef float v4f __attribute__((vector_size(16)));
@@ -36,56 +41,58 @@ typedef int32_t v4i __attribute__((vector_size(16)));
 // of output m use h[m + j * Mup] for the j-th newest input.
 std::array<std::array<v4f, max_phases / 2>, max_taps> coef{};
 
-// One output group from the shared history: y[m] = sum over j of h[m + j R] x[j],
+// The portable form, one input at a time: y[m] = sum over j of h[m + j R] x[t - j],
 // accumulated in float in tap order, every output in its own lanes. Output R - 1
 // has one tap fewer: its lanes of the last product are masked to +0, which
 // leaves its sum unchanged (a sum that starts at +0 never becomes -0).
 template <int R>
-inline void outputs(const dvbComplex* x, v4f* y) {
+void outputs(const dvbComplex* x, uint32_t from, uint32_t c, dvbComplex* y) {
     constexpr int B = R / 2;
-    v4f acc[B] = {};
-    for (int j = 0; j < max_taps; ++j) {
-        const v4f xx = {x[j].re, x[j].im, x[j].re, x[j].im};
-        for (int b = 0; b < B; ++b) {
-            v4f prod = xx * coef[static_cast<size_t>(j)][static_cast<size_t>(b)];
-            if (j == max_taps - 1 && b == B - 1) {
-                const v4i keep = {-1, -1, 0, 0};
-                prod = reinterpret_cast<v4f>(reinterpret_cast<v4i>(prod) & keep);
+    for (uint32_t t = from; t < c; ++t) {
+        v4f acc[B] = {};
+        for (int j = 0; j < max_taps; ++j) {
+            const dvbComplex u = x[static_cast<int64_t>(t) - j];
+            const v4f xx = {u.re, u.im, u.re, u.im};
+            for (int b = 0; b < B; ++b) {
+                v4f prod = xx * coef[static_cast<size_t>(j)][static_cast<size_t>(b)];
+                if (j == max_taps - 1 && b == B - 1) {
+                    const v4i keep = {-1, -1, 0, 0};
+                    prod = reinterpret_cast<v4f>(reinterpret_cast<v4i>(prod) & keep);
+                }
+                acc[b] += prod;
             }
-            acc[b] += prod;
         }
+        std::memcpy(y + static_cast<size_t>(t) * R, acc, sizeof acc);
     }
-    for (int b = 0; b < B; ++b) y[b] = acc[b];
+}
+
+// The outputs of the c inputs from x on (x[-15 .. c) readable) into y: the
+// widest vector form the kernels may use takes whole blocks, the portable one the rest.
+template <int R>
+void interpolate(const dvbComplex* x, uint32_t c, dvbComplex* y) {
+    uint32_t done = 0;
+#if TERVANE_X86
+    if (dvbUseAvx512()) done = R == 2 ? interpolate2_avx512(x, c, y) : interpolate4_avx512(x, c, y);
+    else if (dvbUseAvx()) done = R == 2 ? interpolate2_avx(x, c, y) : interpolate4_avx(x, c, y);
+#endif
+    outputs<R>(x, done, c, y);
 }
 
 template <int R>
 uint32_t run(dvbVect* in, dvbVect* out, uint32_t n, FILE* dump) {
-    const dvbComplex* src = dvbCplx(in);
-    dvbComplex* dst = dvbCplx(out);
     uint32_t r = in->head;
-    uint32_t q = dvbRingWritePos(out);
-    const uint32_t q0 = q;
-    for (uint32_t i = 0; i < n; ++i) {
-        if (pos == 0) {
-            std::memmove(hist.data() + hist_size, hist.data(), (max_taps - 1) * sizeof(dvbComplex));
-            pos = hist_size;
-        }
-        hist[--pos] = src[r];
-        if (++r == in->len) r = 0;
-        v4f yv[R / 2];
-        outputs<R>(hist.data() + pos, yv);
-        float y[2 * R];
-        std::memcpy(y, yv, sizeof y);
-        if (out->len - q >= static_cast<uint32_t>(R)) {
-            std::memcpy(dst + q, y, sizeof y);
-            q += R;
-            if (q == out->len) q = 0;
-        } else {
-            for (int m = 0; m < R; ++m) {
-                dst[q] = {y[2 * m], y[2 * m + 1]};
-                if (++q == out->len) q = 0;
-            }
-        }
+    const uint32_t q0 = dvbRingWritePos(out);
+    uint32_t q = q0;
+    for (uint32_t left = n; left > 0;) {
+        const uint32_t c = left < piece ? left : piece;
+        r = dvbRingGet(in, r, line.data() + history, c);
+        // Straight into the output ring when the piece's outputs fit before its end.
+        const bool direct = out->len - q >= c * R;
+        dvbComplex* y = direct ? dvbCplx(out) + q : spill.data();
+        interpolate<R>(line.data() + history, c, y);
+        q = direct ? dvbRingAdvance(q, c * R, out->len) : dvbRingPut(out, q, spill.data(), c * R);
+        std::memmove(line.data(), line.data() + c, history * sizeof(dvbComplex));
+        left -= c;
     }
     checked_ring_write(out, q0, n * R, dump);
     return n;
@@ -96,8 +103,7 @@ uint32_t run(dvbVect* in, dvbVect* out, uint32_t n, FILE* dump) {
 void init_filt() {
     // The delay lines start empty (zero).
     for (auto& line : filtsr) line.fill(dvbComplex{0.0f, 0.0f});
-    hist.fill(dvbComplex{0.0f, 0.0f});
-    pos = hist_size;
+    line.fill(dvbComplex{0.0f, 0.0f});
     switch (dvbt_parms.interp) {
     case 1:
         filter = filter2x.data();

@@ -1,6 +1,7 @@
 // Frame adaptation (pilots, TPS cells, data cells) and the TPS word.
 #include "ofdm/framing.hpp"
 
+#include <algorithm>
 #include <cstring>
 
 #include "frame/params.hpp"
@@ -39,6 +40,8 @@ std::array<uint8_t, 14> b{};
 
 // One symbol that crosses the end of the output ring, as it is built.
 std::array<dvbComplex, max_K> sym_buf{};
+// The data cells of one symbol when they cross the end of the input ring.
+std::array<dvbComplex, dvbt_N.back()> cells_buf{};
 
 // Writes the nbits low bits of value into s[pos ..], most significant first.
 void put_bits(size_t pos, uint32_t value, size_t nbits) {
@@ -91,8 +94,14 @@ void build_layout(uint32_t mode) {
     layout_mode = mode;
 }
 
-// Builds the symbol numbered l of the frame into sym, taking its data cells from the ring at r.
-void build_symbol(int32_t l, const dvbVect* in, uint32_t& r, uint32_t K, dvbComplex* sym) {
+// Builds the symbol numbered l of the frame into sym, taking its N data cells in
+// order from cells. The stretches of data cells between pilots are short (at
+// most 11 in a row, but at the ends): each is copied as a fixed block of 16
+// cells while the block stays inside the data cells and the symbol; its surplus
+// is overwritten by the pilots and stretches that follow it.
+void build_symbol(int32_t l, const dvbComplex* cells, uint32_t N, uint32_t K, dvbComplex* sym) {
+    constexpr uint32_t block = 16;
+    const dvbComplex* const end = cells + N;
     const auto& list = specials[static_cast<size_t>(l % 4)];
     const uint32_t n = special_count[static_cast<size_t>(l % 4)];
     const bool reference = l == 0;
@@ -100,7 +109,14 @@ void build_symbol(int32_t l, const dvbVect* in, uint32_t& r, uint32_t K, dvbComp
     uint32_t k = 0;
     for (uint32_t e = 0; e < n; e++) {
         const Special& sp = list[e];
-        if (sp.k > k) r = dvbRingGet(in, r, sym + k, sp.k - k);
+        if (sp.k > k) {
+            const uint32_t len = sp.k - k;
+            if (len <= block && cells + block <= end && k + block <= K)
+                std::memcpy(sym + k, cells, sizeof(dvbComplex) * block);
+            else
+                std::copy(cells, cells + len, sym + k);
+            cells += len;
+        }
         if (sp.tps_j < 0) {
             sym[sp.k] = {sp.value, 0.0f};
         } else {
@@ -113,7 +129,7 @@ void build_symbol(int32_t l, const dvbVect* in, uint32_t& r, uint32_t K, dvbComp
         }
         k = sp.k + 1;
     }
-    if (k < K) r = dvbRingGet(in, r, sym + k, K - k);
+    if (k < K) std::copy(cells, cells + (K - k), sym + k);
 }
 
 }  // namespace
@@ -170,7 +186,9 @@ uint32_t piltps_add(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump) {
         // Built in the output ring itself when the symbol fits before its end.
         const bool direct = out->len - q >= uK;
         dvbComplex* sym = direct ? dvbCplx(out) + q : sym_buf.data();
-        build_symbol(sym_num, in, r, uK, sym);
+        // The symbol's data cells as one run: the input ring itself unless they cross its end.
+        build_symbol(sym_num, static_cast<const dvbComplex*>(dvbRingView(in, r, N, cells_buf.data())), N, uK, sym);
+        r = dvbRingAdvance(r, N, in->len);
         q = direct ? dvbRingAdvance(q, uK, out->len) : dvbRingPut(out, q, sym, uK);
         checked_write(sym, sizeof(dvbComplex), uK, dump);
 

@@ -5,11 +5,16 @@
 
 #include "frame/params.hpp"
 #include "frame/print.hpp"
+#include "outer/outer_x86.hpp"
+#include "vectors/cpu.hpp"
 #include "vectors/written.hpp"
 
 namespace {
-constexpr uint32_t GROUP = 12;  // bytes per commutator cycle
-}
+constexpr uint32_t GROUP = 12;   // bytes per commutator cycle
+constexpr uint32_t PIECE = 1024;  // groups per piece
+uint8_t in_piece[GROUP * PIECE];
+uint8_t out_piece[GROUP * PIECE];
+}  // namespace
 
 void init_convint(convint_state* s, uint32_t I, uint32_t M) {
     s->branch_pos.assign(I, 0);
@@ -24,6 +29,37 @@ void init_convint(convint_state* s, uint32_t I, uint32_t M) {
     s->branch_len.resize(I);
     for (uint32_t j = 0; j < I; j++) s->branch_len[j] = j * M;
 }
+
+namespace {
+
+// Each branch along its bytes 12 apart, in stretches that stop where its FIFO
+// cell index wraps; or the widest vector form the kernels may use.
+void interleave_piece(const uint8_t* src, uint32_t c, uint8_t* dst, uint8_t* const* fifo, const uint32_t* flen,
+                      uint32_t* fpos) {
+#if TERVANE_X86
+    if (dvbUseAvx512()) return outer_detail::interleave_avx512(src, c, dst, fifo, flen, fpos);
+#endif
+    for (uint32_t j = 0; j < GROUP; j++) {
+        if (fifo[j] == nullptr) {
+            for (uint32_t g = 0; g < c; g++) dst[GROUP * g + j] = src[GROUP * g + j];
+            continue;
+        }
+        uint8_t* f = fifo[j];
+        uint32_t p = fpos[j];
+        for (uint32_t g = 0; g < c;) {
+            const uint32_t run = c - g < flen[j] - p ? c - g : flen[j] - p;
+            for (uint32_t k = 0; k < run; k++, g++, p++) {
+                const uint8_t o = f[p];
+                f[p] = src[GROUP * g + j];
+                dst[GROUP * g + j] = o;
+            }
+            if (p == flen[j]) p = 0;
+        }
+        fpos[j] = p;
+    }
+}
+
+}  // namespace
 
 uint32_t conv_int(dvbVect* in, dvbVect* out, convint_state* s, uint32_t maxlen, FILE* dump) {
     if (in->fill == 0 || out->fill == out->len) return 0;
@@ -42,27 +78,22 @@ uint32_t conv_int(dvbVect* in, dvbVect* out, convint_state* s, uint32_t maxlen, 
         fpos[j] = s->branch_pos[j];
     }
 
-    const uint8_t* src = dvbBytes(in);
-    uint8_t* dst = dvbBytes(out);
-    const uint32_t ilen = in->len, olen = out->len;
     uint32_t r = in->head;
     const uint32_t w0 = dvbRingWritePos(out);
     uint32_t w = w0;
-
-    for (uint32_t g = 0; g < ngroup; g++) {
-        for (uint32_t j = 0; j < GROUP; j++) {
-            uint8_t b = src[r];
-            if (++r == ilen) r = 0;
-            if (fifo[j] != nullptr) {
-                uint8_t& cell = fifo[j][fpos[j]];
-                const uint8_t o = cell;
-                cell = b;
-                b = o;
-                if (++fpos[j] == flen[j]) fpos[j] = 0;
-            }
-            dst[w] = b;
-            if (++w == olen) w = 0;
-        }
+    // Pieces of whole groups, read as one run (the input ring itself unless
+    // they cross its end) and written straight into the output ring when they
+    // fit before its end.
+    for (uint32_t done = 0; done < ngroup;) {
+        const uint32_t c = ngroup - done < PIECE ? ngroup - done : PIECE;
+        const uint32_t bytes = GROUP * c;
+        const auto* src = static_cast<const uint8_t*>(dvbRingView(in, r, bytes, in_piece));
+        const bool direct = out->len - w >= bytes;
+        uint8_t* dst = direct ? dvbBytes(out) + w : out_piece;
+        interleave_piece(src, c, dst, fifo, flen, fpos);
+        r = dvbRingAdvance(r, bytes, in->len);
+        w = direct ? dvbRingAdvance(w, bytes, out->len) : dvbRingPut(out, w, out_piece, bytes);
+        done += c;
     }
 
     for (uint32_t j = 0; j < GROUP && j < s->nbranch; j++)

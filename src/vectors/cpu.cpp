@@ -1,8 +1,10 @@
 // Processor features for the kernels' dispatch.
 #include "vectors/cpu.hpp"
 
+#include "vectors/simd.hpp"
+
 dvbIsa dvbCpuIsa() {
-#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+#if TERVANE_X86
     static const dvbIsa isa = [] {
         __builtin_cpu_init();
         const bool avx512 = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
