@@ -25,6 +25,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <bit>
 #include <cerrno>
 #include <chrono>
 #include <cmath>
@@ -96,6 +97,7 @@ void on_log(const SoapySDRLogLevel level, const char* message) {
 
 // The device-side sample format and the conversion of scaled values into it.
 struct Format {
+    enum Kind { CF32, CS16, CS8 } kind = CF32;
     std::string name;     // CF32, CS16 or CS8
     double fullscale = 1;
     size_t size = 8;      // bytes per complex sample
@@ -103,33 +105,39 @@ struct Format {
 
     static Format make(const std::string& native, double fs) {
         Format f;
-        f.name = native;
-        f.fullscale = fs > 0 ? fs : (native == "CS8" ? 128 : native == "CS16" ? 32768 : 1);
-        if (native == SOAPY_SDR_CS16 || native == SOAPY_SDR_CS8) {
-            const double top = native == SOAPY_SDR_CS8 ? 127 : 32767;
-            f.size = native == SOAPY_SDR_CS8 ? 2 : 4;
+        f.kind = native == SOAPY_SDR_CS8 ? CS8 : native == SOAPY_SDR_CS16 ? CS16 : CF32;
+        f.name = f.kind == CS8 ? SOAPY_SDR_CS8 : f.kind == CS16 ? SOAPY_SDR_CS16 : SOAPY_SDR_CF32;
+        f.fullscale = fs > 0 ? fs : (f.kind == CS8 ? 128 : f.kind == CS16 ? 32768 : 1);
+        if (f.kind != CF32) {
+            const double top = f.kind == CS8 ? 127 : 32767;
+            f.size = f.kind == CS8 ? 2 : 4;
             f.lo = std::max(-std::floor(f.fullscale), -top - 1);
             f.hi = std::min(std::floor(f.fullscale) - 1, top);
         } else {
-            f.name = SOAPY_SDR_CF32;
             f.lo = -f.fullscale;
             f.hi = f.fullscale;
         }
         return f;
     }
-    // Writes one component; returns whether it was saturated.
+    // Writes one component in the format K (this one's); returns whether it was saturated.
+    template <Kind K>
     bool put(double y, uint8_t* dst) const {
-        if (name == SOAPY_SDR_CF32) {
+        if constexpr (K == CF32) {
             const float v = static_cast<float>(y);
             const bool clip = v < lo || v > hi;
             const float s = clip ? static_cast<float>(v < lo ? lo : hi) : v;
             std::memcpy(dst, &s, sizeof s);
             return clip;
         }
-        double r = std::round(y);
+        // Rounded half away from zero: the truncation, moved by one where the
+        // part cut off is a half or more (exact, as y - t is).
+        const double c = std::clamp(y, lo - 1, hi + 1);
+        const auto t = static_cast<int32_t>(c);
+        const double cut = c - t;
+        double r = t + (cut >= 0.5) - (cut <= -0.5);
         const bool clip = !(r >= lo && r <= hi);
         if (clip) r = y < 0 ? lo : hi;
-        if (name == SOAPY_SDR_CS8) {
+        if constexpr (K == CS8) {
             *reinterpret_cast<int8_t*>(dst) = static_cast<int8_t>(r);
         } else {
             const auto v = static_cast<int16_t>(r);
@@ -137,17 +145,28 @@ struct Format {
         }
         return clip;
     }
-    // One component back as a value relative to full scale.
-    double get(const uint8_t* src) const {
-        if (name == SOAPY_SDR_CF32) {
-            float v;
-            std::memcpy(&v, src, sizeof v);
-            return v / fullscale;
+    // The largest magnitude and the sum of squares of n components, as they
+    // stand in the device's format (relative to full scale: divide by it).
+    void measure(const uint8_t* src, size_t n, double& peak, double& power) const {
+        double p = 0, e = 0;
+        if (kind == CF32) {
+            for (size_t i = 0; i < n; ++i) {
+                float v;
+                std::memcpy(&v, src + 4 * i, sizeof v);
+                p = std::max(p, double{std::fabs(v)}), e += double{v} * v;
+            }
+        } else {
+            int64_t top = 0, sum = 0;
+            for (size_t i = 0; i < n; ++i) {
+                int16_t v = 0;
+                if (kind == CS8) v = static_cast<int8_t>(src[i]);
+                else std::memcpy(&v, src + 2 * i, sizeof v);
+                top = std::max<int64_t>(top, v < 0 ? -v : v), sum += int64_t{v} * v;
+            }
+            p = static_cast<double>(top), e = static_cast<double>(sum);
         }
-        if (name == SOAPY_SDR_CS8) return *reinterpret_cast<const int8_t*>(src) / fullscale;
-        int16_t v;
-        std::memcpy(&v, src, sizeof v);
-        return v / fullscale;
+        peak = std::max(peak, p / fullscale);
+        power += e / (fullscale * fullscale);
     }
 };
 
@@ -228,7 +247,19 @@ public:
         wr_ = std::cos(a), wi_ = std::sin(a);
     }
     void convert(const dvbComplex* x, size_t n, uint8_t* dst) {
+        switch (f_.kind) {
+        case Format::CF32: convert_as<Format::CF32>(x, n, dst); break;
+        case Format::CS16: convert_as<Format::CS16>(x, n, dst); break;
+        case Format::CS8: convert_as<Format::CS8>(x, n, dst); break;
+        }
+    }
+    std::atomic<long> clipped{0};
+
+private:
+    template <Format::Kind K>
+    void convert_as(const dvbComplex* x, size_t n, uint8_t* dst) {
         const size_t half = f_.size / 2;
+        long clips = 0;
         for (size_t i = 0; i < n; ++i, dst += f_.size) {
             double re = double{x[i].re} * k_, im = double{x[i].im} * k_;
             if (step_ != 0) {
@@ -247,12 +278,11 @@ public:
                 pr_ = p2;
                 --left_;
             }
-            clipped += f_.put(re, dst) + f_.put(im, dst + half);
+            clips += f_.put<K>(re, dst) + f_.put<K>(im, dst + half);
         }
+        clipped += clips;
     }
-    std::atomic<long> clipped{0};
 
-private:
     static constexpr unsigned kBlock = 4096;
     Format f_;
     double k_, step_, phase_ = 0;  // phase_: of the next block's first sample, in turns
@@ -334,6 +364,11 @@ public:
 
 private:
     static dvbComplex cf32le(const uint8_t* p) {
+        if constexpr (std::endian::native == std::endian::little) {
+            dvbComplex v;
+            std::memcpy(&v, p, sizeof v);
+            return v;
+        }
         uint32_t u[2];
         for (int c = 0; c < 2; ++c)
             u[c] = uint32_t{p[4 * c]} | uint32_t{p[4 * c + 1]} << 8 | uint32_t{p[4 * c + 2]} << 16 |
@@ -751,11 +786,7 @@ int main(int argc, char** argv) {
             const bool stop = g_signalled.load();
             if (n == 0 && !stop && !ring.drained()) continue;
             last = stop || st.samples + n >= to_send || ring.drained();
-            for (size_t i = 0; i < 2 * n; ++i) {
-                const double v = f.get(&chunk[i * f.size / 2]);
-                st.peak = std::max(st.peak, std::fabs(v));
-                st.power += v * v;
-            }
+            f.measure(chunk.data(), 2 * n, st.peak, st.power);
             size_t done = 0;
             do {
                 int flags = last ? SOAPY_SDR_END_BURST : 0;
