@@ -71,8 +71,8 @@ inline Bytes read_file(const fs::path& p) {
 }
 
 inline std::string read_text(const fs::path& p) {
-    std::ifstream f(p, std::ios::binary);
-    return {std::istreambuf_iterator<char>(f), std::istreambuf_iterator<char>()};
+    const Bytes b = read_file(p);
+    return {b.begin(), b.end()};
 }
 
 inline void write_file(const fs::path& p, const Bytes& data) {
