@@ -116,9 +116,7 @@ TEST(Cli, ReportFiguresAndAdjustments) {
           "\tTotal symbol time      : 231.000 micros\n\tUseful throughput      : 6.032085 Mbps\n"
           "\tCarrier spacing        : 4.464 kHz\n\tNominal bandwidth      : 7.611607 MHz\n",
           "\tMPEG-2 packets per time: 100\n\tTotal RAM (approx.)    : 6.282 MB\n",
-          "Checking MPEG-2 TS file length ... 47000 bytes\n", "Energy disperder dumping selected: out_ed.bin\n",
-          "Theoretical global rate = 6032.086 kbps\n"});
-    EXPECT_EQ(tu::log_body(tu::read_text(dir / "test.log")), r.out + std::string(48, '_') + "\n\n");
+          "Checking MPEG-2 TS file length ... 47000 bytes\n", "Energy disperder dumping selected: out_ed.bin\n"});
 
     // Hierarchical QPSK runs as 16-QAM (buffers stay sized for 2 bits);
     // HP 2 bits per cell, LP the other 2; the end report adds them.
@@ -133,8 +131,7 @@ TEST(Cli, ReportFiguresAndAdjustments) {
           "\tOutput sampling rate   : 16.000000 Msps\n\tOutput sample time     : 125.000 ns\n",
           "\tUseful throughput, HP  : 5.278075 Mbps\n\tUseful throughput, LP  : 7.917112 Mbps\n",
           "\tCarrier spacing        : 3.906 kHz\n", "\tTotal RAM (approx.)    : 6.282 MB\n",
-          "Checking MPEG-2 TS files length ... 47000 bytes (HP) + 47000 bytes (LP)\n",
-          "Theoretical global rate = 13195.188 kbps\n"});
+          "Checking MPEG-2 TS files length ... 47000 bytes (HP) + 47000 bytes (LP)\n"});
     r = transmit(dir, {"-i", "a.ts", "-m", "8k", "-idi", "-cid", "0", "-M", "64", "-D", "1/4", "-p", "7/8", "-s", "19"});
     expect_parts(r.out, {"\tIn-depth interleaving  : no\n", "\tCell identifier        : 0x0000\n",
                          "\tUseful throughput      : 26.126470 Mbps\n", "\tCarrier spacing        : 1.116 kHz\n"});
@@ -182,7 +179,8 @@ TEST(Cli, EveryMessageAtItsLevel) {
     EXPECT_TRUE(contains(out, pass)) << out;
 }
 
-// The end report: the theoretical rate; elapsed time times the measured rate
+// The end report (the log mirrors it, see the failed writes): the theoretical
+// rate, from its formula (NH and hierarchical); elapsed time times the measured rate
 // is the payload that the written symbols carry; the comparison is their
 // ratio; the last progress line names the last symbol and the share of input.
 TEST(Cli, EndReportAndProgress) {

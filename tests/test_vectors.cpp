@@ -1,6 +1,6 @@
 // The signal-vector library: result codes, conversions, the pseudo-random
-// sequence, the ring toolkit every stage uses, ramps, arithmetic, vector files
-// and the printer.
+// sequence, ramps, arithmetic, vector files and the printer. The ring toolkit
+// is checked through the stages that use it.
 
 #include <array>
 #include <cmath>
@@ -63,8 +63,6 @@ Bytes native_header(uint32_t type, uint32_t len, uint8_t acc, float range, const
 }  // namespace
 
 TEST(VecManage, ResultCodesResizeAndCopy) {
-    // The one code no test can provoke (allocation failure) against its text.
-    EXPECT_STREQ(dvbErrString[DVB_NO_MEMORY], "No more memory to allocate");
     Vec a(Digital);
     EXPECT_EQ(priv_dvbCreateVect(&a.v, Digital), 7u);
     EXPECT_EQ(priv_dvbCreateVect(&a.v, Real), 10u);
@@ -134,56 +132,13 @@ TEST(VecConvert, PackingAndQuantising) {
     EXPECT_EQ(reals_after(dvbConvertVect(u.v, Real), u), (F{255.0f, 3.0f}));
 }
 
-// The energy-dispersal sequence as the driver builds it: 12032 bits packed
-// first bit most significant (the chain test checks every byte of it).
-TEST(VecPRBS, DispersalSequenceStart) {
+// The dispersal sequence itself is checked byte for byte by the chain test;
+// here the two cases the driver never makes.
+TEST(VecPRBS, NoVectorAndNoRegister) {
     Vec q(Digital);
-    ASSERT_EQ(dvbPRBSCreate(q.v, 15, 0x6000, 169, 12032), 0u);
-    ASSERT_EQ(q.v->len, 12032u);
-    ASSERT_EQ(dvbConvertVect(q.v, Symbol, 8, 0), 0u);
-    EXPECT_EQ(std::vector<uint8_t>(dvbBytes(q.v), dvbBytes(q.v) + 8), (std::vector<uint8_t>{0x03, 0xF6, 0x08, 0x34, 0x30, 0xB8, 0xA3, 0x93}));
     EXPECT_EQ(dvbPRBSCreate(nullptr, 15, 0x6000, 169, 8), 6u);  // the vector's code, nothing generated
     ASSERT_EQ(dvbPRBSCreate(q.v, 0, 0x6000, 169, 5), 0u);  // no register: all zeros
     EXPECT_EQ(std::vector<uint8_t>(dvbBytes(q.v), dvbBytes(q.v) + 5), (std::vector<uint8_t>(5, 0)));
-}
-
-// The whole-unit rule of every stage: the smallest of held input / in_unit,
-// free output / out_unit and maxlen / max_unit; a missing side sets no bound.
-TEST(VecRing, WholeUnitsThatFit) {
-    tu::ByteRing in(1000), out(1000);
-    in.v->fill = 2 * 188 - 1;
-    EXPECT_EQ(dvbRingUnits(in.v, 188, out.v, 204, 1000, 188), 1u);  // input bounds
-    in.v->fill = 1000;
-    out.v->fill = 1000 - (3 * 204 - 1);
-    EXPECT_EQ(dvbRingUnits(in.v, 188, out.v, 204, 1000, 188), 2u);  // output room bounds
-    out.v->fill = 0;
-    EXPECT_EQ(dvbRingUnits(in.v, 188, out.v, 204, 4 * 188 - 1, 188), 3u);  // maxlen bounds
-    EXPECT_EQ(dvbRingUnits(in.v, 1, out.v, 16, 1000, 1), 62u);            // 16 outputs per input
-    EXPECT_EQ(dvbRingUnits(in.v, 1, out.v, 4, 1000, 4), 250u);            // maxlen counted in outputs
-    EXPECT_EQ(dvbRingUnits(nullptr, 1, out.v, 1, 300, 1), 300u);          // producer
-    out.v->fill = 999;
-    EXPECT_EQ(dvbRingUnits(nullptr, 1, out.v, 1, 300, 1), 1u);
-    in.v->fill = 7;
-    EXPECT_EQ(dvbRingUnits(in.v, 1, nullptr, 1, 400000, 1), 7u);          // consumer
-    EXPECT_EQ(dvbRingUnits(in.v, 1, nullptr, 1, 5, 1), 5u);
-}
-
-// Copies in and out across the end of the storage, the position after them,
-// and views that copy only when they must.
-TEST(VecRing, CopiesAndViewsAcrossTheWrap) {
-    tu::ByteRing b(10, 7);
-    b.v->fill = 2;
-    EXPECT_EQ(dvbRingWritePos(b.v), 9u);
-    const uint8_t src[5] = {1, 2, 3, 4, 5};
-    uint8_t got[5] = {}, scratch[5] = {};
-    EXPECT_EQ(dvbRingPut(b.v, 9, src, 5), 4u);  // 9, 0, 1, 2, 3
-    EXPECT_EQ(std::vector<uint8_t>(b.data(), b.data() + 10), (std::vector<uint8_t>{2, 3, 4, 5, 0, 0, 0, 0, 0, 1}));
-    EXPECT_EQ(dvbRingGet(b.v, 9, got, 5), 4u);
-    EXPECT_EQ(dvbRingView(b.v, 9, 5, scratch), scratch);
-    EXPECT_TRUE(std::memcmp(got, src, 5) == 0 && std::memcmp(scratch, src, 5) == 0);
-    EXPECT_EQ(dvbRingView(b.v, 0, 4, scratch), b.data());
-    EXPECT_EQ(dvbRingRun(b.v, 8, 5), 2u);
-    EXPECT_EQ(dvbRingRun(b.v, 2, 5), 5u);
 }
 
 TEST(VecUtilSources, LinSpaceAndName) {

@@ -179,13 +179,10 @@ class Cli(unittest.TestCase):
             usage = run(d, VIEW, "-i", "x.ts", "-h")
             self.assertEqual(usage.returncode, 0)
             self.assertIn("-fc HZ", usage.stdout)
-            banner = re.search(r"v\. (\S+)", run(d, TERVANE, "-V").stdout).group(1)
-            self.assertEqual(run(d, VIEW, "-V").stdout.strip(), "tervane-view " + banner)
-            for cmd in ([VIEW, "-o", "none"], ["/usr/bin/python3", "-S", VIEW, "-o", "none"]):
-                r = run(d, *cmd)
-                self.assertEqual(r.returncode, 1)
-                self.assertEqual(len(r.stderr.strip().splitlines()), 1, r.stderr)
+            # The version and a refusal in one line are the companions test's; here what they name.
             self.assertIn("none.bin", run(d, VIEW, "-o", "none").stderr)
+            r = run(d, "/usr/bin/python3", "-S", VIEW, "-o", "none")
+            self.assertEqual((r.returncode, len(r.stderr.strip().splitlines())), (1, 1), r.stderr)
             self.assertIn("python3-numpy python3-matplotlib", r.stderr)
             with open(os.path.join(d, "bad.bin"), "wb") as f:
                 f.write(b"\0" * 12)                               # not whole float32 pairs

@@ -34,12 +34,7 @@ struct TempDir {
         EXPECT_NE(::mkdtemp(name.data()), nullptr) << name;
         path = name;
     }
-    ~TempDir() {
-        std::error_code ec;
-        fs::remove_all(path, ec);
-    }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
+    ~TempDir() { std::error_code ec; fs::remove_all(path, ec); }
     fs::path operator/(const std::string& name) const { return path / name; }
     operator const fs::path&() const { return path; }
 };
@@ -60,9 +55,8 @@ inline Result run(const fs::path& dir, const std::string& exe, const std::vector
     // fault that loops cannot fill the disk.
     std::string cmd = "ulimit -f 4194304 && cd " + quote(dir.string()) + " && " + quote(exe);
     for (const auto& a : args) cmd += ' ' + quote(a);
-    cmd += " 2>err.txt";
     Result r;
-    FILE* p = ::popen(cmd.c_str(), "r");
+    FILE* p = ::popen((cmd + " 2>err.txt").c_str(), "r");
     if (p == nullptr) return r;
     char buf[65536];
     for (size_t n; (n = std::fread(buf, 1, sizeof buf, p)) > 0;) r.out.append(buf, n);
@@ -71,9 +65,7 @@ inline Result run(const fs::path& dir, const std::string& exe, const std::vector
     return r;
 }
 
-inline Result tervane(const fs::path& dir, const std::vector<std::string>& args) {
-    return run(dir, TERVANE_EXE, args);
-}
+inline Result tervane(const fs::path& dir, const std::vector<std::string>& args) { return run(dir, TERVANE_EXE, args); }
 
 inline Bytes read_file(const fs::path& p) {
     std::ifstream f(p, std::ios::binary);
@@ -90,9 +82,7 @@ inline void write_file(const fs::path& p, const Bytes& data) {
     f.write(reinterpret_cast<const char*>(data.data()), static_cast<std::streamsize>(data.size()));
 }
 
-inline bool contains(const std::string& text, const std::string& part) {
-    return text.find(part) != std::string::npos;
-}
+inline bool contains(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
 // A transport stream of n packets: sync byte 0x47 and a payload that differs
 // from packet to packet.
@@ -115,9 +105,8 @@ inline std::string captured(const std::function<void()>& f) {
 
 // Text after the log's header line and the empty line that follows it.
 inline std::string log_body(const std::string& log) {
-    const size_t first = log.find('\n');
-    const size_t second = first == std::string::npos ? first : log.find('\n', first + 1);
-    return second == std::string::npos ? std::string() : log.substr(second + 1);
+    const size_t at = log.find("\n\n");
+    return at == std::string::npos ? std::string() : log.substr(at + 2);
 }
 
 // Owns a handle of the given type, created empty.
@@ -125,8 +114,6 @@ struct Vec {
     dvbVect* v = nullptr;
     explicit Vec(uint32_t type) { EXPECT_EQ(priv_dvbCreateVect(&v, type), 0u); }
     ~Vec() { priv_dvbDestroyVect(&v); }
-    Vec(const Vec&) = delete;
-    Vec& operator=(const Vec&) = delete;
 };
 
 // An owned ring of len elements, empty, whose oldest element will sit at
@@ -158,8 +145,6 @@ struct Verbose {
     uint16_t saved = verbosity;
     explicit Verbose(uint16_t level) { verbosity = level; }
     ~Verbose() { verbosity = saved; }
-    Verbose(const Verbose&) = delete;
-    Verbose& operator=(const Verbose&) = delete;
 };
 
 // The instruction sets of the kernels to try: every one up to the processor's;
@@ -172,8 +157,6 @@ inline std::vector<dvbIsa> isas() {
 struct IsaScope {
     explicit IsaScope(dvbIsa isa) { dvbKernelIsa = isa; }
     ~IsaScope() { dvbKernelIsa = dvbCpuIsa(); }
-    IsaScope(const IsaScope&) = delete;
-    IsaScope& operator=(const IsaScope&) = delete;
 };
 
 // Sets dvbt_parms to the defaults with the given changes applied.
