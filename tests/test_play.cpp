@@ -177,7 +177,8 @@ TEST(Play, DeviceSettingsAndLoShift) {
 
 // The fake paces in real time: the achieved rate over a few seconds is the
 // sample rate within 1 %; an injected underflow counts once however it is
-// reported; a producer made slow shows as late deliveries.
+// reported; a producer made slow shows as late deliveries, and the device,
+// run dry, reports underflows of its own.
 TEST(Play, PacingUnderflowsAndLate) {
     Scratch s;
     s.reference({"-i", "a.ts", "-b", "5"});
@@ -199,6 +200,7 @@ TEST(Play, PacingUnderflowsAndLate) {
     r = play(s.dir, "buffer=20000,record=/dev/null", {"-i", "a.ts", "-buf", "0.01", "-t", "0.5"}, "env TERVANE_PLAY_TEST_DELAY_US=30000");
     EXPECT_EQ(r.status, 0);
     EXPECT_GT(num(fields(r.out), "late"), 0);
+    EXPECT_GT(num(fields(r.out), "underflows"), 0) << "the device ran dry as well";
 }
 
 // A rate the device cannot take is refused before anything is sent (status 3);
