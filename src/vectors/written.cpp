@@ -111,6 +111,9 @@ bool finish_outputs() {
 
 void track_file(FILE* fp, const char* name, const char* unit, uint32_t unit_size, void (*report)(const char*),
                 bool output) {
+    // A stream the C library hands out again replaces the entry of the one closed before it.
+    for (Written& w : written)
+        if (w.fp == fp) w.fp = nullptr;
     written.push_back({.fp = fp, .name = name, .unit = unit, .unit_size = unit_size, .report = report, .output = output});
 }
 
