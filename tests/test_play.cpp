@@ -275,9 +275,17 @@ TEST(Play, Playback) {
     for (size_t i = 0; i < got.size(); ++i)
         if (std::fabs(ref[i] * sf) < 32767) err = std::max(err, std::fabs(got[i] - ref[i] * k));
     EXPECT_LT(err, 1.01 * k / sf) << "agi codes are truncated sample values";
+
+    // A 2x file played without -I: the metadata's rate gives the interpolation, and so the level.
+    ASSERT_EQ(tu::tervane(s.dir.path, {"-i", "a.ts", "-o", "h", "-d", "t", "-I", "2x", "-v", "0"}).status, 0);
+    std::ofstream(s.dir / "h.sigmf-meta") << "{\"global\": {\"core:datatype\": \"cf32_le\", "
+                                             "\"core:sample_rate\": 18285714.285714287}}\n";
+    r = play(s.dir, "native=CF32,pace=0", {"-play", "h.bin"});
+    ASSERT_EQ(r.status, 0) << tu::read_text(s.dir / "err.txt");
+    EXPECT_NEAR(num(fields(r.out), "rms_dbfs"), -12, 0.3);
+    EXPECT_EQ(num(fields(tu::read_text(s.dir / "rec.bin.status")), "rate"), dvbSampleRate(3, 1));
 }
 
-// Bad options and a missing device: one clear line each, nothing sent.
 // The README's examples as they stand, each device's arguments replaced by
 // the fake's with that device's format, full scale, rate limit, gains and
 // antennas, no pacing, and the run cut short.
@@ -321,6 +329,7 @@ TEST(Play, ReadmeExamplesRunAgainstTheFake) {
     EXPECT_EQ(examples, 5);
 }
 
+// Bad options and a missing device: one clear line each, nothing sent.
 TEST(Play, Errors) {
     Scratch s;
     const std::vector<std::pair<std::vector<std::string>, int>> cases = {

@@ -659,7 +659,7 @@ int main(int argc, char** argv) {
     const uint32_t requested_M = dvbt_parms.M;
     settle_parms();
     compute_rates();
-    const double L = dvbt_interprate[dvbt_parms.interp];
+    double L = dvbt_interprate[dvbt_parms.interp];
     s.rate = dvbSampleRate(dvbt_parms.band, dvbt_parms.interp);
     const bool hier = dvbt_hierarchical();
 
@@ -672,6 +672,9 @@ int main(int argc, char** argv) {
         s.agi = dvbt_parms.dumpformat == 1;
         if (dvbt_parms.dumpformat == 2) companion::fail("-play: the agiold format (two files) cannot be played");
         read_sigmf(s);
+        // A rate from the metadata that is one of the channel's interpolated rates gives the interpolation.
+        for (uint32_t i = 0; i < dvbt_interprate.size(); ++i)
+            if (std::fabs(s.rate - dvbSampleRate(dvbt_parms.band, i)) < 1e-6 * s.rate) L = dvbt_interprate[i];
         play_bytes = companion::input_size(s.play);
         play_fp = std::fopen(s.play.c_str(), "rb");
         if (play_fp == nullptr) companion::fail("can't read \"%s\": %s", s.play.c_str(), std::strerror(errno));
