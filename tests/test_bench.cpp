@@ -94,7 +94,10 @@ TEST(Channel, ImpulseResponseIsTheEchoProfile) {
         impulse[n0] = cf(1, 0);
         tu::write_file(dir / "imp.bin", tu::Bytes(reinterpret_cast<const unsigned char*>(impulse.data()),
                                                   reinterpret_cast<const unsigned char*>(impulse.data() + impulse.size())));
-        ASSERT_EQ(channel(dir, {"-i", "imp.bin", "-o", "h.bin", "-m", c.mode, "-b", c.band, "-I", c.interp, "-f", c.map, "-profile", c.profile}).status, 0);
+        const auto run = channel(dir, {"-i", "imp.bin", "-o", "h.bin", "-m", c.mode, "-b", c.band, "-I", c.interp, "-f", c.map, "-profile", c.profile});
+        ASSERT_EQ(run.status, 0);
+        EXPECT_TRUE(tu::contains(run.out, "2048 samples")) << run.out;
+        EXPECT_TRUE(tu::contains(run.out, "mean power 0.000488281\n")) << "the impulse's power, 1/2048";
         const auto h = samples(dir / "h.bin");
         ASSERT_EQ(h.size(), impulse.size());
         double sum2 = 0;

@@ -7,6 +7,7 @@
 
 #include "frame/params.hpp"
 #include "frame/version.hpp"
+#include "ofdm/filter.hpp"
 #include "ofdm/framing.hpp"
 #include "util.hpp"
 
@@ -34,7 +35,8 @@ TEST(Companions, ShowTheOneVersionAndTheTransmittersTables) {
     const auto py = tu::run(dir.path, "/usr/bin/python3",
                             {"-c", "import sys; sys.path.insert(0, '" + build + "/python'); "
                                    "from tervane_companions import tables as t; "
-                                   "print(t.VERSION, *t.CPILOT, *('%.17g' % x for x in t.FS))"});
+                                   "print(t.VERSION, *t.CPILOT, *('%.17g' % x for x in t.FS), *t.GUARD_DIV, "
+                                   "*t.INTERP, *t.FILTER_DELAY)"});
     std::ostringstream want;
     want << TERVANE_VERSION;
     for (int32_t k : cpilot) want << ' ' << k;
@@ -43,6 +45,9 @@ TEST(Companions, ShowTheOneVersionAndTheTransmittersTables) {
         std::snprintf(text, sizeof text, "%.17g", dvbSampleRate(band, 0));
         want << ' ' << text;
     }
+    for (float g : dvbt_guardfrac) want << ' ' << 1.0f / g;
+    for (float i : dvbt_interprate) want << ' ' << i;
+    want << " 0 " << filter2x.size() / 2 << ' ' << filter4x.size() / 2;
     EXPECT_EQ(py.out, want.str() + "\n") << tu::read_text(dir / "err.txt");
     for (uint32_t band = 0; band < 4; ++band)
         EXPECT_EQ(static_cast<float>(dvbSampleRate(band, 0)), dvbt_fs[band]) << "the float table and the exact rate agree";
