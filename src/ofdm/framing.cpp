@@ -62,12 +62,20 @@ struct Special {
     bool block16;
 };
 
-constexpr uint32_t stretch_block = 16;
+constexpr uint32_t stretch_block = 12;
 
 // Layout of each scattered-pilot phase l mod 4 for the mode in layout_mode.
 constexpr uint32_t max_specials = max_K - 6048;
 std::array<std::array<Special, max_specials>, 4> specials{};
 std::array<uint32_t, 4> special_count{};
+// The value each special cell of a phase takes: the pilots' fixed, the TPS
+// cells' set before each symbol; tps_cells lists a phase's TPS cells (j, e) with
+// e their place in the phase's list; leading_blocks counts the specials that
+// open the list whose stretches all go as fixed blocks.
+std::array<std::array<float, max_specials>, 4> special_value{};
+std::array<std::array<std::array<uint32_t, 2>, 68>, 4> tps_cells{};
+std::array<uint32_t, 4> tps_cell_count{};
+std::array<uint32_t, 4> leading_blocks{};
 int64_t layout_mode = -1;
 
 // Classifies the carriers of each phase: the first matching rule wins among
@@ -101,16 +109,23 @@ void build_layout(uint32_t mode) {
         // The stretches: a block of 16 cells may be copied while it stays inside
         // the symbol's data cells and the symbol.
         const auto N = static_cast<uint32_t>(dvbt_N[mode]);
-        uint32_t from = 0, off = 0;
+        auto& values = special_value[static_cast<size_t>(phase)];
+        auto& cells = tps_cells[static_cast<size_t>(phase)];
+        uint32_t from = 0, off = 0, t = 0, lead = 0;
         for (uint32_t e = 0; e < n; e++) {
             Special& sp = list[e];
+            values[e] = sp.value;
+            if (sp.tps_j >= 0) cells[t++] = {static_cast<uint32_t>(sp.tps_j), e};
             const uint32_t len = sp.k - from;
             sp.from = from;
             sp.off = off;
             sp.block16 = len <= stretch_block && off + stretch_block <= N && from + stretch_block <= static_cast<uint32_t>(K);
+            if (sp.block16 && lead == e) lead = e + 1;
             off += len;
             from = sp.k + 1;
         }
+        tps_cell_count[static_cast<size_t>(phase)] = t;
+        leading_blocks[static_cast<size_t>(phase)] = lead;
     }
     layout_mode = mode;
 }
@@ -121,26 +136,36 @@ void build_layout(uint32_t mode) {
 // cells where the layout allows it; its surplus is overwritten by the pilots
 // and stretches that follow it.
 void build_symbol(int32_t l, const dvbComplex* cells, uint32_t K, dvbComplex* sym) {
-    const auto& list = specials[static_cast<size_t>(l % 4)];
-    const uint32_t n = special_count[static_cast<size_t>(l % 4)];
+    const auto phase = static_cast<size_t>(l % 4);
+    const auto& list = specials[phase];
+    const uint32_t n = special_count[phase];
+    auto& values = special_value[phase];
+    // The TPS cells' amplitudes: the reference at the frame's first symbol, then
+    // each inverted where the TPS bit is one.
     const bool reference = l == 0;
     const bool invert = s[static_cast<size_t>(l)] != 0;
-    for (uint32_t e = 0; e < n; e++) {
+    for (uint32_t t = 0; t < tps_cell_count[phase]; t++) {
+        const auto [j, e] = tps_cells[phase][t];
+        float& a = tps_ampl[j];
+        if (reference)
+            a = w[list[e].k] != 0 ? -1.0f : 1.0f;
+        else if (invert)
+            a = -a;
+        values[e] = a;
+    }
+    uint32_t e = 0;
+    for (const uint32_t lead = leading_blocks[phase]; e < lead; e++) {
+        const Special& sp = list[e];
+        std::memcpy(sym + sp.from, cells + sp.off, sizeof(dvbComplex) * stretch_block);
+        sym[sp.k] = {values[e], 0.0f};
+    }
+    for (; e < n; e++) {
         const Special& sp = list[e];
         if (sp.block16)
             std::memcpy(sym + sp.from, cells + sp.off, sizeof(dvbComplex) * stretch_block);
         else
             std::copy(cells + sp.off, cells + sp.off + (sp.k - sp.from), sym + sp.from);
-        if (sp.tps_j < 0) {
-            sym[sp.k] = {sp.value, 0.0f};
-        } else {
-            float& a = tps_ampl[static_cast<size_t>(sp.tps_j)];
-            if (reference)
-                a = w[sp.k] != 0 ? -1.0f : 1.0f;
-            else if (invert)
-                a = -a;
-            sym[sp.k] = {a, 0.0f};
-        }
+        sym[sp.k] = {values[e], 0.0f};
     }
     const uint32_t k = n > 0 ? list[n - 1].k + 1 : 0;
     const uint32_t used = n > 0 ? list[n - 1].off + (list[n - 1].k - list[n - 1].from) : 0;
