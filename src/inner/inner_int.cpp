@@ -83,28 +83,28 @@ void build_sources(uint32_t V, bool hier) {
     src_key = source_key(V, hier);
 }
 
-// Interleaves one block of V-bit words into bi_words: each word gathers its V
+// Interleaves one block of V-bit words into words: each word gathers its V
 // bits from the block's input bits (lp is null in a non-hierarchical block).
 template <uint32_t V>
-void bi_block(const uint8_t* hp, const uint8_t* lp) {
+void bi_block(const uint8_t* hp, const uint8_t* lp, uint8_t* words) {
     std::array<const uint8_t*, V> from{};
     for (uint32_t e = 0; e < V; e++) from[e] = from_lp[e] != 0 ? lp : hp;
     for (uint32_t w = 0; w < BI_BLOCK; w++) {
         uint32_t word = 0;
         for (uint32_t e = 0; e < V; e++) word = (word << 1) + from[e][src_of[e][w]];
-        bi_words[w] = static_cast<uint8_t>(word);
+        words[w] = static_cast<uint8_t>(word);
     }
 }
 
-// One block into bi_words, by the widest form the kernels may use.
-void interleave_block(uint32_t V, const uint8_t* hp, const uint8_t* lp) {
+// One block into words, by the widest form the kernels may use.
+void interleave_block(uint32_t V, const uint8_t* hp, const uint8_t* lp, uint8_t* words) {
 #if TERVANE_X86
-    if (dvbUseAvx512()) return bi_block_avx512(layout, hp, lp, bi_words);
+    if (dvbUseAvx512()) return bi_block_avx512(layout, hp, lp, words);
 #endif
     switch (V) {
-        case 2: bi_block<2>(hp, lp); break;
-        case 4: bi_block<4>(hp, lp); break;
-        default: bi_block<6>(hp, lp); break;
+        case 2: bi_block<2>(hp, lp, words); break;
+        case 4: bi_block<4>(hp, lp, words); break;
+        default: bi_block<6>(hp, lp, words); break;
     }
 }
 
@@ -192,9 +192,12 @@ uint32_t bit_interleave(dvbVect* in_hp, dvbVect* in_lp, dvbVect* out, uint32_t m
             lp = static_cast<const uint8_t*>(dvbRingView(in_lp, r_lp, lp_bits, bi_scratch_lp));
             r_lp = dvbRingAdvance(r_lp, lp_bits, in_lp->len);
         }
-        interleave_block(v, hp, lp);
-        w = dvbRingPut(out, w, bi_words, BI_BLOCK);
-        checked_write(bi_words, 1, BI_BLOCK, dump);
+        // Straight into the output ring when the block fits before its end.
+        const bool direct = out->len - w >= BI_BLOCK;
+        uint8_t* dst = direct ? dvbBytes(out) + w : bi_words;
+        interleave_block(v, hp, lp, dst);
+        w = direct ? dvbRingAdvance(w, BI_BLOCK, out->len) : dvbRingPut(out, w, bi_words, BI_BLOCK);
+        checked_write(dst, 1, BI_BLOCK, dump);
     }
 
     const uint32_t n = hp_bits * B;
