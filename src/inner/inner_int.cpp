@@ -2,6 +2,7 @@
 #include "inner/inner_int.hpp"
 
 #include <array>
+#include <bit>
 #include <cstring>
 
 #include "frame/params.hpp"
@@ -82,28 +83,28 @@ void build_sources(uint32_t V, bool hier) {
     src_key = source_key(V, hier);
 }
 
-// Interleaves one block of V-bit words into bi_words: each word gathers its V
+// Interleaves one block of V-bit words into words: each word gathers its V
 // bits from the block's input bits (lp is null in a non-hierarchical block).
 template <uint32_t V>
-void bi_block(const uint8_t* hp, const uint8_t* lp) {
+void bi_block(const uint8_t* hp, const uint8_t* lp, uint8_t* words) {
     std::array<const uint8_t*, V> from{};
     for (uint32_t e = 0; e < V; e++) from[e] = from_lp[e] != 0 ? lp : hp;
     for (uint32_t w = 0; w < BI_BLOCK; w++) {
         uint32_t word = 0;
         for (uint32_t e = 0; e < V; e++) word = (word << 1) + from[e][src_of[e][w]];
-        bi_words[w] = static_cast<uint8_t>(word);
+        words[w] = static_cast<uint8_t>(word);
     }
 }
 
-// One block into bi_words, by the widest form the kernels may use.
-void interleave_block(uint32_t V, const uint8_t* hp, const uint8_t* lp) {
+// One block into words, by the widest form the kernels may use.
+void interleave_block(uint32_t V, const uint8_t* hp, const uint8_t* lp, uint8_t* words) {
 #if TERVANE_X86
-    if (dvbUseAvx512()) return bi_block_avx512(layout, hp, lp, bi_words);
+    if (dvbUseAvx512()) return bi_block_avx512(layout, hp, lp, words);
 #endif
     switch (V) {
-        case 2: bi_block<2>(hp, lp); break;
-        case 4: bi_block<4>(hp, lp); break;
-        default: bi_block<6>(hp, lp); break;
+        case 2: bi_block<2>(hp, lp, words); break;
+        case 4: bi_block<4>(hp, lp, words); break;
+        default: bi_block<6>(hp, lp, words); break;
     }
 }
 
@@ -112,7 +113,10 @@ void interleave_block(uint32_t V, const uint8_t* hp, const uint8_t* lp) {
 
 constexpr uint32_t SI_MAX = 6048;
 
-std::array<uint32_t, SI_MAX> H{};
+// The permutation H (odd blocks read word H[q] into place q) and its inverse
+// (even blocks, which write word q to place H[q], read word Hinv[p] into place p).
+std::array<uint16_t, SI_MAX> H{};
+std::array<uint16_t, SI_MAX> Hinv{};
 std::array<uint8_t, SI_MAX> ib{};      // one block of output words being assembled
 std::array<uint8_t, SI_MAX> si_in{};   // one block of input words that crosses the ring end
 int32_t sym_num = 0;
@@ -131,6 +135,20 @@ constexpr std::array<SymIntMode, 3> si_modes{{
 }};
 
 uint32_t si_mode() { return dvbt_parms.idi != 0 ? 2u : dvbt_parms.mode; }
+
+// dst[p] = src[from[p]] for p < n (n a multiple of 4), four words to a store
+// where the byte order allows it: fewer stores than one a word.
+void permute_words(const uint8_t* src, const uint16_t* from, uint32_t n, uint8_t* dst) {
+    if constexpr (std::endian::native == std::endian::little) {
+        for (uint32_t p = 0; p < n; p += 4) {
+            const uint32_t four = src[from[p]] | static_cast<uint32_t>(src[from[p + 1]]) << 8 |
+                                  static_cast<uint32_t>(src[from[p + 2]]) << 16 | static_cast<uint32_t>(src[from[p + 3]]) << 24;
+            std::memcpy(dst + p, &four, 4);
+        }
+    } else {
+        for (uint32_t p = 0; p < n; p++) dst[p] = src[from[p]];
+    }
+}
 
 uint32_t si_feedback(uint32_t m, const uint8_t* R) {
     switch (m) {
@@ -174,9 +192,12 @@ uint32_t bit_interleave(dvbVect* in_hp, dvbVect* in_lp, dvbVect* out, uint32_t m
             lp = static_cast<const uint8_t*>(dvbRingView(in_lp, r_lp, lp_bits, bi_scratch_lp));
             r_lp = dvbRingAdvance(r_lp, lp_bits, in_lp->len);
         }
-        interleave_block(v, hp, lp);
-        w = dvbRingPut(out, w, bi_words, BI_BLOCK);
-        checked_write(bi_words, 1, BI_BLOCK, dump);
+        // Straight into the output ring when the block fits before its end.
+        const bool direct = out->len - w >= BI_BLOCK;
+        uint8_t* dst = direct ? dvbBytes(out) + w : bi_words;
+        interleave_block(v, hp, lp, dst);
+        w = direct ? dvbRingAdvance(w, BI_BLOCK, out->len) : dvbRingPut(out, w, bi_words, BI_BLOCK);
+        checked_write(dst, 1, BI_BLOCK, dump);
     }
 
     const uint32_t n = hp_bits * B;
@@ -195,6 +216,7 @@ int32_t dvbSymIntAddrGenerate() {
     uint32_t q = 0;
 
     H.fill(0);
+    Hinv.fill(0);
     for (uint32_t i = 0; i < p.Mmax; i++) {
         if (i == 2) {
             R[0] = 1;
@@ -205,8 +227,9 @@ int32_t dvbSymIntAddrGenerate() {
         }
         uint32_t addr = (i % 2) << (p.Nr - 1);
         for (uint32_t j = 0; j < rbits; j++) addr += static_cast<uint32_t>(R[j]) << p.perm[j];
-        if (addr < p.Nmax) H[q++] = addr;
+        if (addr < p.Nmax) H[q++] = static_cast<uint16_t>(addr);
     }
+    for (uint32_t i = 0; i < p.Nmax; i++) Hinv[H[i]] = static_cast<uint16_t>(i);
     return 0;
 }
 
@@ -224,11 +247,7 @@ int32_t symbol_interleave(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump
         // Assemble straight into the output ring when the block fits before its end.
         const bool direct = out->len - w >= N;
         uint8_t* dst = direct ? dvbBytes(out) + w : ib.data();
-        if (sym_num % 2 == 0) {
-            for (uint32_t q = 0; q < N; q++) dst[H[q]] = src[q];
-        } else {
-            for (uint32_t q = 0; q < N; q++) dst[q] = src[H[q]];
-        }
+        permute_words(src, sym_num % 2 == 0 ? Hinv.data() : H.data(), N, dst);
         if (direct)
             w = dvbRingAdvance(w, N, out->len);
         else

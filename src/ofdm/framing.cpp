@@ -50,16 +50,32 @@ void put_bits(size_t pos, uint32_t value, size_t nbits) {
 
 // The cells of a symbol that are not data: pilots (with their value) and TPS
 // cells (with their index j among the TPS carriers), in ascending carrier order.
+// Each also carries the stretch of data cells just before it: carriers from ..
+// k - 1 take the data cells from off on, copied as a fixed block of 16 when
+// block16 (see build_symbol).
 struct Special {
     uint32_t k;
     int32_t tps_j;  // -1 for a pilot
     float value;    // pilot value
+    uint32_t from;
+    uint32_t off;
+    bool block16;
 };
+
+constexpr uint32_t stretch_block = 12;
 
 // Layout of each scattered-pilot phase l mod 4 for the mode in layout_mode.
 constexpr uint32_t max_specials = max_K - 6048;
 std::array<std::array<Special, max_specials>, 4> specials{};
 std::array<uint32_t, 4> special_count{};
+// The value each special cell of a phase takes: the pilots' fixed, the TPS
+// cells' set before each symbol; tps_cells lists a phase's TPS cells (j, e) with
+// e their place in the phase's list; leading_blocks counts the specials that
+// open the list whose stretches all go as fixed blocks.
+std::array<std::array<float, max_specials>, 4> special_value{};
+std::array<std::array<std::array<uint32_t, 2>, 68>, 4> tps_cells{};
+std::array<uint32_t, 4> tps_cell_count{};
+std::array<uint32_t, 4> leading_blocks{};
 int64_t layout_mode = -1;
 
 // Classifies the carriers of each phase: the first matching rule wins among
@@ -78,18 +94,38 @@ void build_layout(uint32_t mode) {
         for (int32_t k = 0; k < K; k++) {
             const float pilot = w[static_cast<size_t>(k)] != 0 ? -pilot_ampl : pilot_ampl;
             if (k == p) {
-                list[n++] = {static_cast<uint32_t>(k), -1, pilot};
+                list[n++] = {static_cast<uint32_t>(k), -1, pilot, 0, 0, false};
                 p = k + 12;
                 if (i < ncp && cpilot[static_cast<size_t>(i)] == k) i++;
             } else if (i < ncp && cpilot[static_cast<size_t>(i)] == k) {
-                list[n++] = {static_cast<uint32_t>(k), -1, pilot};
+                list[n++] = {static_cast<uint32_t>(k), -1, pilot, 0, 0, false};
                 i++;
             } else if (j < ntps && tps[static_cast<size_t>(j)] == k) {
-                list[n++] = {static_cast<uint32_t>(k), j, 0.0f};
+                list[n++] = {static_cast<uint32_t>(k), j, 0.0f, 0, 0, false};
                 j++;
             }
         }
         special_count[static_cast<size_t>(phase)] = n;
+        // The stretches: a block of 16 cells may be copied while it stays inside
+        // the symbol's data cells and the symbol.
+        const auto N = static_cast<uint32_t>(dvbt_N[mode]);
+        auto& values = special_value[static_cast<size_t>(phase)];
+        auto& cells = tps_cells[static_cast<size_t>(phase)];
+        uint32_t from = 0, off = 0, t = 0, lead = 0;
+        for (uint32_t e = 0; e < n; e++) {
+            Special& sp = list[e];
+            values[e] = sp.value;
+            if (sp.tps_j >= 0) cells[t++] = {static_cast<uint32_t>(sp.tps_j), e};
+            const uint32_t len = sp.k - from;
+            sp.from = from;
+            sp.off = off;
+            sp.block16 = len <= stretch_block && off + stretch_block <= N && from + stretch_block <= static_cast<uint32_t>(K);
+            if (sp.block16 && lead == e) lead = e + 1;
+            off += len;
+            from = sp.k + 1;
+        }
+        tps_cell_count[static_cast<size_t>(phase)] = t;
+        leading_blocks[static_cast<size_t>(phase)] = lead;
     }
     layout_mode = mode;
 }
@@ -97,39 +133,43 @@ void build_layout(uint32_t mode) {
 // Builds the symbol numbered l of the frame into sym, taking its N data cells in
 // order from cells. The stretches of data cells between pilots are short (at
 // most 11 in a row, but at the ends): each is copied as a fixed block of 16
-// cells while the block stays inside the data cells and the symbol; its surplus
-// is overwritten by the pilots and stretches that follow it.
-void build_symbol(int32_t l, const dvbComplex* cells, uint32_t N, uint32_t K, dvbComplex* sym) {
-    constexpr uint32_t block = 16;
-    const dvbComplex* const end = cells + N;
-    const auto& list = specials[static_cast<size_t>(l % 4)];
-    const uint32_t n = special_count[static_cast<size_t>(l % 4)];
+// cells where the layout allows it; its surplus is overwritten by the pilots
+// and stretches that follow it.
+void build_symbol(int32_t l, const dvbComplex* cells, uint32_t K, dvbComplex* sym) {
+    const auto phase = static_cast<size_t>(l % 4);
+    const auto& list = specials[phase];
+    const uint32_t n = special_count[phase];
+    auto& values = special_value[phase];
+    // The TPS cells' amplitudes: the reference at the frame's first symbol, then
+    // each inverted where the TPS bit is one.
     const bool reference = l == 0;
     const bool invert = s[static_cast<size_t>(l)] != 0;
-    uint32_t k = 0;
-    for (uint32_t e = 0; e < n; e++) {
-        const Special& sp = list[e];
-        if (sp.k > k) {
-            const uint32_t len = sp.k - k;
-            if (len <= block && cells + block <= end && k + block <= K)
-                std::memcpy(sym + k, cells, sizeof(dvbComplex) * block);
-            else
-                std::copy(cells, cells + len, sym + k);
-            cells += len;
-        }
-        if (sp.tps_j < 0) {
-            sym[sp.k] = {sp.value, 0.0f};
-        } else {
-            float& a = tps_ampl[static_cast<size_t>(sp.tps_j)];
-            if (reference)
-                a = w[sp.k] != 0 ? -1.0f : 1.0f;
-            else if (invert)
-                a = -a;
-            sym[sp.k] = {a, 0.0f};
-        }
-        k = sp.k + 1;
+    for (uint32_t t = 0; t < tps_cell_count[phase]; t++) {
+        const auto [j, e] = tps_cells[phase][t];
+        float& a = tps_ampl[j];
+        if (reference)
+            a = w[list[e].k] != 0 ? -1.0f : 1.0f;
+        else if (invert)
+            a = -a;
+        values[e] = a;
     }
-    if (k < K) std::copy(cells, cells + (K - k), sym + k);
+    uint32_t e = 0;
+    for (const uint32_t lead = leading_blocks[phase]; e < lead; e++) {
+        const Special& sp = list[e];
+        std::memcpy(sym + sp.from, cells + sp.off, sizeof(dvbComplex) * stretch_block);
+        sym[sp.k] = {values[e], 0.0f};
+    }
+    for (; e < n; e++) {
+        const Special& sp = list[e];
+        if (sp.block16)
+            std::memcpy(sym + sp.from, cells + sp.off, sizeof(dvbComplex) * stretch_block);
+        else
+            std::copy(cells + sp.off, cells + sp.off + (sp.k - sp.from), sym + sp.from);
+        sym[sp.k] = {values[e], 0.0f};
+    }
+    const uint32_t k = n > 0 ? list[n - 1].k + 1 : 0;
+    const uint32_t used = n > 0 ? list[n - 1].off + (list[n - 1].k - list[n - 1].from) : 0;
+    if (k < K) std::copy(cells + used, cells + used + (K - k), sym + k);
 }
 
 }  // namespace
@@ -187,7 +227,7 @@ uint32_t piltps_add(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump) {
         const bool direct = out->len - q >= uK;
         dvbComplex* sym = direct ? dvbCplx(out) + q : sym_buf.data();
         // The symbol's data cells as one run: the input ring itself unless they cross its end.
-        build_symbol(sym_num, static_cast<const dvbComplex*>(dvbRingView(in, r, N, cells_buf.data())), N, uK, sym);
+        build_symbol(sym_num, static_cast<const dvbComplex*>(dvbRingView(in, r, N, cells_buf.data())), uK, sym);
         r = dvbRingAdvance(r, N, in->len);
         q = direct ? dvbRingAdvance(q, uK, out->len) : dvbRingPut(out, q, sym, uK);
         checked_write(sym, sizeof(dvbComplex), uK, dump);
