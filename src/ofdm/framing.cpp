@@ -51,15 +51,15 @@ void put_bits(size_t pos, uint32_t value, size_t nbits) {
 // The cells of a symbol that are not data: pilots (with their value) and TPS
 // cells (with their index j among the TPS carriers), in ascending carrier order.
 // Each also carries the stretch of data cells just before it: carriers from ..
-// k - 1 take the data cells from off on, copied as a fixed block of 16 when
-// block16 (see build_symbol).
+// k - 1 take the data cells from off on, copied as a fixed block of
+// stretch_block cells when as_block (see build_symbol).
 struct Special {
     uint32_t k;
     int32_t tps_j;  // -1 for a pilot
     float value;    // pilot value
     uint32_t from;
     uint32_t off;
-    bool block16;
+    bool as_block;
 };
 
 constexpr uint32_t stretch_block = 12;
@@ -106,7 +106,7 @@ void build_layout(uint32_t mode) {
             }
         }
         special_count[static_cast<size_t>(phase)] = n;
-        // The stretches: a block of 16 cells may be copied while it stays inside
+        // The stretches: a fixed block may be copied while it stays inside
         // the symbol's data cells and the symbol.
         const auto N = static_cast<uint32_t>(dvbt_N[mode]);
         auto& values = special_value[static_cast<size_t>(phase)];
@@ -119,8 +119,8 @@ void build_layout(uint32_t mode) {
             const uint32_t len = sp.k - from;
             sp.from = from;
             sp.off = off;
-            sp.block16 = len <= stretch_block && off + stretch_block <= N && from + stretch_block <= static_cast<uint32_t>(K);
-            if (sp.block16 && lead == e) lead = e + 1;
+            sp.as_block = len <= stretch_block && off + stretch_block <= N && from + stretch_block <= static_cast<uint32_t>(K);
+            if (sp.as_block && lead == e) lead = e + 1;
             off += len;
             from = sp.k + 1;
         }
@@ -132,7 +132,7 @@ void build_layout(uint32_t mode) {
 
 // Builds the symbol numbered l of the frame into sym, taking its N data cells in
 // order from cells. The stretches of data cells between pilots are short (at
-// most 11 in a row, but at the ends): each is copied as a fixed block of 16
+// most 11 in a row, but at the ends): each is copied as a fixed block of 12
 // cells where the layout allows it; its surplus is overwritten by the pilots
 // and stretches that follow it.
 void build_symbol(int32_t l, const dvbComplex* cells, uint32_t K, dvbComplex* sym) {
@@ -161,7 +161,7 @@ void build_symbol(int32_t l, const dvbComplex* cells, uint32_t K, dvbComplex* sy
     }
     for (; e < n; e++) {
         const Special& sp = list[e];
-        if (sp.block16)
+        if (sp.as_block)
             std::memcpy(sym + sp.from, cells + sp.off, sizeof(dvbComplex) * stretch_block);
         else
             std::copy(cells + sp.off, cells + sp.off + (sp.k - sp.from), sym + sp.from);
