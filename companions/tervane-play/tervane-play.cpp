@@ -423,7 +423,7 @@ private:
             size_t have = src.partial.size();
             if (have > 0) std::memcpy(buf, src.partial.data(), have);
             pollfd p{STDIN_FILENO, POLLIN, 0};
-            while (have < TS_PACKET && ::poll(&p, 1, 0) > 0) {
+            while (have < TS_PACKET && (::poll(&p, 1, 0) > 0)) {
                 const ssize_t r = ::read(STDIN_FILENO, buf + have, TS_PACKET - have);
                 if (r < 0 && errno == EINTR) continue;
                 if (r <= 0) {
