@@ -50,9 +50,8 @@ FILE* open_stream(std::vector<uint8_t>& bytes) {
 }
 
 void set_dump_files(FILE* fp) {
-    FILE** all[] = {&ed_hp_fp, &ed_lp_fp, &rs_hp_fp, &rs_lp_fp, &ci_hp_fp, &ci_lp_fp, &ve_hp_fp, &ve_lp_fp,
-                    &pu_hp_fp, &pu_lp_fp, &bi_fp,    &si_fp,    &ma_fp,    &fd_fp,    &td_fp,    &tdI_fp,
-                    &tdQ_fp};
+    FILE** all[] = {&ed_hp_fp, &ed_lp_fp, &rs_hp_fp, &rs_lp_fp, &ci_hp_fp, &ci_lp_fp, &ve_hp_fp, &ve_lp_fp, &pu_hp_fp,
+                    &pu_lp_fp, &bi_fp,    &si_fp,    &ma_fp,    &fd_fp,    &td_fp,    &tdI_fp,   &tdQ_fp};
     for (FILE** f : all) *f = fp;
 }
 
@@ -80,8 +79,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     p.dumpformat = h[8] % 3u;
     p.gain = gains[(h[8] / 3u) % std::size(gains)];
     // Cell identifier: any 32-bit value, negative ones included ("not set").
-    p.cid = static_cast<int32_t>(uint32_t{h[9]} | uint32_t{h[10]} << 8 | uint32_t{h[11]} << 16 |
-                                 uint32_t{h[12]} << 24);
+    p.cid = static_cast<int32_t>(uint32_t{h[9]} | uint32_t{h[10]} << 8 | uint32_t{h[11]} << 16 | uint32_t{h[12]} << 24);
     packnum = 5 + h[13] % 8;
     const size_t split = size_t{h[14]} | size_t{h[15]} << 8;
     verbosity = 0;
@@ -113,8 +111,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     proc_data_hp = 0.0f;
     proc_data_lp = 0.0f;
     chain_create();
-    while (chain_pass()) {
-    }
+    while (chain_pass()) {}
     chain_destroy();
 
     std::fclose(mpeg2ts_hp_fp);

@@ -62,7 +62,8 @@ Snapshot snap(const dvbVect* v) {
     Snapshot s{v->type, v->len, v->head, v->fill, v->acc, v->range, {}, v->data, {}};
     std::memcpy(s.desc, v->desc, sizeof s.desc);
     const size_t n = size_t{v->len} * dvbElemSize(v->type);
-    if (v->data != nullptr) s.bytes.assign(static_cast<const uint8_t*>(v->data), static_cast<const uint8_t*>(v->data) + n);
+    if (v->data != nullptr)
+        s.bytes.assign(static_cast<const uint8_t*>(v->data), static_cast<const uint8_t*>(v->data) + n);
     return s;
 }
 

@@ -120,9 +120,8 @@ inline Bytes bit_interleave(const Bytes& hp, const Bytes& lp, int v, bool hier) 
 // bit on top; candidates beyond Nmax are dropped.
 inline std::vector<int> symbol_permutation(int mode) {
     const int Nr = 11 + mode, Nmax = kN[mode];
-    const std::vector<std::vector<int>> perm{{4, 3, 9, 6, 2, 8, 1, 5, 7, 0},
-                                             {6, 3, 0, 9, 4, 2, 1, 8, 5, 10, 7},
-                                             {7, 1, 4, 2, 9, 6, 8, 10, 0, 3, 11, 5}};
+    const std::vector<std::vector<int>> perm{
+        {4, 3, 9, 6, 2, 8, 1, 5, 7, 0}, {6, 3, 0, 9, 4, 2, 1, 8, 5, 10, 7}, {7, 1, 4, 2, 9, 6, 8, 10, 0, 3, 11, 5}};
     const std::vector<std::vector<int>> taps{{0, 3}, {0, 2}, {0, 1, 4, 6}};
     std::vector<int> R(static_cast<size_t>(Nr - 1), 0), H;
     for (int i = 0; i < (1 << Nr); ++i) {
@@ -134,7 +133,8 @@ inline std::vector<int> symbol_permutation(int mode) {
             R.push_back(fb);
         }
         int h = (i % 2) << (Nr - 1);
-        for (int j = 0; j < Nr - 1; ++j) h |= R[static_cast<size_t>(j)] << perm[static_cast<size_t>(mode)][static_cast<size_t>(j)];
+        for (int j = 0; j < Nr - 1; ++j)
+            h |= R[static_cast<size_t>(j)] << perm[static_cast<size_t>(mode)][static_cast<size_t>(j)];
         if (h < Nmax) H.push_back(h);
     }
     return H;
@@ -149,10 +149,8 @@ inline Bytes symbol_interleave(const Bytes& bi, int hmode, int first = 0) {
     for (size_t blk = 0; blk < bi.size() / N; ++blk)
         for (size_t q = 0; q < N; ++q) {
             const size_t h = static_cast<size_t>(H[q]);
-            if ((blk + static_cast<size_t>(first)) % 2 == 0)
-                out[blk * N + h] = bi[blk * N + q];
-            else
-                out[blk * N + q] = bi[blk * N + h];
+            if ((blk + static_cast<size_t>(first)) % 2 == 0) out[blk * N + h] = bi[blk * N + q];
+            else out[blk * N + q] = bi[blk * N + h];
         }
     return out;
 }

@@ -4,8 +4,8 @@
 // tsgen -> tervane [-> tervane-channel] -> GNU Radio's receiver -> tscheck.
 
 #include <cmath>
-#include <cstring>
 #include <complex>
+#include <cstring>
 #include <numbers>
 
 #include "util.hpp"
@@ -36,10 +36,12 @@ double power(const std::vector<cf>& v) {
 TEST(Channel, NoiseAtTheRequestedCnOffsetAndSeed) {
     tu::TempDir dir;
     ASSERT_EQ(tu::run(dir.path, TSGEN_EXE, {"-o", "in.ts", "-n", "300"}).status, 0);
-    ASSERT_EQ(tu::tervane(dir.path, {"-i", "in.ts", "-o", "tx", "-d", "t", "-b", "7", "-I", "4x", "-v", "0"}).status, 0);
+    ASSERT_EQ(tu::tervane(dir.path, {"-i", "in.ts", "-o", "tx", "-d", "t", "-b", "7", "-I", "4x", "-v", "0"}).status,
+              0);
     const auto x = samples(dir / "tx.bin");
     // C/N in the signal's bandwidth: 1705 carriers of 8 MHz / 2048, at a sample rate of 4 x 8 MHz.
-    const auto r = channel(dir, {"-i", "tx.bin", "-o", "n.bin", "-b", "7", "-I", "4x", "-profile", "gaussian", "-cn", "12.5", "-seed", "5"});
+    const auto r = channel(dir, {"-i", "tx.bin", "-o", "n.bin", "-b", "7", "-I", "4x", "-profile", "gaussian", "-cn",
+                                 "12.5", "-seed", "5"});
     ASSERT_EQ(r.status, 0) << tu::read_text(dir / "err.txt");
     const auto y = samples(dir / "n.bin");
     ASSERT_EQ(y.size(), x.size());
@@ -57,28 +59,41 @@ TEST(Channel, NoiseAtTheRequestedCnOffsetAndSeed) {
     EXPECT_LT(std::abs(lag1) / static_cast<double>(n.size()) / power(n), 0.01);
     EXPECT_LT(std::abs(iq) / static_cast<double>(n.size()) / power(n), 0.01);
     // The same seed gives the same file, another seed other noise.
-    ASSERT_EQ(channel(dir, {"-i", "tx.bin", "-o", "same.bin", "-b", "7", "-I", "4x", "-profile", "gaussian", "-cn", "12.5", "-seed", "5"}).status, 0);
+    ASSERT_EQ(channel(dir, {"-i", "tx.bin", "-o", "same.bin", "-b", "7", "-I", "4x", "-profile", "gaussian", "-cn",
+                            "12.5", "-seed", "5"})
+                  .status,
+              0);
     EXPECT_TRUE(tu::read_file(dir / "same.bin") == tu::read_file(dir / "n.bin"));
-    ASSERT_EQ(channel(dir, {"-i", "tx.bin", "-o", "other.bin", "-b", "7", "-I", "4x", "-profile", "gaussian", "-cn", "12.5", "-seed", "6"}).status, 0);
+    ASSERT_EQ(channel(dir, {"-i", "tx.bin", "-o", "other.bin", "-b", "7", "-I", "4x", "-profile", "gaussian", "-cn",
+                            "12.5", "-seed", "6"})
+                  .status,
+              0);
     EXPECT_FALSE(tu::read_file(dir / "other.bin") == tu::read_file(dir / "n.bin"));
     // A carrier offset alone: y[n] = x[n] e^(j 2 pi f n / rate).
-    ASSERT_EQ(channel(dir, {"-i", "tx.bin", "-o", "f.bin", "-b", "7", "-I", "4x", "-profile", "gaussian", "-cfo", "-1234.5"}).status, 0);
+    ASSERT_EQ(
+        channel(dir, {"-i", "tx.bin", "-o", "f.bin", "-b", "7", "-I", "4x", "-profile", "gaussian", "-cfo", "-1234.5"})
+            .status,
+        0);
     const auto z = samples(dir / "f.bin");
     double err = 0;
     for (size_t k = 0; k < x.size(); ++k)
-        err = std::max(err, std::abs(cd(z[k]) - cd(x[k]) * std::polar(1.0, -2 * std::numbers::pi * 1234.5 * static_cast<double>(k) / 32e6)));
+        err = std::max(err, std::abs(cd(z[k]) - cd(x[k]) * std::polar(1.0, -2 * std::numbers::pi * 1234.5 *
+                                                                               static_cast<double>(k) / 32e6)));
     EXPECT_LT(err, 1e-5 * std::sqrt(power(x)));
 }
 
 // One impulse through the F1 and P1 channels: the frequency response over the
 // occupied band against the profiles' formula, to the interpolator's accuracy.
 TEST(Channel, ImpulseResponseIsTheEchoProfile) {
-    const double rho[20] = {0.057662, 0.176809, 0.407163, 0.303585, 0.258782, 0.061831, 0.150340, 0.051534, 0.185074, 0.400967,
-                            0.295723, 0.350825, 0.262909, 0.225894, 0.170996, 0.149723, 0.240140, 0.116587, 0.221155, 0.259730};
-    const double tau[20] = {1.003019, 5.422091, 0.518650, 2.751772, 0.602895, 1.016585, 0.143556, 0.153832, 3.324866, 1.935570,
-                            0.429948, 3.228872, 0.848831, 0.073883, 0.203952, 0.194207, 0.924450, 1.381320, 0.640512, 1.368671};
-    const double theta[20] = {4.855121, 3.419109, 5.864470, 2.215894, 3.758058, 5.430202, 3.952093, 1.093586, 5.775198, 0.154459,
-                              5.928383, 3.053023, 0.628578, 2.128544, 1.099463, 3.462951, 3.664773, 2.833799, 3.334290, 0.393889};
+    const double rho[20] = {0.057662, 0.176809, 0.407163, 0.303585, 0.258782, 0.061831, 0.150340,
+                            0.051534, 0.185074, 0.400967, 0.295723, 0.350825, 0.262909, 0.225894,
+                            0.170996, 0.149723, 0.240140, 0.116587, 0.221155, 0.259730};
+    const double tau[20] = {1.003019, 5.422091, 0.518650, 2.751772, 0.602895, 1.016585, 0.143556,
+                            0.153832, 3.324866, 1.935570, 0.429948, 3.228872, 0.848831, 0.073883,
+                            0.203952, 0.194207, 0.924450, 1.381320, 0.640512, 1.368671};
+    const double theta[20] = {4.855121, 3.419109, 5.864470, 2.215894, 3.758058, 5.430202, 3.952093,
+                              1.093586, 5.775198, 0.154459, 5.928383, 3.053023, 0.628578, 2.128544,
+                              1.099463, 3.462951, 3.664773, 2.833799, 3.334290, 0.393889};
     struct Case {
         const char *profile, *mode, *band, *interp, *map;
         double fs, rate, centre;
@@ -92,9 +107,11 @@ TEST(Channel, ImpulseResponseIsTheEchoProfile) {
         const size_t n0 = 400;
         std::vector<cf> impulse(2048, cf(0, 0));
         impulse[n0] = cf(1, 0);
-        tu::write_file(dir / "imp.bin", tu::Bytes(reinterpret_cast<const unsigned char*>(impulse.data()),
-                                                  reinterpret_cast<const unsigned char*>(impulse.data() + impulse.size())));
-        const auto run = channel(dir, {"-i", "imp.bin", "-o", "h.bin", "-m", c.mode, "-b", c.band, "-I", c.interp, "-f", c.map, "-profile", c.profile});
+        tu::write_file(dir / "imp.bin",
+                       tu::Bytes(reinterpret_cast<const unsigned char*>(impulse.data()),
+                                 reinterpret_cast<const unsigned char*>(impulse.data() + impulse.size())));
+        const auto run = channel(dir, {"-i", "imp.bin", "-o", "h.bin", "-m", c.mode, "-b", c.band, "-I", c.interp, "-f",
+                                       c.map, "-profile", c.profile});
         ASSERT_EQ(run.status, 0);
         EXPECT_TRUE(tu::contains(run.out, "2048 samples")) << run.out;
         EXPECT_TRUE(tu::contains(run.out, "mean power 0.000488281\n")) << "the impulse's power, 1/2048";
@@ -107,10 +124,12 @@ TEST(Channel, ImpulseResponseIsTheEchoProfile) {
         for (int k = 0; k < c.K; k += 3) {
             const double f = c.centre + (k - (c.K - 1) / 2) * c.fs / c.F;
             cd model = ricean ? std::sqrt(10 * sum2) : 0.0, measured = 0;
-            for (int i = 0; i < 20; ++i) model += rho[i] * std::polar(1.0, -theta[i] - 2 * std::numbers::pi * f * tau[i] * 1e-6);
+            for (int i = 0; i < 20; ++i)
+                model += rho[i] * std::polar(1.0, -theta[i] - 2 * std::numbers::pi * f * tau[i] * 1e-6);
             model /= std::sqrt((ricean ? 11 : 1) * sum2);
             for (size_t n = 0; n < h.size(); ++n)
-                measured += cd(h[n]) * std::polar(1.0, -2 * std::numbers::pi * f * (static_cast<double>(n) - n0) / c.rate);
+                measured +=
+                    cd(h[n]) * std::polar(1.0, -2 * std::numbers::pi * f * (static_cast<double>(n) - n0) / c.rate);
             worst = std::max(worst, std::abs(measured - model));
         }
         EXPECT_LT(20 * std::log10(worst), -100.0);
@@ -123,20 +142,38 @@ TEST(Channel, BadInputRefusedInOneLine) {
     tu::write_file(dir / "odd.bin", tu::Bytes(801, 1));
     tu::write_file(dir / "empty.bin", {});
     const std::vector<std::string> ok{"-i", "in.bin", "-o", "out.bin", "-profile", "gaussian"};
-    auto with = [&](std::vector<std::string> extra) { extra.insert(extra.begin(), ok.begin(), ok.end()); return extra; };
-    for (const auto& args : {std::vector<std::string>{}, {"-o", "out.bin", "-profile", "gaussian"}, {"-i", "in.bin", "-profile", "ricean"},
-                             {"-i", "in.bin", "-o", "out.bin"}, {"-i", "in.bin", "-o", "out.bin", "-profile", "urban"},
-                             {"-i", "odd.bin", "-o", "out.bin", "-profile", "gaussian"}, {"-i", "empty.bin", "-o", "out.bin", "-profile", "gaussian"},
-                             {"-i", "none.bin", "-o", "out.bin", "-profile", "gaussian"}, {"-i", "in.bin", "-o", "./in.bin", "-profile", "rayleigh"},
-                             with({"-cn"}), with({"-cn", "12dB"}), with({"-cn", "400"}), with({"-seed", "-3"}), with({"-cfo", "5e6"}), with({"-cfo"}), with({"-F", "agi"}),
-                             with({"-zz"}), with({"-m", "3k"}), with({"-s", "ten"}), with({"-g", "inf"})}) {
+    auto with = [&](std::vector<std::string> extra) {
+        extra.insert(extra.begin(), ok.begin(), ok.end());
+        return extra;
+    };
+    for (const auto& args : {std::vector<std::string>{},
+                             {"-o", "out.bin", "-profile", "gaussian"},
+                             {"-i", "in.bin", "-profile", "ricean"},
+                             {"-i", "in.bin", "-o", "out.bin"},
+                             {"-i", "in.bin", "-o", "out.bin", "-profile", "urban"},
+                             {"-i", "odd.bin", "-o", "out.bin", "-profile", "gaussian"},
+                             {"-i", "empty.bin", "-o", "out.bin", "-profile", "gaussian"},
+                             {"-i", "none.bin", "-o", "out.bin", "-profile", "gaussian"},
+                             {"-i", "in.bin", "-o", "./in.bin", "-profile", "rayleigh"},
+                             with({"-cn"}),
+                             with({"-cn", "12dB"}),
+                             with({"-cn", "400"}),
+                             with({"-seed", "-3"}),
+                             with({"-cfo", "5e6"}),
+                             with({"-cfo"}),
+                             with({"-F", "agi"}),
+                             with({"-zz"}),
+                             with({"-m", "3k"}),
+                             with({"-s", "ten"}),
+                             with({"-g", "inf"})}) {
         EXPECT_EQ(channel(dir, args).status, 1) << args.size();
         const std::string err = tu::read_text(dir / "err.txt");
         EXPECT_TRUE(err.rfind("tervane-channel: ", 0) == 0 && err.find('\n') == err.size() - 1) << err;
     }
     // A write that fails (a file-size limit here) is an error, and leaves no file behind.
     tu::write_file(dir / "big.bin", tu::Bytes(16000, 1));
-    const std::string limited = "ulimit -f 4 && exec " + std::string(TERVANE_CHANNEL_EXE) + " -i big.bin -o lim.bin -profile gaussian";
+    const std::string limited =
+        "ulimit -f 4 && exec " + std::string(TERVANE_CHANNEL_EXE) + " -i big.bin -o lim.bin -profile gaussian";
     EXPECT_EQ(tu::run(dir.path, "bash", {"-c", limited}).status, 1);
     EXPECT_EQ(tu::read_text(dir / "err.txt"), "tervane-channel: writing \"lim.bin\" failed: File too large\n");
     EXPECT_EQ(tu::read_file(dir / "in.bin"), tu::Bytes(800, 1));
@@ -164,14 +201,16 @@ TEST(Tscheck, FaultsInjectedIntoATsgenStream) {
     check(t, 1, "packets=600 sync_losses=0 tei=0 cc_errors=0 prbs_bits=864064 bit_errors=3 ber=3.47e-06 per=0.00341");
     t = clean;  // null packet 302 dropped: the PRBS is lost in the next one and found again in it
     t.erase(t.begin() + 302 * 188, t.begin() + 303 * 188);
-    EXPECT_TRUE(tu::contains(check(t, 1, "packets=599 sync_losses=0 tei=0 cc_errors=1 prbs_bits=861120 bit_errors=0 ber=0 per=0.00171"),
-                             "PRBS lost in packet 302 (745 of 1472 bits differ); found again in it"));
+    EXPECT_TRUE(tu::contains(
+        check(t, 1, "packets=599 sync_losses=0 tei=0 cc_errors=1 prbs_bits=861120 bit_errors=0 ber=0 per=0.00171"),
+        "PRBS lost in packet 302 (745 of 1472 bits differ); found again in it"));
     t = clean;  // the transport error indicator of packet 400
     t[400 * 188 + 1] |= 0x80;
     check(t, 1, "packets=600 sync_losses=0 tei=1 cc_errors=0 prbs_bits=864064 bit_errors=0 ber=0 per=0");
     t = clean;  // the null packets' counter jumps by 3 from packet 200 on
     for (size_t k = 200; k < 600; ++k)
-        if ((t[k * 188 + 1] & 0x1F) == 0x1F) t[k * 188 + 3] = static_cast<unsigned char>(0x10 | ((t[k * 188 + 3] + 3) & 0x0F));
+        if ((t[k * 188 + 1] & 0x1F) == 0x1F)
+            t[k * 188 + 3] = static_cast<unsigned char>(0x10 | ((t[k * 188 + 3] + 3) & 0x0F));
     check(t, 1, "packets=600 sync_losses=0 tei=0 cc_errors=1 prbs_bits=864064 bit_errors=0 ber=0 per=0");
     t = clean;  // 100 bytes inserted after packet 250: the packet sync is lost and found again
     t.insert(t.begin() + 251 * 188, 100, 0x00);
@@ -182,8 +221,9 @@ TEST(Tscheck, FaultsInjectedIntoATsgenStream) {
     const tu::Bytes junk = tu::make_ts(3, 9);
     start.insert(start.end(), junk.begin(), junk.end());
     start.insert(start.end(), clean.begin(), clean.end());
-    EXPECT_TRUE(tu::contains(check(start, 0, "packets=603 sync_losses=0 tei=0 cc_errors=0 prbs_bits=864064 bit_errors=0 ber=0 per=0"),
-                             "PRBS: found in packet 5; the 5 packets before it are not checked"));
+    EXPECT_TRUE(tu::contains(
+        check(start, 0, "packets=603 sync_losses=0 tei=0 cc_errors=0 prbs_bits=864064 bit_errors=0 ber=0 per=0"),
+        "PRBS: found in packet 5; the 5 packets before it are not checked"));
     check(tu::make_ts(50, 3), 1, "packets=50 sync_losses=0 tei=0 cc_errors=0 prbs_bits=0 bit_errors=0 ber=0 per=0");
     EXPECT_EQ(tu::run(dir.path, TSCHECK_EXE, {}).status, 2);
     EXPECT_EQ(tu::run(dir.path, TSCHECK_EXE, {"none.ts"}).status, 2);
@@ -214,24 +254,33 @@ TEST(BenchChain, ReceiverDecodesTheStream) {
                          Run{"8k", "16", "1/16", "5/6", "13", nullptr, "", "", "5/6", 8, 0},
                          Run{"8k", "64", "1/4", "2/3", "100", "gaussian", "5", "0", "2/3", 3, 1},
                          Run{"2k", "4", "1/32", "1/2", "100", nullptr, "", "", "2/3", 3, 1}}) {
-        SCOPED_TRACE(c.mode + std::string(" ") + c.M + "-QAM " + c.rate + " " + (c.profile ? c.profile : "no channel") + " " + c.cn);
+        SCOPED_TRACE(c.mode + std::string(" ") + c.M + "-QAM " + c.rate + " " + (c.profile ? c.profile : "no channel") +
+                     " " + c.cn);
         tu::TempDir dir;
         const int bits = c.M[0] == '4' ? 2 : c.M[0] == '1' ? 4 : 6;
-        const int per_superframe = (std::string(c.mode) == "2k" ? 252 : 1008) * bits * (c.rate[0] - '0') / (c.rate[2] - '0');
+        const int per_superframe =
+            (std::string(c.mode) == "2k" ? 252 : 1008) * bits * (c.rate[0] - '0') / (c.rate[2] - '0');
         const int packets = c.superframes * per_superframe;
         const std::vector<std::string> tx{"-m", c.mode, "-M", c.M, "-D", c.guard};
-        auto with = [&](std::vector<std::string> a) { a.insert(a.end(), tx.begin(), tx.end()); return a; };
+        auto with = [&](std::vector<std::string> a) {
+            a.insert(a.end(), tx.begin(), tx.end());
+            return a;
+        };
         ASSERT_EQ(tu::run(dir.path, TSGEN_EXE, {"-o", "in.ts", "-n", std::to_string(packets)}).status, 0);
-        ASSERT_EQ(tu::tervane(dir.path, with({"-i", "in.ts", "-o", "tx", "-d", "t", "-v", "0", "-p", c.rate, "-s", c.batch})).status, 0);
+        ASSERT_EQ(
+            tu::tervane(dir.path, with({"-i", "in.ts", "-o", "tx", "-d", "t", "-v", "0", "-p", c.rate, "-s", c.batch}))
+                .status,
+            0);
         std::string signal = "tx.bin";
         if (c.profile != nullptr) {
-            const auto ch = channel(dir, with({"-i", "tx.bin", "-o", "ch.bin", "-profile", c.profile, "-cn", c.cn, "-cfo", c.cfo}));
+            const auto ch =
+                channel(dir, with({"-i", "tx.bin", "-o", "ch.bin", "-profile", c.profile, "-cn", c.cn, "-cfo", c.cfo}));
             ASSERT_EQ(ch.status, 0) << tu::read_text(dir / "err.txt");
             signal = "ch.bin";
         }
         auto receive = [&](const std::string& out) {
-            return tu::run(dir.path, "/usr/bin/timeout", with({"300", TERVANE_RX_EXE,
-                                                                "-i", signal, "-o", out, "-p", c.rx_rate}));
+            return tu::run(dir.path, "/usr/bin/timeout",
+                           with({"300", TERVANE_RX_EXE, "-i", signal, "-o", out, "-p", c.rx_rate}));
         };
         const auto rx = receive("rx.ts");
         ASSERT_EQ(rx.status, 0) << tu::read_text(dir / "err.txt");
@@ -244,7 +293,8 @@ TEST(BenchChain, ReceiverDecodesTheStream) {
         if (c.cfo == std::string("3000")) {  // a full disk stops the receiver with a message, not a hang
             std::filesystem::create_symlink("/dev/full", dir / "full.ts");
             EXPECT_EQ(receive("full.ts").status, 1);
-            EXPECT_EQ(tu::read_text(dir / "err.txt"), "tervane-rx: writing \"full.ts\" failed after 0 bytes: No space left on device\n");
+            EXPECT_EQ(tu::read_text(dir / "err.txt"),
+                      "tervane-rx: writing \"full.ts\" failed after 0 bytes: No space left on device\n");
         }
     }
 }

@@ -9,11 +9,11 @@
 // rewritten: a listing of name, size and 64-bit FNV-1a digest per file is
 // digested, and a failure prints the listing.
 
+#include <algorithm>
+#include <cinttypes>
 #include <cmath>
 #include <complex>
 #include <cstring>
-#include <algorithm>
-#include <cinttypes>
 #include <ostream>
 
 #include "models.hpp"
@@ -141,9 +141,11 @@ void check_frame(const std::vector<cd>& fd, const std::vector<cd>& ma, int mode,
     const size_t ncp[] = {45, 89, 177}, ntps[] = {17, 34, 68};
     EXPECT_EQ(cp.size(), ncp[mode]);
     EXPECT_EQ(tc.size(), ntps[mode]);
-    EXPECT_EQ((std::vector<size_t>(cp.begin(), cp.begin() + 9)), (std::vector<size_t>{0, 48, 54, 87, 141, 156, 192, 201, 255}));
+    EXPECT_EQ((std::vector<size_t>(cp.begin(), cp.begin() + 9)),
+              (std::vector<size_t>{0, 48, 54, 87, 141, 156, 192, 201, 255}));
     EXPECT_EQ(cp.back(), K - 1);
-    EXPECT_EQ((std::vector<size_t>(tc.begin(), tc.begin() + 8)), (std::vector<size_t>{34, 50, 209, 346, 413, 569, 595, 688}));
+    EXPECT_EQ((std::vector<size_t>(tc.begin(), tc.begin() + 8)),
+              (std::vector<size_t>{34, 50, 209, 346, 413, 569, 595, 688}));
     EXPECT_EQ(tc.back(), (std::vector<size_t>{1687, 3391, 6799})[static_cast<size_t>(mode)]);
 
     // TPS: symbol 0 of a frame refers to w, then s_l = 1 inverts.
@@ -198,7 +200,8 @@ void fft(std::vector<cd>& a, int sign) {  // textbook iterative radix 2, in doub
 // sum_m X[m] e^(+i 2 pi m n / F), the carriers placed by the mapping.
 void check_modulation(const std::vector<cd>& fd, const std::vector<cd>& td, int mode, const std::string& mapping,
                       int guard_div) {
-    const size_t F = static_cast<size_t>(kF[mode]), K = static_cast<size_t>(kK[mode]), G = F / static_cast<size_t>(guard_div);
+    const size_t F = static_cast<size_t>(kF[mode]), K = static_cast<size_t>(kK[mode]),
+                 G = F / static_cast<size_t>(guard_div);
     const size_t S = fd.size() / K, half = (K - 1) / 2;
     ASSERT_EQ(td.size(), S * (F + G));
     double err = 0, pow = 0;
@@ -227,7 +230,9 @@ void PrintTo(const Case& c, std::ostream* os) { *os << c.name; }
 // shorter stream stops the chain and the other branch stalls with data in its
 // rings, a non-empty prefix of it.
 void expect_model(const Bytes& dump, const Bytes& model, bool whole) {
-    ASSERT_TRUE(whole ? dump == model : !dump.empty() && dump.size() <= model.size() && std::equal(dump.begin(), dump.end(), model.begin()))
+    ASSERT_TRUE(whole ? dump == model
+                      : !dump.empty() && dump.size() <= model.size() &&
+                            std::equal(dump.begin(), dump.end(), model.begin()))
         << dump.size() << " bytes dumped, " << model.size() << " modelled";
 }
 
@@ -235,19 +240,20 @@ class Chain : public ::testing::TestWithParam<Case> {};
 
 TEST_P(Chain, EveryDumpFollowsFromThePreviousOneAndNoByteChanged) {
     const Case& c = GetParam();
-    const int mode = code({"2k", "4k", "8k"}, opt(c, "-m", "2k")), hierarchy = code({"NH", "1", "2", "4"}, opt(c, "-a", "NH"));
-    const int alpha = hierarchy == 3 ? 4 : hierarchy, guard = code({"1/32", "1/16", "1/8", "1/4"}, opt(c, "-D", "1/32"));
+    const int mode = code({"2k", "4k", "8k"}, opt(c, "-m", "2k")),
+              hierarchy = code({"NH", "1", "2", "4"}, opt(c, "-a", "NH"));
+    const int alpha = hierarchy == 3 ? 4 : hierarchy,
+              guard = code({"1/32", "1/16", "1/8", "1/4"}, opt(c, "-D", "1/32"));
     const bool hier = alpha != 0, idi = opt(c, "-idi", "no") == "yes" && mode != 2;
-    const int rate_hp = code(kRates, opt(c, hier ? "-php" : "-p", "1/2")), rate_lp = code(kRates, opt(c, "-plp", "1/2"));
+    const int rate_hp = code(kRates, opt(c, hier ? "-php" : "-p", "1/2")),
+              rate_lp = code(kRates, opt(c, "-plp", "1/2"));
     const int cid = std::stoi(opt(c, "-cid", "-1"));
     tu::TempDir dir;
     ASSERT_EQ(tu::run(dir.path, TSGEN_EXE, {"-o", "hp.ts", "-n", "1200"}).status, 0);
     tu::write_file(dir / "lp.ts", tu::make_ts(1200, 9));
     std::vector<std::string> args = c.args;
-    if (hier)
-        args.insert(args.end(), {"-ihp", "hp.ts", "-ilp", "lp.ts"});
-    else
-        args.insert(args.end(), {"-i", "hp.ts"});
+    if (hier) args.insert(args.end(), {"-ihp", "hp.ts", "-ilp", "lp.ts"});
+    else args.insert(args.end(), {"-i", "hp.ts"});
     args.insert(args.end(), {"-o", "x", "-d", "ercvpbsmft", "-v", "0"});
     ASSERT_EQ(tu::tervane(dir.path, args).status, 0);
     const std::string files = listing(dir.path);
@@ -291,7 +297,8 @@ TEST_P(Chain, EveryDumpFollowsFromThePreviousOneAndNoByteChanged) {
     for (int f = 0; f < 4; ++f)
         tps.push_back(bits(cid < 0 ? 23 : 31, 6) + bits(f, 2) + bits(v / 2 - 1, 2) + bits(idi, 1) + bits(hierarchy, 2) +
                       bits(rate_hp, 3) + bits(hier ? rate_lp : 0, 3) + bits(guard, 2) +
-                      bits(mode == 0 ? 0 : 3 - mode, 2) + bits(cid < 0 ? 0 : (f % 2 == 0 ? cid >> 8 : cid) & 0xFF, 8) + "000000");
+                      bits(mode == 0 ? 0 : 3 - mode, 2) + bits(cid < 0 ? 0 : (f % 2 == 0 ? cid >> 8 : cid) & 0xFF, 8) +
+                      "000000");
     const std::vector<cd> fd = read_cells(dump("fd"));
     ASSERT_EQ(fd.size(), ma.size() / static_cast<size_t>(kN[mode]) * static_cast<size_t>(kK[mode]));
     check_frame(fd, ma, mode, tps);
@@ -303,16 +310,39 @@ INSTANTIATE_TEST_SUITE_P(
     Runs, Chain,
     ::testing::Values(
         Case{"Default2kQpsk", {}, 0x92d61e2ff6a83214ull},
-        Case{"Nh2k64Qam7_8Band5Agi", {"-M", "64", "-p", "7/8", "-D", "1/16", "-b", "5", "-F", "agi", "-g", "2.5", "-s", "5", "-c", "0"}, 0x5355221b7b12127full},
-        Case{"Nh4k16Qam3_4IdiInv", {"-m", "4k", "-M", "16", "-p", "3/4", "-D", "1/8", "-idi", "-f", "INV", "-s", "13", "-cid", "43981", "-c", "0"}, 0xe201f4c5e16090c0ull},
-        Case{"Nh8k64QamBB2x", {"-m", "8k", "-M", "64", "-p", "2/3", "-D", "1/4", "-f", "BB", "-I", "2x", "-s", "37", "-c", "0"}, 0x5341cfc6b20c9619ull},
-        Case{"Nh8kQpsk1_2BB", {"-m", "8k", "-p", "1/2", "-D", "1/16", "-f", "BB", "-s", "7", "-cid", "4660", "-c", "0"}, 0x8daf60013ba578b7ull},
-        Case{"Nh2kQpsk5_6Idi4xBand6", {"-p", "5/6", "-D", "1/4", "-idi", "-I", "4x", "-b", "6", "-cid", "0", "-c", "0", "-s", "1000"}, 0xe1564b88cd90a227ull},
-        Case{"Hier2k64QamAlpha2", {"-a", "2", "-M", "64", "-php", "2/3", "-plp", "5/6", "-s", "11", "-c", "0"}, 0xd4682ed1e67bae56ull},
-        Case{"Hier8k64QamAlpha2_4xAgiold", {"-a", "2", "-m", "8k", "-M", "64", "-php", "1/2", "-plp", "3/4", "-D", "1/16", "-I", "4x", "-F", "agiold", "-cid", "4660", "-s", "19", "-c", "0"}, 0xb2911a3d73617abdull},
-        Case{"Hier2kQpskRaisedAlpha1Band7", {"-a", "1", "-php", "2/3", "-plp", "5/6", "-b", "7", "-s", "7", "-c", "0"}, 0x30f32c7aca2157b7ull},
-        Case{"Hier4kQpskRaisedAlpha4BB", {"-a", "4", "-m", "4k", "-php", "1/2", "-plp", "3/4", "-D", "1/16", "-f", "BB", "-s", "9", "-cid", "255", "-c", "0"}, 0x726364dfe479e0e5ull},
-        Case{"Hier4k16QamAlpha4Inv", {"-a", "4", "-m", "4k", "-M", "16", "-php", "7/8", "-plp", "1/2", "-f", "INV", "-s", "11"}, 0xe5a20cb505a3e7c9ull}),
+        Case{"Nh2k64Qam7_8Band5Agi",
+             {"-M", "64", "-p", "7/8", "-D", "1/16", "-b", "5", "-F", "agi", "-g", "2.5", "-s", "5", "-c", "0"},
+             0x5355221b7b12127full},
+        Case{"Nh4k16Qam3_4IdiInv",
+             {"-m", "4k", "-M", "16", "-p", "3/4", "-D", "1/8", "-idi", "-f", "INV", "-s", "13", "-cid", "43981", "-c",
+              "0"},
+             0xe201f4c5e16090c0ull},
+        Case{"Nh8k64QamBB2x",
+             {"-m", "8k", "-M", "64", "-p", "2/3", "-D", "1/4", "-f", "BB", "-I", "2x", "-s", "37", "-c", "0"},
+             0x5341cfc6b20c9619ull},
+        Case{"Nh8kQpsk1_2BB",
+             {"-m", "8k", "-p", "1/2", "-D", "1/16", "-f", "BB", "-s", "7", "-cid", "4660", "-c", "0"},
+             0x8daf60013ba578b7ull},
+        Case{"Nh2kQpsk5_6Idi4xBand6",
+             {"-p", "5/6", "-D", "1/4", "-idi", "-I", "4x", "-b", "6", "-cid", "0", "-c", "0", "-s", "1000"},
+             0xe1564b88cd90a227ull},
+        Case{"Hier2k64QamAlpha2",
+             {"-a", "2", "-M", "64", "-php", "2/3", "-plp", "5/6", "-s", "11", "-c", "0"},
+             0xd4682ed1e67bae56ull},
+        Case{"Hier8k64QamAlpha2_4xAgiold",
+             {"-a",   "2",  "-m", "8k", "-M",     "64",   "-php", "1/2", "-plp", "3/4", "-D",
+              "1/16", "-I", "4x", "-F", "agiold", "-cid", "4660", "-s",  "19",   "-c",  "0"},
+             0xb2911a3d73617abdull},
+        Case{"Hier2kQpskRaisedAlpha1Band7",
+             {"-a", "1", "-php", "2/3", "-plp", "5/6", "-b", "7", "-s", "7", "-c", "0"},
+             0x30f32c7aca2157b7ull},
+        Case{"Hier4kQpskRaisedAlpha4BB",
+             {"-a", "4", "-m", "4k", "-php", "1/2", "-plp", "3/4", "-D", "1/16", "-f", "BB", "-s", "9", "-cid", "255",
+              "-c", "0"},
+             0x726364dfe479e0e5ull},
+        Case{"Hier4k16QamAlpha4Inv",
+             {"-a", "4", "-m", "4k", "-M", "16", "-php", "7/8", "-plp", "1/2", "-f", "INV", "-s", "11"},
+             0xe5a20cb505a3e7c9ull}),
     [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace

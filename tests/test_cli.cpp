@@ -70,8 +70,9 @@ TEST(Cli, HelpAndVersionPrintExactlyAndOpenNothing) {
     EXPECT_EQ(r.out, kBanner + kHelp);
     EXPECT_FALSE(fs::exists(dir / "out.bin") || fs::exists(dir / "out_ed.bin"));
     const std::string log = tu::read_text(dir / "test.log");
-    EXPECT_TRUE(std::regex_search(log, std::regex("^Generated log information: test.log , [A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9]\\d "
-                                                  "\\d\\d:\\d\\d:\\d\\d \\d{4}\n\n")))
+    EXPECT_TRUE(std::regex_search(
+        log, std::regex("^Generated log information: test.log , [A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9]\\d "
+                        "\\d\\d:\\d\\d:\\d\\d \\d{4}\n\n")))
         << log;
     EXPECT_EQ(tu::log_body(log), kBanner + kHelp);  // no closing rule after an early end
     r = transmit(dir, {"-V", "-l", "v.log"});
@@ -83,7 +84,9 @@ TEST(Cli, FatalErrorsInTheirOrder) {
     TempDir dir;
     tu::write_file(dir / "a.ts", tu::make_ts(10));
     fs::create_directory(dir / "sub");
-    auto no_name = [](const std::string& which) { return "FATAL ERROR: no MPEG-2 TS " + which + "file name given.\nTry -h for command line parameters help.\n"; };
+    auto no_name = [](const std::string& which) {
+        return "FATAL ERROR: no MPEG-2 TS " + which + "file name given.\nTry -h for command line parameters help.\n";
+    };
     const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
         {{"-o", "out", "-d", "et", "-v", "0"}, no_name("")},
         {{"-i", "nothere.ts", "-o", "out", "-d", "et"}, "FATAL ERROR: Can't find \"nothere.ts\"\n"},
@@ -105,34 +108,35 @@ TEST(Cli, ReportFiguresAndAdjustments) {
     TempDir dir;
     tu::write_file(dir / "a.ts", tu::make_ts(250));
     auto r = transmit(dir, {"-i", "a.ts", "-o", "out.dat", "-d", "e"});
-    expect_parts(r.out,
-         {"\tMPEG-2 TS file name    : a.ts\n\tOutput file basename   : out.dat\n\tMode                   : 2k\n"
-          "\tConstellation order    : 4QAM\n\tUniformity order       : NH\n\tPrefix duration        : 1/32\n"
-          "\tPuncturing rate        : 1/2\n\tIn-depth interleaving  : no\n\tChannel spacing        : 8 MHz\n"
-          "\tCell identifier        : not set\n\tConv. Interleaver init.: rand\n\tFrequency mapping      : 0 IF\n"
-          "\tInterpolation rate     : 1x\n\tGain factor            : 4.2000\n",
-          "\tOutput sampling rate   : 9.142857 Msps\n\tOutput sample time     : 109.375 ns\n"
-          "\tUseful symbol time     : 224.000 micros\n\tGuard interval time    : 7.000 micros\n"
-          "\tTotal symbol time      : 231.000 micros\n\tUseful throughput      : 6.032085 Mbps\n"
-          "\tCarrier spacing        : 4.464 kHz\n\tNominal bandwidth      : 7.611607 MHz\n",
-          "\tMPEG-2 packets per time: 100\n\tTotal RAM (approx.)    : 6.282 MB\n",
-          "Checking MPEG-2 TS file length ... 47000 bytes\n", "Energy disperder dumping selected: out_ed.bin\n"});
+    expect_parts(
+        r.out, {"\tMPEG-2 TS file name    : a.ts\n\tOutput file basename   : out.dat\n\tMode                   : 2k\n"
+                "\tConstellation order    : 4QAM\n\tUniformity order       : NH\n\tPrefix duration        : 1/32\n"
+                "\tPuncturing rate        : 1/2\n\tIn-depth interleaving  : no\n\tChannel spacing        : 8 MHz\n"
+                "\tCell identifier        : not set\n\tConv. Interleaver init.: rand\n\tFrequency mapping      : 0 IF\n"
+                "\tInterpolation rate     : 1x\n\tGain factor            : 4.2000\n",
+                "\tOutput sampling rate   : 9.142857 Msps\n\tOutput sample time     : 109.375 ns\n"
+                "\tUseful symbol time     : 224.000 micros\n\tGuard interval time    : 7.000 micros\n"
+                "\tTotal symbol time      : 231.000 micros\n\tUseful throughput      : 6.032085 Mbps\n"
+                "\tCarrier spacing        : 4.464 kHz\n\tNominal bandwidth      : 7.611607 MHz\n",
+                "\tMPEG-2 packets per time: 100\n\tTotal RAM (approx.)    : 6.282 MB\n",
+                "Checking MPEG-2 TS file length ... 47000 bytes\n", "Energy disperder dumping selected: out_ed.bin\n"});
 
     // Hierarchical QPSK runs as 16-QAM (buffers stay sized for 2 bits);
     // HP 2 bits per cell, LP the other 2; the end report adds them.
-    r = transmit(dir, {"-a", "2", "-ihp", "a.ts", "-ilp", "a.ts", "-php", "1/2", "-plp", "3/4", "-cid", "255", "-idi",
-                       "-b", "7", "-f", "INV", "-I", "2x", "-c", "0", "-g", "0.5"});
-    expect_parts(r.out,
-         {"\tMPEG-2 TS file name, HP: a.ts\n\tMPEG-2 TS file name, LP: a.ts\n\tOutput file basename   : NONE\n",
-          "\tConstellation order    : 16QAM\n\tUniformity order       : 2\n",
-          "\tPuncturing rate, HP    : 1/2\n\tPuncturing rate, LP    : 3/4\n\tIn-depth interleaving  : yes\n"
-          "\tChannel spacing        : 7 MHz\n\tCell identifier        : 0x00ff\n\tConv. Interleaver init.: 0\n"
-          "\tFrequency mapping      : INV IF\n\tInterpolation rate     : 2x\n\tGain factor            : 0.5000\n",
-          "\tOutput sampling rate   : 16.000000 Msps\n\tOutput sample time     : 125.000 ns\n",
-          "\tUseful throughput, HP  : 5.278075 Mbps\n\tUseful throughput, LP  : 7.917112 Mbps\n",
-          "\tCarrier spacing        : 3.906 kHz\n", "\tTotal RAM (approx.)    : 6.282 MB\n",
-          "Checking MPEG-2 TS files length ... 47000 bytes (HP) + 47000 bytes (LP)\n"});
-    r = transmit(dir, {"-i", "a.ts", "-m", "8k", "-idi", "-cid", "0", "-M", "64", "-D", "1/4", "-p", "7/8", "-s", "19"});
+    r = transmit(dir, {"-a",   "2",  "-ihp", "a.ts", "-ilp", "a.ts", "-php", "1/2", "-plp", "3/4", "-cid", "255",
+                       "-idi", "-b", "7",    "-f",   "INV",  "-I",   "2x",   "-c",  "0",    "-g",  "0.5"});
+    expect_parts(
+        r.out, {"\tMPEG-2 TS file name, HP: a.ts\n\tMPEG-2 TS file name, LP: a.ts\n\tOutput file basename   : NONE\n",
+                "\tConstellation order    : 16QAM\n\tUniformity order       : 2\n",
+                "\tPuncturing rate, HP    : 1/2\n\tPuncturing rate, LP    : 3/4\n\tIn-depth interleaving  : yes\n"
+                "\tChannel spacing        : 7 MHz\n\tCell identifier        : 0x00ff\n\tConv. Interleaver init.: 0\n"
+                "\tFrequency mapping      : INV IF\n\tInterpolation rate     : 2x\n\tGain factor            : 0.5000\n",
+                "\tOutput sampling rate   : 16.000000 Msps\n\tOutput sample time     : 125.000 ns\n",
+                "\tUseful throughput, HP  : 5.278075 Mbps\n\tUseful throughput, LP  : 7.917112 Mbps\n",
+                "\tCarrier spacing        : 3.906 kHz\n", "\tTotal RAM (approx.)    : 6.282 MB\n",
+                "Checking MPEG-2 TS files length ... 47000 bytes (HP) + 47000 bytes (LP)\n"});
+    r = transmit(dir,
+                 {"-i", "a.ts", "-m", "8k", "-idi", "-cid", "0", "-M", "64", "-D", "1/4", "-p", "7/8", "-s", "19"});
     expect_parts(r.out, {"\tIn-depth interleaving  : no\n", "\tCell identifier        : 0x0000\n",
                          "\tUseful throughput      : 26.126470 Mbps\n", "\tCarrier spacing        : 1.116 kHz\n"});
 }
@@ -152,9 +156,10 @@ TEST(Cli, EveryMessageAtItsLevel) {
     };
     // Both sides of every choice: NH and hierarchical, cell identifier set or
     // not, output name given or not.
-    for (std::vector<std::string> args : {std::vector<std::string>{"-i", "a.ts", "-o", "nodir/x", "-d", "et", "-I", "2x", "-cid", "5"},
-                                          {"-a", "1", "-ihp", "a.ts", "-ilp", "a.ts", "-o", "nodir/y", "-d", "erp"},
-                                          {"-i", "a.ts", "-d", "t"}}) {
+    for (std::vector<std::string> args :
+         {std::vector<std::string>{"-i", "a.ts", "-o", "nodir/x", "-d", "et", "-I", "2x", "-cid", "5"},
+          {"-a", "1", "-ihp", "a.ts", "-ilp", "a.ts", "-o", "nodir/y", "-d", "erp"},
+          {"-i", "a.ts", "-d", "t"}}) {
         args.emplace_back("-v");
         std::map<int, size_t> all;
         args.emplace_back("4");
@@ -166,16 +171,18 @@ TEST(Cli, EveryMessageAtItsLevel) {
             std::map<int, size_t> seen;
             args.back() = std::to_string(v);
             for (const std::string& l : lines(transmit(dir, args).out)) ++seen[level_of(l)];
-            for (int level = 0; level <= 4; ++level) EXPECT_EQ(seen[level], level <= v ? all[level] : 0u) << args[0] << " -v " << v << ", level " << level;
+            for (int level = 0; level <= 4; ++level)
+                EXPECT_EQ(seen[level], level <= v ? all[level] : 0u) << args[0] << " -v " << v << ", level " << level;
         }
     }
     // The count lines name every stage, in chain order in each pass.
     const std::string out = transmit(dir, {"-i", "a.ts", "-v", "4", "-I", "2x"}).out;
-    const std::string pass = "MPEG-2_read : 11280 samples\nEnergy+Inv. : 11280 samples\nOuter_coder : 11280 samples\n"
-                             "Outer_int   : 12240 samples\nInner_coder1: 12240 samples\nInner_coder2: 195840 samples\n"
-                             "Inner_int_b : 195804 samples\nInner_int_s : 96768 samples\nMapping     : 96768 samples\n"
-                             "Framing     : 96768 samples\nOFDM        : 109120 samples\nTransmission: 81600 samples\n"
-                             "Time dump   : 163200 samples\n";
+    const std::string pass =
+        "MPEG-2_read : 11280 samples\nEnergy+Inv. : 11280 samples\nOuter_coder : 11280 samples\n"
+        "Outer_int   : 12240 samples\nInner_coder1: 12240 samples\nInner_coder2: 195840 samples\n"
+        "Inner_int_b : 195804 samples\nInner_int_s : 96768 samples\nMapping     : 96768 samples\n"
+        "Framing     : 96768 samples\nOFDM        : 109120 samples\nTransmission: 81600 samples\n"
+        "Time dump   : 163200 samples\n";
     EXPECT_TRUE(contains(out, pass)) << out;
 }
 
@@ -186,11 +193,20 @@ TEST(Cli, EveryMessageAtItsLevel) {
 TEST(Cli, EndReportAndProgress) {
     TempDir dir;
     tu::write_file(dir / "a.ts", tu::make_ts(2000));
-    struct Run { std::vector<std::string> args; double symbol_samples, bits_per_symbol, rate_kbps; };
+    struct Run {
+        std::vector<std::string> args;
+        double symbol_samples, bits_per_symbol, rate_kbps;
+    };
     const double fs = 64e6 / 7, rs = 188.0 / 204;
-    for (const Run& run : {Run{{"-i", "a.ts", "-p", "2/3"}, 2112, 1512 * 2 * 2 / 3.0, fs / (1 + 1 / 32.) * 1512 / 2048 * 2 * 2 / 3 * rs / 1000},
-                           Run{{"-a", "2", "-M", "64", "-m", "8k", "-ihp", "a.ts", "-ilp", "a.ts", "-php", "1/2", "-plp", "3/4", "-D", "1/8", "-I", "4x", "-s", "19"},
-                               4 * 9216, 6048 * (2 * 0.5 + 4 * 0.75), fs / 1.125 * 6048 / 8192 * (2 * 0.5 + 4 * 0.75) * rs / 1000}}) {
+    for (const Run& run : {Run{{"-i", "a.ts", "-p", "2/3"},
+                               2112,
+                               1512 * 2 * 2 / 3.0,
+                               fs / (1 + 1 / 32.) * 1512 / 2048 * 2 * 2 / 3 * rs / 1000},
+                           Run{{"-a",   "2",   "-M",   "64",  "-m", "8k",  "-ihp", "a.ts", "-ilp", "a.ts",
+                                "-php", "1/2", "-plp", "3/4", "-D", "1/8", "-I",   "4x",   "-s",   "19"},
+                               4 * 9216,
+                               6048 * (2 * 0.5 + 4 * 0.75),
+                               fs / 1.125 * 6048 / 8192 * (2 * 0.5 + 4 * 0.75) * rs / 1000}}) {
         std::vector<std::string> args = run.args;
         args.insert(args.end(), {"-o", "o", "-d", "t", "-v", "2"});
         const std::string out = transmit(dir, args).out;
@@ -198,8 +214,13 @@ TEST(Cli, EndReportAndProgress) {
         int s = 0, f = 0, sf = 0;
         const size_t at = out.find("Theoretical global rate = "), last = out.rfind("% done (S");
         ASSERT_TRUE(at != std::string::npos && last != std::string::npos) << out;
-        ASSERT_EQ(std::sscanf(out.c_str() + at, "Theoretical global rate = %lf kbps\nElapsed time = %lf s. Approx. %lf kbps.\n", &theory, &t, &x), 3);
-        ASSERT_EQ(std::sscanf(out.c_str() + out.rfind('\n', last) + 1, "%lf%% done (S%d,F%d,SF%d)", &percent, &s, &f, &sf), 4);
+        ASSERT_EQ(std::sscanf(out.c_str() + at,
+                              "Theoretical global rate = %lf kbps\nElapsed time = %lf s. Approx. %lf kbps.\n", &theory,
+                              &t, &x),
+                  3);
+        ASSERT_EQ(
+            std::sscanf(out.c_str() + out.rfind('\n', last) + 1, "%lf%% done (S%d,F%d,SF%d)", &percent, &s, &f, &sf),
+            4);
         const double symbols = static_cast<double>(fs::file_size(dir / "o.bin")) / 8 / run.symbol_samples;
         const double payload_bits = symbols * run.bits_per_symbol * rs;
         EXPECT_NEAR(theory, run.rate_kbps, 0.002);
@@ -208,7 +229,8 @@ TEST(Cli, EndReportAndProgress) {
         ASSERT_GT(t, 0.0);
         EXPECT_NEAR(x * t / (payload_bits / 1000), 1.0, 0.01);
         ASSERT_EQ(std::sscanf(out.c_str() + out.find("This is "), "This is %lf times", &ratio), 1);
-        EXPECT_TRUE(contains(out, x > theory ? " times faster than real-time ;=)\n" : " times slower than real-time :=(\n"));
+        EXPECT_TRUE(
+            contains(out, x > theory ? " times faster than real-time ;=)\n" : " times slower than real-time :=(\n"));
         EXPECT_NEAR(ratio, x > theory ? x / theory : theory / x, 0.051 * ratio);
     }
 }
@@ -220,16 +242,21 @@ TEST(Cli, EndReportAndProgress) {
 TEST(Cli, OptionValues) {
     TempDir dir;
     tu::write_file(dir / "a.ts", tu::make_ts(10));
-    for (auto [value, shown] : std::vector<std::pair<const char*, const char*>>{{"0", "5"}, {"0x10", "5"}, {"-7", "5"}, {"abc", "5"}, {"1001", "1000"}})
-        EXPECT_TRUE(contains(transmit(dir, {"-i", "a.ts", "-s", value}).out, std::string("packets per time: ") + shown + "\n")) << value;
+    for (auto [value, shown] : std::vector<std::pair<const char*, const char*>>{
+             {"0", "5"}, {"0x10", "5"}, {"-7", "5"}, {"abc", "5"}, {"1001", "1000"}})
+        EXPECT_TRUE(
+            contains(transmit(dir, {"-i", "a.ts", "-s", value}).out, std::string("packets per time: ") + shown + "\n"))
+            << value;
     EXPECT_TRUE(contains(transmit(dir, {"-i", "a.ts", "-v", "-1"}).out, "MPEG-2_read : 1880 samples\n"));
     EXPECT_EQ(transmit(dir, {"-i", "a.ts", "-v", "65536"}).out, "");
     EXPECT_EQ(transmit(dir, {"-i", "a.ts", "-v", "-2147483649"}).out, "");  // -2^31, 0 modulo 65536
-    expect_parts(transmit(dir, {"-o", "-i", "a.ts", "-g", "nan", "-g", "2", "-cid", "99999999999", "-s", "20", "-s", "30", "-m", "8k",
-                                "-m", "4k", "-m", "3k", "-D", "1/4", "-D", "1/5", "-i", "b.ts", "-c"}).out,
-                 {"\tMPEG-2 TS file name    : a.ts\n\tOutput file basename   : -i\n\tMode                   : 4k\n",
-                  "\tPrefix duration        : 1/4\n", "\tConv. Interleaver init.: rand\n", "Gain factor            : nan\n",
-                  "Cell identifier        : 0x7fffffff\n", "packets per time: 20\n"});
+    expect_parts(
+        transmit(dir, {"-o", "-i", "a.ts", "-g", "nan", "-g", "2",  "-cid", "99999999999", "-s",  "20", "-s",   "30",
+                       "-m", "8k", "-m",   "4k", "-m",  "3k", "-D", "1/4",  "-D",          "1/5", "-i", "b.ts", "-c"})
+            .out,
+        {"\tMPEG-2 TS file name    : a.ts\n\tOutput file basename   : -i\n\tMode                   : 4k\n",
+         "\tPrefix duration        : 1/4\n", "\tConv. Interleaver init.: rand\n", "Gain factor            : nan\n",
+         "Cell identifier        : 0x7fffffff\n", "packets per time: 20\n"});
     const std::string name(200, 'n');  // kept whole
     EXPECT_TRUE(contains(transmit(dir, {"-i", name + ".ts"}, 1).out, "FATAL ERROR: Can't find \"" + name + ".ts\"\n"));
 }
@@ -238,23 +265,33 @@ TEST(Cli, FileNamesWarningsAndRefusals) {
     TempDir dir;
     tu::write_file(dir / "a.ts", tu::make_ts(40));
     auto r = transmit(dir, {"-i", "a.ts", "-o", "a.b.c", "-d", "rcEq"});
-    EXPECT_TRUE(contains(r.out, "Reed-Solomon encoder dumping selected: a_rs.bin\nConvolutional interleaver dumping selected: a_ci.bin\n"));
+    EXPECT_TRUE(contains(
+        r.out,
+        "Reed-Solomon encoder dumping selected: a_rs.bin\nConvolutional interleaver dumping selected: a_ci.bin\n"));
     EXPECT_FALSE(contains(r.out, "Energy disperder"));
     r = transmit(dir, {"-a", "4", "-ihp", "a.ts", "-ilp", "a.ts", "-o", "h", "-d", "erpvbsmfc"});
-    expect_parts(r.out, {"Energy disperder HP dumping selected: h_edhp.bin\nEnergy disperder LP dumping selected: h_edlp.bin\n"
-                          "Reed-Solomon HP encoder dumping selected: h_rshp.bin\nReed-Solomon LP encoder dumping selected: h_rslp.bin\n"
-                          "Convolutional HP interleaver dumping selected: h_cihp.bin\nConvolutional LP interleaver dumping selected: h_cilp.bin\n"
-                          "Convolutional HP encoder dumping selected: h_vehp.bin\nConvolutional LP encoder dumping selected: h_velp.bin\n"
-                          "HP Puncturer dumping selected: h_puhp.bin\nLP Puncturer dumping selected: h_pulp.bin\n"
-                          "Bit interleaver dumping selected: h_bi.bin\nSymbol interleaver stream dumping selected\n"
-                          "Mapper stream dumping selected\nfrequency domain dumping selected: h_fd.bin\n"});
-    EXPECT_TRUE(contains(transmit(dir, {"-i", "a.ts", "-d", "t"}).out, "WARNING: no DAC stream file name given -> using tervane.bin\n"));
+    expect_parts(
+        r.out,
+        {"Energy disperder HP dumping selected: h_edhp.bin\nEnergy disperder LP dumping selected: h_edlp.bin\n"
+         "Reed-Solomon HP encoder dumping selected: h_rshp.bin\nReed-Solomon LP encoder dumping selected: h_rslp.bin\n"
+         "Convolutional HP interleaver dumping selected: h_cihp.bin\nConvolutional LP interleaver dumping selected: "
+         "h_cilp.bin\n"
+         "Convolutional HP encoder dumping selected: h_vehp.bin\nConvolutional LP encoder dumping selected: "
+         "h_velp.bin\n"
+         "HP Puncturer dumping selected: h_puhp.bin\nLP Puncturer dumping selected: h_pulp.bin\n"
+         "Bit interleaver dumping selected: h_bi.bin\nSymbol interleaver stream dumping selected\n"
+         "Mapper stream dumping selected\nfrequency domain dumping selected: h_fd.bin\n"});
+    EXPECT_TRUE(contains(transmit(dir, {"-i", "a.ts", "-d", "t"}).out,
+                         "WARNING: no DAC stream file name given -> using tervane.bin\n"));
     EXPECT_TRUE(fs::exists(dir / "tervane.bin"));
-    EXPECT_TRUE(contains(transmit(dir, {"-i", "a.ts", "-o", "out", "-d", "t", "-F", "agiold"}).out, "Time domain dumping selected - Old Agilent format: _I & _Q\n"));
-    EXPECT_TRUE(contains(transmit(dir, {"-i", "a.ts", "-o", "g", "-d", "t", "-F", "agi"}).out, "Time domain dumping selected - Agilent format: g_agi.bin\n"));
+    EXPECT_TRUE(contains(transmit(dir, {"-i", "a.ts", "-o", "out", "-d", "t", "-F", "agiold"}).out,
+                         "Time domain dumping selected - Old Agilent format: _I & _Q\n"));
+    EXPECT_TRUE(contains(transmit(dir, {"-i", "a.ts", "-o", "g", "-d", "t", "-F", "agi"}).out,
+                         "Time domain dumping selected - Agilent format: g_agi.bin\n"));
     // Not creatable, too long for the name buffer (126 characters), or one of the inputs: skipped.
     r = transmit(dir, {"-i", "a.ts", "-o", "missing/out", "-d", "et"});
-    expect_parts(r.out, {"WARNING: Can't open \"missing/out_ed.bin\" -> skipping ...\n", "WARNING: Can't open \"missing/out.bin\" -> skipping ...\n"});
+    expect_parts(r.out, {"WARNING: Can't open \"missing/out_ed.bin\" -> skipping ...\n",
+                         "WARNING: Can't open \"missing/out.bin\" -> skipping ...\n"});
     const std::string stem(122, 's');
     r = transmit(dir, {"-i", "a.ts", "-o", stem + ".ext", "-d", "te"});
     EXPECT_TRUE(fs::exists(dir / (stem + ".bin")));
@@ -267,8 +304,9 @@ TEST(Cli, FileNamesWarningsAndRefusals) {
     EXPECT_EQ(fs::file_size(dir / "x_ed.bin"), ts.size());
     // A batch too small for one OFDM symbol is said, and no sample comes out.
     r = transmit(dir, {"-i", "a.ts", "-o", "o", "-d", "t", "-m", "8k", "-M", "64", "-D", "1/4", "-s", "18"});
-    EXPECT_TRUE(contains(r.out, "WARNING: -s 18 is too small for this mode: no OFDM symbol fits the buffers, so no "
-                                "samples will be produced (use -s 19 or more)\n"));
+    EXPECT_TRUE(contains(r.out,
+                         "WARNING: -s 18 is too small for this mode: no OFDM symbol fits the buffers, so no "
+                         "samples will be produced (use -s 19 or more)\n"));
     EXPECT_EQ(fs::file_size(dir / "o.bin"), 0u);
 }
 
@@ -278,7 +316,8 @@ TEST(Cli, OutputsLandWhereTheNamePoints) {
     TempDir dir;
     for (const char* sub : {"w/a.b", "x"}) fs::create_directories(dir / sub);
     tu::write_file(dir / "a.ts", tu::make_ts(40));
-    for (const auto& [name, folder] : {std::pair{"./out", "w"}, {"../x/out.dat", "x"}, {"a.b/out", "w/a.b"}, {"out.dat", "w"}}) {
+    for (const auto& [name, folder] :
+         {std::pair{"./out", "w"}, {"../x/out.dat", "x"}, {"a.b/out", "w/a.b"}, {"out.dat", "w"}}) {
         transmit(dir / "w", {"-i", "../a.ts", "-o", name, "-d", "ercvpbsmft", "-v", "0"});
         std::set<std::string> made, expected;
         for (const char* suffix : {"", "_ed", "_rs", "_ci", "_ve", "_pu", "_bi", "_si", "_ma", "_fd"})
@@ -297,7 +336,8 @@ TEST(Cli, FailedWritesAreToldAndEndWithStatus2) {
     TempDir dir;
     tu::write_file(dir / "a.ts", tu::make_ts(200));
     tu::write_file(dir / "small.ts", tu::make_ts(10));
-    for (const char* name : {"o.bin", "d_ed.bin", "c_ed.bin", "f_Q.bin", "full.log"}) fs::create_symlink("/dev/full", dir / name);
+    for (const char* name : {"o.bin", "d_ed.bin", "c_ed.bin", "f_Q.bin", "full.log"})
+        fs::create_symlink("/dev/full", dir / name);
     const std::string full = "No space left on device";
     auto warned = [](const std::string& out, const std::string& warning) {
         EXPECT_TRUE(contains(out, warning + "\n")) << out;
@@ -309,24 +349,28 @@ TEST(Cli, FailedWritesAreToldAndEndWithStatus2) {
     EXPECT_TRUE(contains(r.out, "Theoretical global rate = "));
     EXPECT_EQ(tu::log_body(tu::read_text(dir / "test.log")), r.out + std::string(48, '_') + "\n\n");
     EXPECT_EQ(tu::read_file(dir / "o_ed.bin"), tu::read_file(dir / "ref_ed.bin"));
-    warned(transmit(dir, {"-i", "a.ts", "-o", "d", "-d", "et"}, 2).out, "WARNING: writing \"d_ed.bin\" failed after 0 bytes: " + full);
+    warned(transmit(dir, {"-i", "a.ts", "-o", "d", "-d", "et"}, 2).out,
+           "WARNING: writing \"d_ed.bin\" failed after 0 bytes: " + full);
     EXPECT_EQ(tu::read_file(dir / "d.bin"), tu::read_file(dir / "ref.bin"));
     // A dump that fits the stream's buffer fails when it is flushed at the end.
-    warned(transmit(dir, {"-i", "small.ts", "-o", "c", "-d", "e", "-s", "5"}, 2).out, "WARNING: writing \"c_ed.bin\" failed after 0 bytes: " + full);
+    warned(transmit(dir, {"-i", "small.ts", "-o", "c", "-d", "e", "-s", "5"}, 2).out,
+           "WARNING: writing \"c_ed.bin\" failed after 0 bytes: " + full);
     // Q on a full device: I, written first, is cut to as many codes, none.
     warned(transmit(dir, {"-i", "a.ts", "-o", "f", "-d", "t", "-F", "agiold"}, 2).out,
            "WARNING: writing \"f_Q.bin\" failed after 0 samples: " + full + "; \"f_I.bin\" kept at the same 0 samples");
     EXPECT_EQ(fs::file_size(dir / "f_I.bin"), 0u);
     r = transmit(dir, {"-i", "a.ts", "-o", "g", "-d", "t", "-l", "full.log"});
-    EXPECT_TRUE(r.out.ends_with("real-time ;=)\nWARNING: writing \"full.log\" failed after 0 bytes: " + full + "\n")) << r.out;
+    EXPECT_TRUE(r.out.ends_with("real-time ;=)\nWARNING: writing \"full.log\" failed after 0 bytes: " + full + "\n"))
+        << r.out;
     EXPECT_EQ(tu::read_file(dir / "g.bin"), tu::read_file(dir / "ref.bin"));
 
     // Under a file-size limit each format stops part-way: the files hold the
     // counted whole samples, the start of the complete output (I and Q alike).
-    const std::regex limited("WARNING: writing \"l(\\w*)\\.bin\" failed after (\\d+) samples: File too large"
-                             "(?:; \"l_Q\\.bin\" kept at the same (\\d+) samples)?\n");
-    for (const auto& [format, suffixes, bytes] : {std::tuple{"std", std::vector<std::string>{""}, 8u},
-                                                  {"agi", {"_agi"}, 4u}, {"agiold", {"_I", "_Q"}, 2u}}) {
+    const std::regex limited(
+        "WARNING: writing \"l(\\w*)\\.bin\" failed after (\\d+) samples: File too large"
+        "(?:; \"l_Q\\.bin\" kept at the same (\\d+) samples)?\n");
+    for (const auto& [format, suffixes, bytes] :
+         {std::tuple{"std", std::vector<std::string>{""}, 8u}, {"agi", {"_agi"}, 4u}, {"agiold", {"_I", "_Q"}, 2u}}) {
         transmit(dir, {"-i", "a.ts", "-o", "whole", "-d", "t", "-F", format});
         r = transmit(dir, {"-i", "a.ts", "-o", "l", "-d", "t", "-F", format}, 2, "64");
         std::smatch m;
@@ -351,7 +395,9 @@ TEST(Cli, HostileStreams) {
         const auto b = tu::read_file(dir / name);
         std::vector<float> f(b.size() / 4);
         if (!f.empty()) std::memcpy(f.data(), b.data(), 4 * f.size());
-        EXPECT_TRUE(b.size() % (2112 * 8) == 0 && std::all_of(f.begin(), f.end(), [](float x) { return std::isfinite(x); })) << name;
+        EXPECT_TRUE(b.size() % (2112 * 8) == 0 &&
+                    std::all_of(f.begin(), f.end(), [](float x) { return std::isfinite(x); }))
+            << name;
         return b.size() / (2112 * 8);
     };
     tu::write_file(dir / "empty.ts", {});

@@ -16,7 +16,8 @@ namespace {
 // CRC-32 of MPEG-2 sections bit by bit: a section with its CRC leaves 0.
 uint32_t crc_bitwise(const unsigned char* p, size_t n) {
     uint32_t crc = 0xFFFFFFFFu;
-    for (size_t i = 0; i < 8 * n; ++i) crc = (crc << 1) ^ (((crc >> 31) ^ (p[i / 8] >> (7 - i % 8) & 1u)) != 0 ? 0x04C11DB7u : 0);
+    for (size_t i = 0; i < 8 * n; ++i)
+        crc = (crc << 1) ^ (((crc >> 31) ^ (p[i / 8] >> (7 - i % 8) & 1u)) != 0 ? 0x04C11DB7u : 0);
     return crc;
 }
 
@@ -33,10 +34,11 @@ TEST(Companions, ShowTheOneVersionAndTheTransmittersTables) {
     }
     // Python reads the version, the 8k continual pilots and the sample rates from the generated module.
     const auto py = tu::run(dir.path, "/usr/bin/python3",
-                            {"-c", "import sys; sys.path.insert(0, '" + build + "/python'); "
-                                   "from tervane_companions import tables as t; "
-                                   "print(t.VERSION, *t.CPILOT, *('%.17g' % x for x in t.FS), *t.GUARD_DIV, "
-                                   "*t.INTERP, *t.FILTER_DELAY)"});
+                            {"-c", "import sys; sys.path.insert(0, '" + build +
+                                       "/python'); "
+                                       "from tervane_companions import tables as t; "
+                                       "print(t.VERSION, *t.CPILOT, *('%.17g' % x for x in t.FS), *t.GUARD_DIV, "
+                                       "*t.INTERP, *t.FILTER_DELAY)"});
     std::ostringstream want;
     want << TERVANE_VERSION;
     for (int32_t k : cpilot) want << ' ' << k;
@@ -50,10 +52,13 @@ TEST(Companions, ShowTheOneVersionAndTheTransmittersTables) {
     want << " 0 " << filter2x.size() / 2 << ' ' << filter4x.size() / 2;
     EXPECT_EQ(py.out, want.str() + "\n") << tu::read_text(dir / "err.txt");
     for (uint32_t band = 0; band < 4; ++band)
-        EXPECT_EQ(static_cast<float>(dvbSampleRate(band, 0)), dvbt_fs[band]) << "the float table and the exact rate agree";
+        EXPECT_EQ(static_cast<float>(dvbSampleRate(band, 0)), dvbt_fs[band])
+            << "the float table and the exact rate agree";
     // A refused invocation of each Python companion: one line naming the program, status 1.
     const std::vector<std::pair<std::string, std::vector<std::string>>> refused{
-        {"tervane-view", {"-o", "none"}}, {"tervane-rx", {"-o", "x.ts"}}, {"tervane-waterfall", {"-from", "1", "-to", "0"}}};
+        {"tervane-view", {"-o", "none"}},
+        {"tervane-rx", {"-o", "x.ts"}},
+        {"tervane-waterfall", {"-from", "1", "-to", "0"}}};
     for (const auto& [prog, args] : refused) {
         EXPECT_EQ(tu::run(dir.path, build + "/" + prog, args).status, 1) << prog;
         const std::string err = tu::read_text(dir / "err.txt");
@@ -97,15 +102,24 @@ TEST(Tsgen, PacketsTablesCountersAndPrbs) {
     // PRBS 2^23-1: b[k] = b[k-23] ^ b[k-18], continuous over the null packets, not all zeros.
     ASSERT_EQ(bits.size(), 184u * 8u * (n - 36));
     for (size_t k = 23; k < bits.size(); ++k) ASSERT_EQ(bits[k], bits[k - 23] ^ bits[k - 18]) << "bit " << k;
-    EXPECT_EQ(std::vector<int>(bits.begin(), bits.begin() + 8), std::vector<int>(8, 0)) << "a register of ones shifts out zeros first";
+    EXPECT_EQ(std::vector<int>(bits.begin(), bits.begin() + 8), std::vector<int>(8, 0))
+        << "a register of ones shifts out zeros first";
 }
 
 TEST(Tsgen, BadArgumentsAndFailedWrites) {
     tu::TempDir dir;
-    for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
-             {}, {"-n", "10"}, {"-o", "x.ts", "-n", "ten"}, {"-o", "x.ts", "-n", "-5"}, {"-o"}, {"-o", "x.ts", "-q"},
-             {"-o", "nodir/x.ts", "-n", "3"}, {"-o", "x.ts", "-n", " 5"}, {"-o", "x.ts", "-n", "1e3"},
-             {"-o", "x.ts", "-n", "99999999999999999999999"}, {"-o", "x.ts", "-n"}}) {
+    for (const std::vector<std::string>& args :
+         std::vector<std::vector<std::string>>{{},
+                                               {"-n", "10"},
+                                               {"-o", "x.ts", "-n", "ten"},
+                                               {"-o", "x.ts", "-n", "-5"},
+                                               {"-o"},
+                                               {"-o", "x.ts", "-q"},
+                                               {"-o", "nodir/x.ts", "-n", "3"},
+                                               {"-o", "x.ts", "-n", " 5"},
+                                               {"-o", "x.ts", "-n", "1e3"},
+                                               {"-o", "x.ts", "-n", "99999999999999999999999"},
+                                               {"-o", "x.ts", "-n"}}) {
         EXPECT_EQ(tu::run(dir.path, TSGEN_EXE, args).status, 2) << (args.empty() ? "(none)" : args.back());
         const std::string err = tu::read_text(dir / "err.txt");
         EXPECT_TRUE(err.rfind("tsgen: ", 0) == 0 && err.find('\n') == err.size() - 1) << "one line: " << err;
@@ -118,8 +132,11 @@ TEST(Tsgen, BadArgumentsAndFailedWrites) {
     EXPECT_EQ(tu::run(dir.path, TSGEN_EXE, {"-o", "/dev/full", "-n", "100"}).status, 1);
     EXPECT_EQ(tu::read_text(dir / "err.txt").rfind("tsgen: write to \"/dev/full\" failed", 0), 0u);
     // A file-size limit stops the writing part-way: the message says how much reached the file.
-    EXPECT_EQ(tu::run(dir.path, "bash", {"-c", std::string("ulimit -f 20 && exec ") + TSGEN_EXE + " -o lim.ts -n 1000"}).status, 1);
-    EXPECT_EQ(tu::read_text(dir / "err.txt"), "tsgen: write to \"lim.ts\" failed after 20480 bytes (108 whole packets): File too large\n");
+    EXPECT_EQ(tu::run(dir.path, "bash", {"-c", std::string("ulimit -f 20 && exec ") + TSGEN_EXE + " -o lim.ts -n 1000"})
+                  .status,
+              1);
+    EXPECT_EQ(tu::read_text(dir / "err.txt"),
+              "tsgen: write to \"lim.ts\" failed after 20480 bytes (108 whole packets): File too large\n");
     EXPECT_EQ(std::filesystem::file_size(dir / "lim.ts"), 20480u);
 }
 

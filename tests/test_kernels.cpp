@@ -38,7 +38,8 @@ std::vector<U> stream(const std::vector<T>& input, uint32_t in_len, uint32_t out
     std::vector<U> got;
     for (size_t next = 0, rounds = 0; got.size() < expect && rounds < 200000; ++rounds) {
         std::vector<T> chunk;
-        for (size_t k = g() % in_len + 1; k > 0 && next < input.size() && chunk.size() < dvbRingFree(in.v); --k) chunk.push_back(input[next++]);
+        for (size_t k = g() % in_len + 1; k > 0 && next < input.size() && chunk.size() < dvbRingFree(in.v); --k)
+            chunk.push_back(input[next++]);
         in.push(chunk);
         stage(in.v, out.v, 1 + g() % (2 * in_len));
         const std::vector<U> part = out.pop_all();
@@ -63,8 +64,8 @@ TEST(Kernels, EveryTransformFormMatchesThePlainRecurrence) {
                 for (auto& c : cells) {
                     const uint32_t r = g() % 16;
                     c = scale != 0.0f ? dvbComplex{scale * d(g), scale * d(g)}
-                        : r < 3 ? std::array<dvbComplex, 3>{{{4.0f / 3.0f, 0.0f}, {-1.0f, 0.0f}, {0.0f, 0.0f}}}[r]
-                                : dvbQAMTable()[g() % 64];
+                        : r < 3       ? std::array<dvbComplex, 3>{{{4.0f / 3.0f, 0.0f}, {-1.0f, 0.0f}, {0.0f, 0.0f}}}[r]
+                                      : dvbQAMTable()[g() % 64];
                 }
                 want = cells;
                 ofdm_ifft_reference(want.data());
@@ -74,7 +75,8 @@ TEST(Kernels, EveryTransformFormMatchesThePlainRecurrence) {
                     std::vector<dvbComplex> got = cells, sym(F);
                     f.transform(got.data());
                     f.symbol(cells.data(), sym.data());
-                    EXPECT_EQ(std::memcmp(got.data(), want.data(), F * 8), 0) << f.name << " mode " << mode << " scale " << scale;
+                    EXPECT_EQ(std::memcmp(got.data(), want.data(), F * 8), 0)
+                        << f.name << " mode " << mode << " scale " << scale;
                     EXPECT_EQ(std::memcmp(sym.data(), want_sym.data(), F * 8), 0) << f.name << " mapping " << mapping;
                 }
             }
@@ -90,10 +92,15 @@ TEST(Kernels, CodingStagesThroughOddRings) {
         IsaScope scope(isa);
         SCOPED_TRACE("isa " + std::to_string(isa));
         uint32_t st = 0;
-        EXPECT_EQ(stream(bytes, 203, 1001, coded.size(), g, [&](dvbVect* i, dvbVect* o, uint32_t m) { encode27(i, o, &st, m, nullptr); }), coded);
+        EXPECT_EQ(stream(bytes, 203, 1001, coded.size(), g,
+                         [&](dvbVect* i, dvbVect* o, uint32_t m) { encode27(i, o, &st, m, nullptr); }),
+                  coded);
         for (uint16_t rate = 0; rate < 5; rate++) {
             const Bytes want = models::puncture(coded, rate);
-            EXPECT_EQ(stream(coded, 1001, 777, want.size(), g, [&](dvbVect* i, dvbVect* o, uint32_t m) { puncture(i, o, rate, m, nullptr); }), want) << rate;
+            EXPECT_EQ(stream(coded, 1001, 777, want.size(), g,
+                             [&](dvbVect* i, dvbVect* o, uint32_t m) { puncture(i, o, rate, m, nullptr); }),
+                      want)
+                << rate;
         }
         for (uint32_t alpha = 0; alpha < 4; alpha++)
             for (uint32_t M = alpha == 0 ? 0 : 1; M < 3; M++) {
@@ -101,10 +108,13 @@ TEST(Kernels, CodingStagesThroughOddRings) {
                 const Bytes want = models::bit_interleave(hp, lp, dvbt_bitpersymb[M], alpha != 0);
                 tu::ByteRing in_lp(2503, 7);
                 size_t fl = 0;
-                EXPECT_EQ(stream(hp, 761, 131, want.size(), g, [&](dvbVect* i, dvbVect* o, uint32_t m) {
-                              for (; fl < lp.size() && dvbRingFree(in_lp.v) > 0; ++fl) in_lp.push({lp[fl]});
-                              bit_interleave(i, alpha != 0 ? in_lp.v : nullptr, o, m, nullptr);
-                          }), want) << "M " << M << " alpha " << alpha;
+                EXPECT_EQ(stream(hp, 761, 131, want.size(), g,
+                                 [&](dvbVect* i, dvbVect* o, uint32_t m) {
+                                     for (; fl < lp.size() && dvbRingFree(in_lp.v) > 0; ++fl) in_lp.push({lp[fl]});
+                                     bit_interleave(i, alpha != 0 ? in_lp.v : nullptr, o, m, nullptr);
+                                 }),
+                          want)
+                    << "M " << M << " alpha " << alpha;
             }
         for (uint32_t alpha = 0; alpha < 4; alpha++)
             for (uint32_t M = 0; M < 3; M++) {
@@ -113,14 +123,20 @@ TEST(Kernels, CodingStagesThroughOddRings) {
                 const Bytes words = random_bytes(3001, g);  // the mapper reads the low 6 bits
                 std::vector<dvbComplex> want;
                 for (uint8_t w : words) want.push_back(dvbQAMTable()[w & 63u]);
-                const auto got = stream<uint8_t, dvbComplex>(words, 1001, 777, want.size(), g, [](dvbVect* i, dvbVect* o, uint32_t m) { qam_map(i, o, m, nullptr); });
+                const auto got =
+                    stream<uint8_t, dvbComplex>(words, 1001, 777, want.size(), g,
+                                                [](dvbVect* i, dvbVect* o, uint32_t m) { qam_map(i, o, m, nullptr); });
                 ASSERT_EQ(got.size(), want.size());
-                EXPECT_EQ(std::memcmp(got.data(), want.data(), want.size() * sizeof(dvbComplex)), 0) << "M " << M << " alpha " << alpha;
+                EXPECT_EQ(std::memcmp(got.data(), want.data(), want.size() * sizeof(dvbComplex)), 0)
+                    << "M " << M << " alpha " << alpha;
             }
         tu::set_parms([](dvbt_parms_t&) {});
         dvbSymIntAddrGenerate();
-        const Bytes words = random_bytes(1512 * 8, g, 4), want = models::symbol_interleave(words, 0, dvbSymIntBlockNum());
-        EXPECT_EQ(stream(words, 1601, 1553, want.size(), g, [](dvbVect* i, dvbVect* o, uint32_t m) { symbol_interleave(i, o, m, nullptr); }), want);
+        const Bytes words = random_bytes(1512 * 8, g, 4),
+                    want = models::symbol_interleave(words, 0, dvbSymIntBlockNum());
+        EXPECT_EQ(stream(words, 1601, 1553, want.size(), g,
+                         [](dvbVect* i, dvbVect* o, uint32_t m) { symbol_interleave(i, o, m, nullptr); }),
+                  want);
     }
 }
 
@@ -152,10 +168,12 @@ TEST(Kernels, GroupedReedSolomonRunwiseDispersalAndBranchwiseInterleaver) {
         want[i] = p == 0 ? static_cast<uint8_t>(~in[i]) : p % plen == 0 ? in[i] : in[i] ^ dvbBytes(seq.v)[p - 1];
     }
     seq.v->head = 0;
-    EXPECT_EQ(stream(in, 301, 211, want.size(), g, [&](dvbVect* i, dvbVect* o, uint32_t m) {
-                  uint32_t c = 0;
-                  dvbTSDisperdInvert(i, o, seq.v, plen, period, m, "ED", nullptr, &c);
-              }), want);
+    EXPECT_EQ(stream(in, 301, 211, want.size(), g,
+                     [&](dvbVect* i, dvbVect* o, uint32_t m) {
+                         uint32_t c = 0;
+                         dvbTSDisperdInvert(i, o, seq.v, plen, period, m, "ED", nullptr, &c);
+                     }),
+              want);
     // The outer interleaver with each instruction set: rings whose ends cut
     // groups, calls shorter than a branch's delay and calls of several pieces.
     tu::set_parms([](dvbt_parms_t& p) { p.cinit = 0; });
@@ -165,7 +183,9 @@ TEST(Kernels, GroupedReedSolomonRunwiseDispersalAndBranchwiseInterleaver) {
             IsaScope scope(isa);
             convint_state ci{};
             init_convint(&ci, 12, 17);
-            EXPECT_EQ(stream(rs, in_len, out_len, ci_want.size(), g, [&](dvbVect* i, dvbVect* o, uint32_t m) { conv_int(i, o, &ci, m, nullptr); }), ci_want)
+            EXPECT_EQ(stream(rs, in_len, out_len, ci_want.size(), g,
+                             [&](dvbVect* i, dvbVect* o, uint32_t m) { conv_int(i, o, &ci, m, nullptr); }),
+                      ci_want)
                 << "isa " << isa << " ring " << in_len;
         }
 }
@@ -189,8 +209,10 @@ TEST(Kernels, InterpolationIsTheFullFilterOnZeroStuffedInput) {
                 tu::set_parms([interp](dvbt_parms_t& p) { p.interp = interp; });
                 init_filt();
                 const uint32_t R = interp == 1 ? 2 : 4;
-                SCOPED_TRACE("isa " + std::to_string(isa) + " R " + std::to_string(R) + " ring " + std::to_string(in_len));
-                const std::vector<float> h = interp == 1 ? std::vector<float>(filter2x.begin(), filter2x.end()) : std::vector<float>(filter4x.begin(), filter4x.end());
+                SCOPED_TRACE("isa " + std::to_string(isa) + " R " + std::to_string(R) + " ring " +
+                             std::to_string(in_len));
+                const std::vector<float> h = interp == 1 ? std::vector<float>(filter2x.begin(), filter2x.end())
+                                                         : std::vector<float>(filter4x.begin(), filter4x.end());
                 const auto got = stream(input, in_len, out_len, input.size() * R, g, interpolate);
                 ASSERT_EQ(got.size(), input.size() * R);
                 init_filt();

@@ -153,8 +153,8 @@ TEST(Play, DeviceSettingsAndLoShift) {
     Scratch s(300);
     const auto ref = s.reference({"-i", "a.ts", "-I", "2x"});
     const auto r = play(s.dir, "native=CF32,pace=0",
-                        {"-i", "a.ts", "-I", "2x", "-fc", "600e6", "-lo", "2e6", "-gain", "50", "-ge", "PA=5",
-                         "-bw", "8e6", "-ant", "TX"});
+                        {"-i", "a.ts", "-I", "2x", "-fc", "600e6", "-lo", "2e6", "-gain", "50", "-ge", "PA=5", "-bw",
+                         "8e6", "-ant", "TX"});
     ASSERT_EQ(r.status, 0) << tu::read_text(s.dir / "err.txt");
     const Fields st = fields(tu::read_text(s.dir / "rec.bin.status"));
     EXPECT_EQ(num(st, "frequency"), 602e6);
@@ -197,7 +197,8 @@ TEST(Play, PacingUnderflowsAndLate) {
         EXPECT_EQ(r.status, 0) << tu::read_text(s.dir / "err.txt");
         EXPECT_EQ(num(fields(r.out), "underflows"), 1) << report;
     }
-    r = play(s.dir, "buffer=20000,record=/dev/null", {"-i", "a.ts", "-buf", "0.01", "-t", "0.5"}, "env TERVANE_PLAY_TEST_DELAY_US=30000");
+    r = play(s.dir, "buffer=20000,record=/dev/null", {"-i", "a.ts", "-buf", "0.01", "-t", "0.5"},
+             "env TERVANE_PLAY_TEST_DELAY_US=30000");
     EXPECT_EQ(r.status, 0);
     EXPECT_GT(num(fields(r.out), "late"), 0);
     EXPECT_GT(num(fields(r.out), "underflows"), 0) << "the device ran dry as well";
@@ -265,7 +266,7 @@ TEST(Play, Playback) {
     ASSERT_EQ(tu::tervane(s.dir.path, {"-i", "a.ts", "-o", "g", "-d", "t", "-F", "agi", "-v", "0"}).status, 0);
     // The format and rate from SigMF metadata beside the file, as tervane-view writes it.
     std::ofstream(s.dir / "g_agi.sigmf-meta") << "{\"global\": {\"core:datatype\": \"ci16_be\", "
-                                                  "\"core:sample_rate\": 9142857.142857143}}\n";
+                                                 "\"core:sample_rate\": 9142857.142857143}}\n";
     r = play(s.dir, "native=CF32,pace=0", {"-play", "g_agi.bin"});
     ASSERT_EQ(r.status, 0) << tu::read_text(s.dir / "err.txt");
     got = floats(tu::read_file(s.dir / "rec.bin"));
@@ -333,9 +334,14 @@ TEST(Play, ReadmeExamplesRunAgainstTheFake) {
 TEST(Play, Errors) {
     Scratch s;
     const std::vector<std::pair<std::vector<std::string>, int>> cases = {
-        {{"-i", "a.ts", "-bogus", "1"}, 1}, {{"-i", "a.ts", "-bo", "x"}, 1}, {{"-i", "a.ts", "-M", "32"}, 1},
-        {{"-i", "a.ts", "-loop", "0"}, 1},  {{"-i", "none.ts"}, 1},          {{"-i", "a.ts", "-o", "x"}, 1},
-        {{"-i", "a.ts", "-ge", "PA"}, 1},   {{"-i", "a.ts", "-lo", "4e6"}, 1},
+        {{"-i", "a.ts", "-bogus", "1"}, 1},
+        {{"-i", "a.ts", "-bo", "x"}, 1},
+        {{"-i", "a.ts", "-M", "32"}, 1},
+        {{"-i", "a.ts", "-loop", "0"}, 1},
+        {{"-i", "none.ts"}, 1},
+        {{"-i", "a.ts", "-o", "x"}, 1},
+        {{"-i", "a.ts", "-ge", "PA"}, 1},
+        {{"-i", "a.ts", "-lo", "4e6"}, 1},
         {{"-i", "a.ts", "-ge", "LNA=3"}, 3},
     };
     for (const auto& [args, status] : cases) {
@@ -346,8 +352,9 @@ TEST(Play, Errors) {
         EXPECT_TRUE(err.starts_with("tervane-play: ")) << err;
         EXPECT_EQ(r.out, "");
     }
-    const auto r = tu::run(s.dir.path, "env", {"SOAPY_SDR_PLUGIN_PATH=" TERVANE_SOAPY_FAKE, TERVANE_PLAY_EXE,
-                                               "-dev", "driver=nosuchdevice", "-i", "a.ts"});
+    const auto r = tu::run(
+        s.dir.path, "env",
+        {"SOAPY_SDR_PLUGIN_PATH=" TERVANE_SOAPY_FAKE, TERVANE_PLAY_EXE, "-dev", "driver=nosuchdevice", "-i", "a.ts"});
     EXPECT_EQ(r.status, 3);
     EXPECT_TRUE(tu::contains(tu::read_text(s.dir / "err.txt"), "can't open the device"));
 }

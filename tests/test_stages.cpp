@@ -94,21 +94,31 @@ TEST(StageUnits, EveryStageMovesWholeUnits) {
     init_convint(&ci, 12, 17);
     uint32_t enc = 0;
     const Units all[] = {
-        {"Energy+Inv. ", 1, 1, 1, true, true, [&](dvbVect* i, dvbVect* o, uint32_t m) { return static_cast<uint32_t>(energy_inv(i, o, prbs, m, nullptr)); }},
-        {"Outer_coder ", 188, 204, 188, true, true, [](dvbVect* i, dvbVect* o, uint32_t m) { return rs_short204188(i, o, m, nullptr); }},
-        {"Outer_int   ", 12, 12, 12, true, true, [&](dvbVect* i, dvbVect* o, uint32_t m) { return conv_int(i, o, &ci, m, nullptr); }},
-        {"Inner_coder1", 1, 16, 1, true, true, [&](dvbVect* i, dvbVect* o, uint32_t m) { return static_cast<uint32_t>(encode27(i, o, &enc, m, nullptr)); }},
-        {"Inner_coder2", 6, 4, 6, true, true, [](dvbVect* i, dvbVect* o, uint32_t m) { return static_cast<uint32_t>(puncture(i, o, 2, m, nullptr)); }},
-        {"Inner_int_b ", 252, 126, 252, true, true, [](dvbVect* i, dvbVect* o, uint32_t m) { return bit_interleave(i, nullptr, o, m, nullptr); }},
-        {"Inner_int_s ", 1512, 1512, 1512, true, true, [](dvbVect* i, dvbVect* o, uint32_t m) { return static_cast<uint32_t>(symbol_interleave(i, o, m, nullptr)); }},
-        {"Mapping     ", 1, 1, 1, true, false, [](dvbVect* i, dvbVect* o, uint32_t m) { return static_cast<uint32_t>(qam_map(i, o, m, nullptr)); }},
-        {"Framing     ", 1512, 1705, 1512, false, false, [](dvbVect* i, dvbVect* o, uint32_t m) { return piltps_add(i, o, m, nullptr); }},
-        {"OFDM        ", 1705, 2112, 1705, false, false, [](dvbVect* i, dvbVect* o, uint32_t m) { return ofdm_mod(i, o, m, nullptr); }},
-        {"Transmission", 1, 2, 2, false, false, [](dvbVect* i, dvbVect* o, uint32_t m) { return transmit(i, o, m, nullptr); }},
+        {"Energy+Inv. ", 1, 1, 1, true, true,
+         [&](dvbVect* i, dvbVect* o, uint32_t m) { return static_cast<uint32_t>(energy_inv(i, o, prbs, m, nullptr)); }},
+        {"Outer_coder ", 188, 204, 188, true, true,
+         [](dvbVect* i, dvbVect* o, uint32_t m) { return rs_short204188(i, o, m, nullptr); }},
+        {"Outer_int   ", 12, 12, 12, true, true,
+         [&](dvbVect* i, dvbVect* o, uint32_t m) { return conv_int(i, o, &ci, m, nullptr); }},
+        {"Inner_coder1", 1, 16, 1, true, true,
+         [&](dvbVect* i, dvbVect* o, uint32_t m) { return static_cast<uint32_t>(encode27(i, o, &enc, m, nullptr)); }},
+        {"Inner_coder2", 6, 4, 6, true, true,
+         [](dvbVect* i, dvbVect* o, uint32_t m) { return static_cast<uint32_t>(puncture(i, o, 2, m, nullptr)); }},
+        {"Inner_int_b ", 252, 126, 252, true, true,
+         [](dvbVect* i, dvbVect* o, uint32_t m) { return bit_interleave(i, nullptr, o, m, nullptr); }},
+        {"Inner_int_s ", 1512, 1512, 1512, true, true,
+         [](dvbVect* i, dvbVect* o, uint32_t m) { return static_cast<uint32_t>(symbol_interleave(i, o, m, nullptr)); }},
+        {"Mapping     ", 1, 1, 1, true, false,
+         [](dvbVect* i, dvbVect* o, uint32_t m) { return static_cast<uint32_t>(qam_map(i, o, m, nullptr)); }},
+        {"Framing     ", 1512, 1705, 1512, false, false,
+         [](dvbVect* i, dvbVect* o, uint32_t m) { return piltps_add(i, o, m, nullptr); }},
+        {"OFDM        ", 1705, 2112, 1705, false, false,
+         [](dvbVect* i, dvbVect* o, uint32_t m) { return ofdm_mod(i, o, m, nullptr); }},
+        {"Transmission", 1, 2, 2, false, false,
+         [](dvbVect* i, dvbVect* o, uint32_t m) { return transmit(i, o, m, nullptr); }},
     };
     for (const Units& u : all) check_units(u);
     priv_dvbDestroyVect(&prbs);
-
 }
 
 // The producer reads what the room and maxlen allow and says so, also at the
@@ -120,7 +130,8 @@ TEST(StageUnits, ProducerAndConsumer) {
     ByteRing ts(8, 5);
     tu::Verbose loud(4);
     EXPECT_EQ(tu::captured([&] { EXPECT_EQ(read_mpeg(f.fp, ts.v, 3), 3u); }), "MPEG-2_read : 3 samples\n");
-    EXPECT_EQ(tu::captured([&] { EXPECT_EQ(read_mpeg(f.fp, ts.v, 0), 0u); }), "MPEG-2_read : 0 samples\n");  // no room asked
+    EXPECT_EQ(tu::captured([&] { EXPECT_EQ(read_mpeg(f.fp, ts.v, 0), 0u); }),
+              "MPEG-2_read : 0 samples\n");  // no room asked
     EXPECT_EQ(ts.v->fill, 3u);
     EXPECT_EQ(read_mpeg(f.fp, ts.v, 100), 5u);
     EXPECT_EQ(tu::captured([&] { EXPECT_EQ(read_mpeg(f.fp, ts.v, 100), 0u); }), "");  // full
@@ -150,8 +161,8 @@ TEST(SampleOutput, IntegerFormatsByteForByteAcrossTheWrap) {
     // three rounds so that the wide form has whole groups of eight, for each instruction set.
     tu::set_parms([](dvbt_parms_t& p) { p.dumpformat = 1; });
     tdstream_sf = 1000.0f;
-    const std::vector<dvbComplex> agi_in{{1.5f, -2.5f}, {0.005f, -0.0019f}, {32.7675f, -32.7685f}, {40.0f, -40.0f},
-                                         {NAN, INFINITY}, {1e30f, -1e30f}};
+    const std::vector<dvbComplex> agi_in{{1.5f, -2.5f},   {0.005f, -0.0019f}, {32.7675f, -32.7685f},
+                                         {40.0f, -40.0f}, {NAN, INFINITY},    {1e30f, -1e30f}};
     const std::vector<uint8_t> agi_out{0x05, 0xDC, 0xF6, 0x3C, 0x00, 0x04, 0xFF, 0xFF, 0x7F, 0xFF, 0x80, 0x00,
                                        0x80, 0x00, 0x80, 0x00, 0x80, 0x00, 0x80, 0x00, 0x80, 0x00, 0x80, 0x00};
     for (dvbIsa isa : tu::isas()) {
@@ -162,7 +173,8 @@ TEST(SampleOutput, IntegerFormatsByteForByteAcrossTheWrap) {
         EXPECT_EQ(time_dump(ring.v, a.fp, nullptr, nullptr, 400000), 18);  // 32767 and -32768 are the ends of the range
         const auto bytes = a.bytes();
         for (size_t round = 0; round < 3; ++round)
-            EXPECT_EQ(std::vector<uint8_t>(bytes.begin() + 24 * round, bytes.begin() + 24 * (round + 1)), agi_out) << isa;
+            EXPECT_EQ(std::vector<uint8_t>(bytes.begin() + 24 * round, bytes.begin() + 24 * (round + 1)), agi_out)
+                << isa;
     }
 
     // agiold: offset codes modulo 65536, I and Q in two files; nothing written unless both are open.
@@ -184,7 +196,8 @@ TEST(Timing, TicTocCountsUserAndSystemTime) {
     auto usage = [] {
         rusage ru{};
         getrusage(RUSAGE_SELF, &ru);
-        return static_cast<double>(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) + static_cast<double>(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
+        return static_cast<double>(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) +
+               static_cast<double>(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
     };
     EXPECT_EQ(dvbTic(), 0.0);
     const double t0 = usage();
@@ -215,7 +228,8 @@ TEST(LibraryTransfers, ParameterisedDispersalAndByteRingMoves) {
     EXPECT_EQ(n, 0u);
     a.push({1});
     b.v->fill = b.v->len;
-    EXPECT_EQ(tu::captured([&] { EXPECT_EQ(dvbTSDisperdInvert(a.v, b.v, q.v, 4, 8, 100, "tsd", nullptr, &n), 1u); }), "");  // no room
+    EXPECT_EQ(tu::captured([&] { EXPECT_EQ(dvbTSDisperdInvert(a.v, b.v, q.v, 4, 8, 100, "tsd", nullptr, &n), 1u); }),
+              "");  // no room
     b.v->fill = 0;
     out2null(a.v, 1);
     a.push({1, 2, 3, 4, 5, 6});

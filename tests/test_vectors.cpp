@@ -32,8 +32,14 @@ void set_reals(Vec& h, F x) {
 I ints_of(const Vec& h) { return {dvbInts(h.v), dvbInts(h.v) + h.v->len}; }
 F reals_of(const Vec& h) { return {dvbReals(h.v), dvbReals(h.v) + h.v->len}; }
 // The values of h after an operation on it that must succeed.
-I ints_after(unsigned rc, const Vec& h) { EXPECT_EQ(rc, 0u); return ints_of(h); }
-F reals_after(unsigned rc, const Vec& h) { EXPECT_EQ(rc, 0u); return reals_of(h); }
+I ints_after(unsigned rc, const Vec& h) {
+    EXPECT_EQ(rc, 0u);
+    return ints_of(h);
+}
+F reals_after(unsigned rc, const Vec& h) {
+    EXPECT_EQ(rc, 0u);
+    return reals_of(h);
+}
 
 // Everything a vector file carries besides the elements.
 std::string header_of(const Vec& h) {
@@ -137,7 +143,7 @@ TEST(VecConvert, PackingAndQuantising) {
 TEST(VecPRBS, NoVectorAndNoRegister) {
     Vec q(Digital);
     EXPECT_EQ(dvbPRBSCreate(nullptr, 15, 0x6000, 169, 8), 6u);  // the vector's code, nothing generated
-    ASSERT_EQ(dvbPRBSCreate(q.v, 0, 0x6000, 169, 5), 0u);  // no register: all zeros
+    ASSERT_EQ(dvbPRBSCreate(q.v, 0, 0x6000, 169, 5), 0u);       // no register: all zeros
     EXPECT_EQ(std::vector<uint8_t>(dvbBytes(q.v), dvbBytes(q.v) + 5), (std::vector<uint8_t>(5, 0)));
 }
 
@@ -166,9 +172,12 @@ TEST(VecUtilArith, DigitalWrapInvAndMult) {
     EXPECT_EQ(ints_after(dvbInvVect(out.v, a.v), out), (I{2}));
 
     // Other accuracies wrap the same way; 0 keeps the plain 32-bit result.
-    for (auto [acc, x, y, sum, diff] : std::vector<std::array<int32_t, 5>>{
-             {3, 3, 1, -4, 2}, {3, -4, 3, -1, 1}, {16, 32767, 2, -32767, 32765}, {31, 1 << 29, 3 << 28, -(1 << 30) + (1 << 28), -(1 << 28)},
-             {0, 2147483647, -2147483647, 0, -2}}) {
+    for (auto [acc, x, y, sum, diff] :
+         std::vector<std::array<int32_t, 5>>{{3, 3, 1, -4, 2},
+                                             {3, -4, 3, -1, 1},
+                                             {16, 32767, 2, -32767, 32765},
+                                             {31, 1 << 29, 3 << 28, -(1 << 30) + (1 << 28), -(1 << 28)},
+                                             {0, 2147483647, -2147483647, 0, -2}}) {
         set_ints(a, {x}, acc, 1.0);
         set_ints(b, {y}, acc, 1.0);
         EXPECT_EQ(ints_after(dvbAddVect(out.v, a.v, b.v, 1), out)[0], sum) << acc;

@@ -34,7 +34,10 @@ struct TempDir {
         EXPECT_NE(::mkdtemp(name.data()), nullptr) << name;
         path = name;
     }
-    ~TempDir() { std::error_code ec; fs::remove_all(path, ec); }
+    ~TempDir() {
+        std::error_code ec;
+        fs::remove_all(path, ec);
+    }
     fs::path operator/(const std::string& name) const { return path / name; }
     operator const fs::path&() const { return path; }
 };

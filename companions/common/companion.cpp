@@ -87,8 +87,8 @@ void parse_options(int argc, char** argv, std::initializer_list<std::span<const 
 void remove_on_failure(const std::string& path) { g_partial = path; }
 
 bool same_file(const std::string& a, const std::string& b) {
-    struct stat sa{};
-    struct stat sb{};
+    struct stat sa {};
+    struct stat sb {};
     return ::stat(a.c_str(), &sa) == 0 && ::stat(b.c_str(), &sb) == 0 && sa.st_dev == sb.st_dev &&
            sa.st_ino == sb.st_ino;
 }

@@ -31,8 +31,7 @@ void print_version();
 // or a value its kind does not take (a name outside a list, a number that is
 // not whole or not finite, an empty text) fails with the status, naming it;
 // then every table's targets are filled by dvbGetCommArgs.
-void parse_options(int argc, char** argv, std::initializer_list<std::span<const dvbOption>> tables,
-                   int status = 1);
+void parse_options(int argc, char** argv, std::initializer_list<std::span<const dvbOption>> tables, int status = 1);
 
 // The file that fail removes (an output being written); empty for none.
 void remove_on_failure(const std::string& path);

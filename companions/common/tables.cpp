@@ -67,8 +67,9 @@ int main(int argc, char** argv) {
         std::perror(argv[1]);
         return 1;
     }
-    std::fprintf(out, "\"\"\"tervane's names and numbers for the Python companions, written by the build\n"
-                      "from the transmitter's own tables (do not edit).\"\"\"\n\n");
+    std::fprintf(out,
+                 "\"\"\"tervane's names and numbers for the Python companions, written by the build\n"
+                 "from the transmitter's own tables (do not edit).\"\"\"\n\n");
     std::fprintf(out, "# The version of the transmitter and its companions.\nVERSION = \"%s\"\n", TERVANE_VERSION);
 
     // The 25 options: kinds, list names and defaults.
@@ -101,9 +102,12 @@ int main(int argc, char** argv) {
     list("BITS", dvbt_bitpersymb, "bits per cell by constellation");
     list("GUARD_DIV", table<4>([](uint32_t d) { return static_cast<int32_t>(1.0f / dvbt_guardfrac[d] + 0.5f); }),
          "the guard interval is the FFT size divided by these");
-    list("FS", table<4>([](uint32_t b) { return dvbSampleRate(b, 0); }), "elementary sample rate in Hz by channel spacing");
-    list("INTERP", table<3>([](uint32_t i) { return static_cast<int32_t>(dvbt_interprate[i]); }), "interpolation factors");
-    const std::array<int32_t, 3> delay{0, static_cast<int32_t>(filter2x.size() / 2), static_cast<int32_t>(filter4x.size() / 2)};
+    list("FS", table<4>([](uint32_t b) { return dvbSampleRate(b, 0); }),
+         "elementary sample rate in Hz by channel spacing");
+    list("INTERP", table<3>([](uint32_t i) { return static_cast<int32_t>(dvbt_interprate[i]); }),
+         "interpolation factors");
+    const std::array<int32_t, 3> delay{0, static_cast<int32_t>(filter2x.size() / 2),
+                                       static_cast<int32_t>(filter4x.size() / 2)};
     list("FILTER_DELAY", delay, "delay of the interpolation filter in output samples");
     number("SYMBOLS_PER_FRAME", dvbt_frame_symbols, "the frame structure");
     number("FRAMES_PER_SUPERFRAME", dvbt_superframe_frames, "");

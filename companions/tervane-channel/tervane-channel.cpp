@@ -27,9 +27,9 @@
 #include <vector>
 
 #include "companion.hpp"
-#include "frame/version.hpp"
 #include "frame/options.hpp"
 #include "frame/params.hpp"
+#include "frame/version.hpp"
 
 static_assert(std::endian::native == std::endian::little, "the std format is little-endian float32");
 
@@ -249,7 +249,8 @@ public:
         n = static_cast<size_t>(std::min<uint64_t>(n, left_));
         buf_.resize(2 * n);
         if (n > 0 && std::fread(buf_.data(), 8, n, fp_) != n)
-            fail("reading \"%s\" failed: %s", name_.c_str(), std::ferror(fp_) ? std::strerror(errno) : "the file got shorter");
+            fail("reading \"%s\" failed: %s", name_.c_str(),
+                 std::ferror(fp_) ? std::strerror(errno) : "the file got shorter");
         for (size_t k = 0; k < n; ++k) {
             re[k] = buf_[2 * k], im[k] = buf_[2 * k + 1];
             if (!std::isfinite(re[k]) || !std::isfinite(im[k]))
@@ -314,8 +315,10 @@ double filter_pass(const Settings& s, const Response& h, Sink&& sink) {
         skip -= drop;
         if (n > drop) sink(yr.data() + drop, yi.data() + drop, n - drop);
         // The last hist inputs become the history of the next block.
-        std::copy(xr.begin() + static_cast<std::ptrdiff_t>(n), xr.begin() + static_cast<std::ptrdiff_t>(n + hist), xr.begin());
-        std::copy(xi.begin() + static_cast<std::ptrdiff_t>(n), xi.begin() + static_cast<std::ptrdiff_t>(n + hist), xi.begin());
+        std::copy(xr.begin() + static_cast<std::ptrdiff_t>(n), xr.begin() + static_cast<std::ptrdiff_t>(n + hist),
+                  xr.begin());
+        std::copy(xi.begin() + static_cast<std::ptrdiff_t>(n), xi.begin() + static_cast<std::ptrdiff_t>(n + hist),
+                  xi.begin());
     }
     return in.power();
 }
@@ -379,7 +382,8 @@ int main(int argc, char** argv) {
     // receiver's input, i.e. after the channel.
     double carrier = 0, input_power = 0;
     auto measure = [&carrier](const float* re, const float* im, size_t n) {
-        for (size_t k = 0; k < n; ++k) carrier += static_cast<double>(re[k]) * re[k] + static_cast<double>(im[k]) * im[k];
+        for (size_t k = 0; k < n; ++k)
+            carrier += static_cast<double>(re[k]) * re[k] + static_cast<double>(im[k]) * im[k];
     };
     if (s.noise) {
         input_power = filter_pass(s, h, measure);

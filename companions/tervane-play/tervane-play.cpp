@@ -98,9 +98,9 @@ void on_log(const SoapySDRLogLevel level, const char* message) {
 // The device-side sample format and the conversion of scaled values into it.
 struct Format {
     enum Kind { CF32, CS16, CS8 } kind = CF32;
-    std::string name;     // CF32, CS16 or CS8
+    std::string name;  // CF32, CS16 or CS8
     double fullscale = 1;
-    size_t size = 8;      // bytes per complex sample
+    size_t size = 8;         // bytes per complex sample
     double lo = -1, hi = 1;  // saturation bounds
 
     static Format make(const std::string& native, double fs) {
@@ -222,10 +222,25 @@ public:
         std::unique_lock<std::mutex> lock(m_);
         return ready_.wait_for(lock, timeout, [&] { return fill_ == cap_ || done_ || stop_; });
     }
-    void finish() { std::lock_guard<std::mutex> l(m_); done_ = true; ready_.notify_all(); }
-    void stop() { std::lock_guard<std::mutex> l(m_); stop_ = true; room_.notify_all(); ready_.notify_all(); }
-    bool drained() { std::lock_guard<std::mutex> l(m_); return done_ && fill_ == 0; }
-    size_t fill() { std::lock_guard<std::mutex> l(m_); return fill_; }
+    void finish() {
+        std::lock_guard<std::mutex> l(m_);
+        done_ = true;
+        ready_.notify_all();
+    }
+    void stop() {
+        std::lock_guard<std::mutex> l(m_);
+        stop_ = true;
+        room_.notify_all();
+        ready_.notify_all();
+    }
+    bool drained() {
+        std::lock_guard<std::mutex> l(m_);
+        return done_ && fill_ == 0;
+    }
+    size_t fill() {
+        std::lock_guard<std::mutex> l(m_);
+        return fill_;
+    }
     size_t capacity() const { return cap_; }
 
 private:
@@ -513,8 +528,7 @@ struct Device {
         try {
             if (active) dev->deactivateStream(stream);
             if (stream != nullptr) dev->closeStream(stream);
-        } catch (const std::exception&) {
-        }
+        } catch (const std::exception&) {}
         active = false;
         stream = nullptr;
         if (dev != nullptr) SoapySDR::Device::unmake(dev);
@@ -576,7 +590,8 @@ struct Stats {
 
 void report_line(const Stats& st, double rate, const Ring& ring_cap, size_t fill, long clipped, bool tty) {
     const double t = std::chrono::duration<double>(Clock::now() - st.start).count();
-    std::fprintf(stderr, "%s%.1f s  %llu samples  %.0f S/s (%.4f%%)  ring %3.0f%%  underflows %ld  late %ld  clipped %ld%s",
+    std::fprintf(stderr,
+                 "%s%.1f s  %llu samples  %.0f S/s (%.4f%%)  ring %3.0f%%  underflows %ld  late %ld  clipped %ld%s",
                  tty ? "\r" : "", t, static_cast<unsigned long long>(st.samples), t > 0 ? st.samples / t : 0.0,
                  t > 0 ? (st.samples / t / rate - 1) * 100 : 0.0, 100.0 * fill / ring_cap.capacity(),
                  std::max(st.status_underflows, g_log_underflows.load()), st.late, clipped, tty ? "" : "\n");
@@ -595,12 +610,12 @@ int main(int argc, char** argv) {
     static char *fc = nullptr, *gain = nullptr, *bw = nullptr, *lo = nullptr, *limit = nullptr, *bo = nullptr,
                 *buf = nullptr;
     const dvbOption own[] = {
-        {.name = "-dev", .kind = dvbString, .target = &dev},    {.name = "-fc", .kind = dvbString, .target = &fc},
-        {.name = "-gain", .kind = dvbString, .target = &gain},  {.name = "-ge", .kind = dvbString, .target = &ge},
-        {.name = "-bw", .kind = dvbString, .target = &bw},      {.name = "-ant", .kind = dvbString, .target = &ant},
-        {.name = "-lo", .kind = dvbString, .target = &lo},      {.name = "-t", .kind = dvbString, .target = &limit},
-        {.name = "-bo", .kind = dvbString, .target = &bo},      {.name = "-buf", .kind = dvbString, .target = &buf},
-        {.name = "-loop", .kind = dvbString, .target = &loop},  {.name = "-play", .kind = dvbString, .target = &play},
+        {.name = "-dev", .kind = dvbString, .target = &dev},   {.name = "-fc", .kind = dvbString, .target = &fc},
+        {.name = "-gain", .kind = dvbString, .target = &gain}, {.name = "-ge", .kind = dvbString, .target = &ge},
+        {.name = "-bw", .kind = dvbString, .target = &bw},     {.name = "-ant", .kind = dvbString, .target = &ant},
+        {.name = "-lo", .kind = dvbString, .target = &lo},     {.name = "-t", .kind = dvbString, .target = &limit},
+        {.name = "-bo", .kind = dvbString, .target = &bo},     {.name = "-buf", .kind = dvbString, .target = &buf},
+        {.name = "-loop", .kind = dvbString, .target = &loop}, {.name = "-play", .kind = dvbString, .target = &play},
     };
     companion::parse_options(argc, argv, {std::span<const dvbOption>(options), std::span<const dvbOption>(own)});
     verbosity = 0;  // the chain prints nothing
@@ -681,12 +696,14 @@ int main(int argc, char** argv) {
         const uint64_t n = play_bytes / (s.agi ? 4 : 8);
         if (n == 0) companion::fail("\"%s\" holds no samples", s.play.c_str());
         const auto F = static_cast<uint64_t>(dvbt_fftsize[dvbt_parms.mode]);
-        const uint64_t superframe = static_cast<uint64_t>(dvbt_superframe_symbols) *
-                                    (F + static_cast<uint64_t>(static_cast<float>(F) * dvbt_guardfrac[dvbt_parms.delta])) *
-                                    static_cast<uint64_t>(L);
+        const uint64_t superframe =
+            static_cast<uint64_t>(dvbt_superframe_symbols) *
+            (F + static_cast<uint64_t>(static_cast<float>(F) * dvbt_guardfrac[dvbt_parms.delta])) *
+            static_cast<uint64_t>(L);
         if (n % superframe != 0 || play_bytes % (s.agi ? 4 : 8) != 0)
-            std::fprintf(stderr, "%s: warning: \"%s\" is not a whole number of superframes (%llu samples each): "
-                                 "the seam of a loop is not clean\n",
+            std::fprintf(stderr,
+                         "%s: warning: \"%s\" is not a whole number of superframes (%llu samples each): "
+                         "the seam of a loop is not clean\n",
                          companion::prog(), s.play.c_str(), static_cast<unsigned long long>(superframe));
         sources.emplace_back();
     } else {
@@ -699,7 +716,8 @@ int main(int argc, char** argv) {
             hier ? std::vector<const char*>{given(mpeg2ts_hp_fname), given(mpeg2ts_lp_fname)}
                  : std::vector<const char*>{given(mpeg2ts_fname)};
         for (const char* name : names) {
-            if (name == nullptr) companion::fail(hier ? "-ihp and -ilp name the inputs" : "no input: -i FILE, -i - or -play FILE");
+            if (name == nullptr)
+                companion::fail(hier ? "-ihp and -ilp name the inputs" : "no input: -i FILE, -i - or -play FILE");
             Source src;
             src.name = name;
             if (src.name == "-") {
@@ -716,12 +734,16 @@ int main(int argc, char** argv) {
         }
     }
     if (s.loops != 1)
-        std::fprintf(stderr, "%s: looping the input: the programme clocks (PCR, PTS) and the continuity "
-                             "counters jump at each seam\n", companion::prog());
+        std::fprintf(stderr,
+                     "%s: looping the input: the programme clocks (PCR, PTS) and the continuity "
+                     "counters jump at each seam\n",
+                     companion::prog());
     const double band = B_n;
     if (s.lo != 0 && std::fabs(s.lo) + band / 2 > s.rate / 2)
-        companion::fail("-lo %.0f: the shifted channel (%.0f Hz wide) leaves the %.0f Hz band; use a higher "
-                        "interpolation (-I 2x or 4x) or a smaller offset", s.lo, static_cast<double>(band), s.rate);
+        companion::fail(
+            "-lo %.0f: the shifted channel (%.0f Hz wide) leaves the %.0f Hz band; use a higher "
+            "interpolation (-I 2x or 4x) or a smaller offset",
+            s.lo, static_cast<double>(band), s.rate);
 
     // The device.
     SoapySDR::registerLogHandler(&on_log);
@@ -730,8 +752,7 @@ int main(int argc, char** argv) {
     size_t mtu = 0;
     try {
         mtu = d.dev->getStreamMTU(d.stream);
-    } catch (const std::exception&) {
-    }
+    } catch (const std::exception&) {}
     if (mtu == 0) mtu = 8192;
     const double nominal = std::sqrt(2.0) * dvbRefAmplitude(dvbt_parms.mode) / L;
     const double k = f.fullscale * std::pow(10.0, -s.backoff / 20.0) / nominal;
@@ -756,8 +777,7 @@ int main(int argc, char** argv) {
     sigaction(SIGTERM, &sa, nullptr);
 
     // The writer: the ring filled first, then the stream.
-    while (!ring.wait_full(std::chrono::milliseconds(100)) && !g_signalled.load()) {
-    }
+    while (!ring.wait_full(std::chrono::milliseconds(100)) && !g_signalled.load()) {}
     Stats st;
     bool status_ok = true, played_out = false;
     std::string failure;
@@ -784,8 +804,8 @@ int main(int argc, char** argv) {
             const bool late = ring.fill() == 0 && !ring.drained() && !g_signalled.load();
             if (late && !empty) ++st.late;
             empty = late;
-            const size_t n = ring.pop(chunk.data(), std::min<uint64_t>(mtu, to_send - st.samples),
-                                      std::chrono::milliseconds(100));
+            const size_t n =
+                ring.pop(chunk.data(), std::min<uint64_t>(mtu, to_send - st.samples), std::chrono::milliseconds(100));
             const bool stop = g_signalled.load();
             if (n == 0 && !stop && !ring.drained()) continue;
             last = stop || st.samples + n >= to_send || ring.drained();
@@ -796,8 +816,9 @@ int main(int argc, char** argv) {
                 const void* b[] = {chunk.data() + done * f.size};
                 const int r = d.dev->writeStream(d.stream, b, n - done, flags, 0, 100000);
                 if (r == SOAPY_SDR_UNDERFLOW) ++st.status_underflows;
-                else if (r == SOAPY_SDR_TIMEOUT) { if (g_signalled.load() && !last) break; }
-                else if (r < 0) throw std::runtime_error(std::string("writeStream: ") + SoapySDR::errToStr(r));
+                else if (r == SOAPY_SDR_TIMEOUT) {
+                    if (g_signalled.load() && !last) break;
+                } else if (r < 0) throw std::runtime_error(std::string("writeStream: ") + SoapySDR::errToStr(r));
                 else done += static_cast<size_t>(r);
                 poll_status(0);
             } while (done < n);
@@ -808,8 +829,8 @@ int main(int argc, char** argv) {
             }
         }
         // Played out: the END_BURST status, else the duration of what was sent.
-        const auto sent_end = st.start + std::chrono::duration_cast<Clock::duration>(
-                                             std::chrono::duration<double>(st.samples / s.rate));
+        const auto sent_end =
+            st.start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(st.samples / s.rate));
         const auto deadline = std::max(Clock::now(), sent_end) + std::chrono::seconds(1);
         while (status_ok && !played_out && Clock::now() < deadline) poll_status(100000);
         if (!played_out) std::this_thread::sleep_until(std::max(Clock::now(), sent_end));
@@ -825,12 +846,12 @@ int main(int argc, char** argv) {
 
     const double secs = std::chrono::duration<double>(st.end - st.start).count();
     const auto db = [](double x) { return x > 0 ? 10 * std::log10(x) : -999.0; };
-    std::printf("samples=%llu seconds=%.3f rate=%.1f underflows=%ld late=%ld clipped=%ld peak_dbfs=%.2f "
-                "rms_dbfs=%.2f loops=%ld nulls=%ld\n",
-                static_cast<unsigned long long>(st.samples), secs, secs > 0 ? st.samples / secs : 0.0,
-                std::max(st.status_underflows, g_log_underflows.load()), st.late, conv.clipped.load(),
-                db(st.peak * st.peak), db(st.samples > 0 ? st.power / st.samples : 0), prod.loops.load(),
-                prod.nulls.load());
+    std::printf(
+        "samples=%llu seconds=%.3f rate=%.1f underflows=%ld late=%ld clipped=%ld peak_dbfs=%.2f "
+        "rms_dbfs=%.2f loops=%ld nulls=%ld\n",
+        static_cast<unsigned long long>(st.samples), secs, secs > 0 ? st.samples / secs : 0.0,
+        std::max(st.status_underflows, g_log_underflows.load()), st.late, conv.clipped.load(), db(st.peak * st.peak),
+        db(st.samples > 0 ? st.power / st.samples : 0), prod.loops.load(), prod.nulls.load());
     for (Source& src : prod.sources)
         if (src.fp != nullptr) std::fclose(src.fp);
     if (play_fp != nullptr) std::fclose(play_fp);

@@ -26,7 +26,7 @@ namespace {
 constexpr const char* kProg = "tscheck";
 constexpr size_t kPacket = TS_PACKET;
 constexpr uint8_t kSync = TS_SYNC;
-constexpr int kLockSyncs = 5;    // consecutive sync bytes that lock the packet sync
+constexpr int kLockSyncs = 5;     // consecutive sync bytes that lock the packet sync
 constexpr int kUnlockMisses = 2;  // consecutive missing sync bytes that lose it
 constexpr unsigned kPayloadBits = 184 * 8;
 // The PRBS is found when the 1449 bits that follow the 23 loaded from a payload
@@ -238,34 +238,32 @@ int main(int argc, char** argv) {
     while (in.has(pos + trailing, pos + trailing + 1)) ++trailing;
 
     std::printf("%s %s: %s\n", kProg, TERVANE_VERSION, argv[1]);
-    std::printf("Sync: %llu packets; %llu bytes out of sync skipped, %llu bytes after the last packet; "
-                "%llu corrupted sync bytes\n",
-                ull(c.packets), ull(c.skipped),
-                ull(trailing), ull(c.sync_byte_errors));
+    std::printf(
+        "Sync: %llu packets; %llu bytes out of sync skipped, %llu bytes after the last packet; "
+        "%llu corrupted sync bytes\n",
+        ull(c.packets), ull(c.skipped), ull(trailing), ull(c.sync_byte_errors));
     if (c.started) {
-        std::printf("PRBS: found in packet %llu; the %llu packets before it are not checked\n",
-                    ull(c.start_packet), ull(c.leading));
-        std::printf("Null packets checked: %llu, %llu with errors, %llu PRBS losses\n",
-                    ull(c.nulls), ull(c.null_errors),
-                    ull(c.slips));
+        std::printf("PRBS: found in packet %llu; the %llu packets before it are not checked\n", ull(c.start_packet),
+                    ull(c.leading));
+        std::printf("Null packets checked: %llu, %llu with errors, %llu PRBS losses\n", ull(c.nulls),
+                    ull(c.null_errors), ull(c.slips));
         int shown = 0;
         for (const auto& [pid, s] : c.pids) {
             if (++shown > 16) {
                 std::printf("(%zu more PIDs not shown)\n", c.pids.size() - 16);
                 break;
             }
-            std::printf("PID 0x%04X: %llu packets, %llu continuity errors\n", pid,
-                        ull(s.packets), ull(s.cc_errors));
+            std::printf("PID 0x%04X: %llu packets, %llu continuity errors\n", pid, ull(s.packets), ull(s.cc_errors));
         }
     } else {
         std::printf("PRBS: not found in any null packet (is this a decoded tsgen stream?)\n");
     }
     const double ber = c.prbs_bits ? static_cast<double>(c.bit_errors) / static_cast<double>(c.prbs_bits) : 0.0;
     const double per = c.nulls ? static_cast<double>(c.null_errors) / static_cast<double>(c.nulls) : 0.0;
-    std::printf("packets=%llu sync_losses=%llu tei=%llu cc_errors=%llu prbs_bits=%llu bit_errors=%llu ber=%.3g per=%.3g\n",
-                ull(c.packets), ull(c.sync_losses),
-                ull(c.tei), ull(c.cc_errors),
-                ull(c.prbs_bits), ull(c.bit_errors), ber, per);
+    std::printf(
+        "packets=%llu sync_losses=%llu tei=%llu cc_errors=%llu prbs_bits=%llu bit_errors=%llu ber=%.3g per=%.3g\n",
+        ull(c.packets), ull(c.sync_losses), ull(c.tei), ull(c.cc_errors), ull(c.prbs_bits), ull(c.bit_errors), ber,
+        per);
     const bool clean = c.started && c.sync_losses == 0 && c.sync_byte_errors == 0 && c.tei == 0 && c.cc_errors == 0 &&
                        c.bit_errors == 0 && c.null_errors == 0;
     return clean ? 0 : 1;

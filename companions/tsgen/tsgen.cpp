@@ -53,12 +53,12 @@ void put_header(uint8_t* pkt, uint16_t pid, bool unit_start, uint8_t cc) {
 
 // A PSI section (table id, id field, body) in a packet of its own: pointer
 // field 0, section with CRC, 0xFF stuffing.
-void put_section(uint8_t* pkt, uint16_t pid, uint8_t cc, uint8_t table_id, uint16_t id_field,
-                 const uint8_t* body, size_t body_len) {
+void put_section(uint8_t* pkt, uint16_t pid, uint8_t cc, uint8_t table_id, uint16_t id_field, const uint8_t* body,
+                 size_t body_len) {
     std::memset(pkt, 0xFF, kPacket);
     put_header(pkt, pid, true, cc);
     uint8_t* sec = pkt + 5;
-    pkt[4] = 0;  // pointer_field
+    pkt[4] = 0;                                      // pointer_field
     const size_t section_length = 5 + body_len + 4;  // after the length field: header rest, body, CRC
     sec[0] = table_id;
     sec[1] = static_cast<uint8_t>(0xB0 | ((section_length >> 8) & 0x0F));  // syntax 1, '0', reserved
@@ -96,7 +96,7 @@ bool parse_count(const char* text, unsigned long long& out) {
 // Reports a failed write with what reached the file; ends the process with status 1.
 [[noreturn]] void write_failed(FILE* fp, const char* name) {
     const int err = errno;
-    struct stat st{};
+    struct stat st {};
     const long long bytes = fstat(fileno(fp), &st) == 0 ? static_cast<long long>(st.st_size) : -1;
     companion::fail("write to \"%s\" failed after %lld bytes (%lld whole packets): %s", name, bytes,
                     bytes / static_cast<long long>(kPacket), std::strerror(err));

@@ -121,7 +121,6 @@ void chain_create() {
     create_buffer(&td_buf, Complex, tdlen);
     init_filt();
     if (p.interp != 0) create_buffer(&tx_buf, Complex, txlen);
-
 }
 
 bool chain_pass_to_samples() {
@@ -161,10 +160,9 @@ bool chain_pass() {
 }
 
 void chain_destroy() {
-    dvbVect** all[] = {&prbs_hp,   &prbs_lp,   &mpeg2ts_hp_buf, &mpeg2ts_lp_buf, &ed_hp_buf, &ed_lp_buf,
-                       &rs_hp_buf, &rs_lp_buf, &ci_hp_buf,      &ci_lp_buf,      &ve_hp_buf, &ve_lp_buf,
-                       &pu_hp_buf, &pu_lp_buf, &bi_buf,         &si_buf,         &ma_buf,    &fd_buf,
-                       &td_buf,    &tx_buf};
+    dvbVect** all[] = {&prbs_hp,   &prbs_lp,   &mpeg2ts_hp_buf, &mpeg2ts_lp_buf, &ed_hp_buf, &ed_lp_buf, &rs_hp_buf,
+                       &rs_lp_buf, &ci_hp_buf, &ci_lp_buf,      &ve_hp_buf,      &ve_lp_buf, &pu_hp_buf, &pu_lp_buf,
+                       &bi_buf,    &si_buf,    &ma_buf,         &fd_buf,         &td_buf,    &tx_buf};
     for (dvbVect** b : all) priv_dvbDestroyVect(b);
 }
 
@@ -178,4 +176,3 @@ int32_t chain_min_packnum(uint32_t requested_M) {
     constexpr uint32_t bits_per_packet = 16u * RS_PACKET;
     return static_cast<int32_t>((cells * bps + bits_per_packet - 1) / bits_per_packet);
 }
-

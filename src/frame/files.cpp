@@ -15,10 +15,9 @@ FILE* mpeg2ts_hp_fp = nullptr;
 FILE* mpeg2ts_lp_fp = nullptr;
 uint32_t tot_flen = 0;
 int32_t dumps[DUMP_KINDS] = {};
-FILE *ed_hp_fp = nullptr, *ed_lp_fp = nullptr, *rs_hp_fp = nullptr, *rs_lp_fp = nullptr,
-     *ci_hp_fp = nullptr, *ci_lp_fp = nullptr, *ve_hp_fp = nullptr, *ve_lp_fp = nullptr,
-     *pu_hp_fp = nullptr, *pu_lp_fp = nullptr, *bi_fp = nullptr, *si_fp = nullptr,
-     *ma_fp = nullptr, *fd_fp = nullptr;
+FILE *ed_hp_fp = nullptr, *ed_lp_fp = nullptr, *rs_hp_fp = nullptr, *rs_lp_fp = nullptr, *ci_hp_fp = nullptr,
+     *ci_lp_fp = nullptr, *ve_hp_fp = nullptr, *ve_lp_fp = nullptr, *pu_hp_fp = nullptr, *pu_lp_fp = nullptr,
+     *bi_fp = nullptr, *si_fp = nullptr, *ma_fp = nullptr, *fd_fp = nullptr;
 FILE *td_fp = nullptr, *tdI_fp = nullptr, *tdQ_fp = nullptr;
 float tdstream_sf = 0.0f;
 
@@ -33,24 +32,22 @@ void report_warning(const char* text) { dvbMsgPrint(0, "%s", text); }
 // Stem used for every output name when no basename is given.
 constexpr const char* DEFAULT_STEM = "tervane";
 
-
 // A named file is an input only when it is a regular file (or a device or pipe
 // that can be read); a directory opens under Linux but cannot be read.
 FILE* open_input(const char* name) {
-    struct stat st{};
+    struct stat st {};
     if (stat(name, &st) != 0 || S_ISDIR(st.st_mode)) return nullptr;
     return std::fopen(name, "rb");
 }
 
 uint32_t file_size(const char* name) {
-    struct stat st{};
+    struct stat st {};
     if (stat(name, &st) != 0) return 0;
     return static_cast<uint32_t>(static_cast<uint64_t>(st.st_size));
 }
 
 [[noreturn]] void fatal_missing(const char* which) {
-    dvbMsgPrint(0, "FATAL ERROR: no MPEG-2 TS %sfile name given.\nTry -h for command line parameters help.\n",
-                which);
+    dvbMsgPrint(0, "FATAL ERROR: no MPEG-2 TS %sfile name given.\nTry -h for command line parameters help.\n", which);
     std::exit(1);
 }
 
@@ -61,10 +58,10 @@ uint32_t file_size(const char* name) {
 
 // Whether the named file is one of the open inputs (same device and inode).
 bool is_input(const char* name) {
-    struct stat out{};
+    struct stat out {};
     if (stat(name, &out) != 0) return false;
     for (FILE* in : {mpeg2ts_hp_fp, mpeg2ts_lp_fp}) {
-        struct stat st{};
+        struct stat st {};
         if (in != nullptr && fstat(fileno(in), &st) == 0 && st.st_dev == out.st_dev && st.st_ino == out.st_ino)
             return true;
     }
@@ -76,7 +73,7 @@ bool is_input(const char* name) {
 // destroy the stream being read) or a file that cannot be created is skipped
 // with a warning.
 FILE* open_dump(const std::string& stem, const char* suffix, const char* message, const char* unit = "bytes",
-               uint32_t unit_size = 1) {
+                uint32_t unit_size = 1) {
     const std::string name = stem + suffix;
     if (message != nullptr) dvbMsgPrint(2, message, name.c_str());
     if (name.size() > NAME_MAX_CHARS) {
@@ -89,10 +86,8 @@ FILE* open_dump(const std::string& stem, const char* suffix, const char* message
         return nullptr;
     }
     FILE* fp = std::fopen(name.c_str(), "wb");
-    if (fp == nullptr)
-        dvbMsgPrint(0, "WARNING: Can't open \"%s\" -> skipping ...\n", name.c_str());
-    else
-        track_file(fp, name.c_str(), unit, unit_size, report_warning);
+    if (fp == nullptr) dvbMsgPrint(0, "WARNING: Can't open \"%s\" -> skipping ...\n", name.c_str());
+    else track_file(fp, name.c_str(), unit, unit_size, report_warning);
     return fp;
 }
 
@@ -166,8 +161,7 @@ void open_files() {
         {&si_fp, nullptr, "_si.bin", "Symbol interleaver stream dumping selected\n", nullptr, nullptr, nullptr,
          nullptr},
         {&ma_fp, nullptr, "_ma.bin", "Mapper stream dumping selected\n", nullptr, nullptr, nullptr, nullptr},
-        {&fd_fp, nullptr, "_fd.bin", "frequency domain dumping selected: %s\n", nullptr, nullptr, nullptr,
-         nullptr},
+        {&fd_fp, nullptr, "_fd.bin", "frequency domain dumping selected: %s\n", nullptr, nullptr, nullptr, nullptr},
     };
     for (int i = 0; i < DUMP_TIME_DOMAIN; ++i) {
         if (dumps[i] == 0) continue;

@@ -16,8 +16,8 @@ inline constexpr char DUMP_LETTERS[] = "ercvpbsmft";
 inline constexpr int DUMP_KINDS = sizeof DUMP_LETTERS - 1;
 inline constexpr int DUMP_TIME_DOMAIN = DUMP_KINDS - 1;
 extern int32_t dumps[DUMP_KINDS];
-extern FILE *ed_hp_fp, *ed_lp_fp, *rs_hp_fp, *rs_lp_fp, *ci_hp_fp, *ci_lp_fp, *ve_hp_fp,
-    *ve_lp_fp, *pu_hp_fp, *pu_lp_fp, *bi_fp, *si_fp, *ma_fp, *fd_fp;
+extern FILE *ed_hp_fp, *ed_lp_fp, *rs_hp_fp, *rs_lp_fp, *ci_hp_fp, *ci_lp_fp, *ve_hp_fp, *ve_lp_fp, *pu_hp_fp,
+    *pu_lp_fp, *bi_fp, *si_fp, *ma_fp, *fd_fp;
 extern FILE *td_fp, *tdI_fp, *tdQ_fp;
 extern float tdstream_sf;
 

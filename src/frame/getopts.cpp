@@ -52,12 +52,8 @@ void scan(const dvbOption& o, int argc, const char* const* argv) {
         if (a + 1 >= argc || argv[a + 1] == nullptr) continue;
         const char* value = argv[a + 1];
         switch (o.kind) {
-        case dvbInt:
-            *static_cast<int32_t*>(o.target) = to_int32(value);
-            return;
-        case dvbReal:
-            *static_cast<float*>(o.target) = static_cast<float>(std::strtod(value, nullptr));
-            return;
+        case dvbInt: *static_cast<int32_t*>(o.target) = to_int32(value); return;
+        case dvbReal: *static_cast<float*>(o.target) = static_cast<float>(std::strtod(value, nullptr)); return;
         case dvbString: {
             char*& target = *static_cast<char**>(o.target);
             if (std::strlen(value) + 1 > DVB_STRING_BLOCK) {
@@ -77,8 +73,7 @@ void scan(const dvbOption& o, int argc, const char* const* argv) {
             }
             ++a;  // the scan goes on after the value
             break;
-        default:
-            return;
+        default: return;
         }
     }
 }
@@ -104,24 +99,18 @@ unsigned dvbPrintCommArgs(uint16_t nopts, const dvbOption* opts) {
             std::printf("%s\t%s\n\t(dvbBool, default: [%s])\n", o.name, o.description,
                         o.idefault != 0 ? "TRUE" : "FALSE");
             break;
-        case dvbInt:
-            std::printf("%s\t%s\n\t(dvbInt, default: [%d])\n", o.name, o.description, o.idefault);
-            break;
+        case dvbInt: std::printf("%s\t%s\n\t(dvbInt, default: [%d])\n", o.name, o.description, o.idefault); break;
         case dvbReal:
             std::printf("%s\t%s\n\t(dvbReal, default: [%f])\n", o.name, o.description,
                         static_cast<double>(static_cast<float>(o.rdefault)));
             break;
-        case dvbString:
-            std::printf("%s\t%s\n\t(dvbString, default: [%s])\n", o.name, o.description, o.sdefault);
-            break;
+        case dvbString: std::printf("%s\t%s\n\t(dvbString, default: [%s])\n", o.name, o.description, o.sdefault); break;
         case dvbList:
             std::printf("%s\t%s\n\tdvbList, {", o.name, o.description);
-            for (uint16_t k = 0; k < o.nnames; ++k)
-                std::printf(k == o.idefault ? " [%s] |" : " %s |", o.names[k]);
+            for (uint16_t k = 0; k < o.nnames; ++k) std::printf(k == o.idefault ? " [%s] |" : " %s |", o.names[k]);
             std::printf("\b}\n");
             break;
-        default:
-            break;
+        default: break;
         }
     }
     std::printf("\n");

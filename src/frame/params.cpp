@@ -18,8 +18,8 @@ int32_t help = 0;
 int32_t version = 0;
 int32_t packnum = 100;
 
-uint32_t mpeg2len = 0, rslen = 0, cilen = 0, velen = 0, pulen = 0, bilen = 0, silen = 0,
-         malen = 0, fdlen = 0, tdlen = 0, txlen = 0;
+uint32_t mpeg2len = 0, rslen = 0, cilen = 0, velen = 0, pulen = 0, bilen = 0, silen = 0, malen = 0, fdlen = 0,
+         tdlen = 0, txlen = 0;
 
 float f_s = 0.0f, T_s = 0.0f, B_n = 0.0f, r_u = 0.0f, r_uhp = 0.0f, r_ulp = 0.0f;
 
@@ -59,6 +59,4 @@ float dvbIntegerScale(uint32_t dumpformat, uint32_t mode, float gain) {
     return static_cast<float>(full_scale / (double{gain} * dvbRefAmplitude(mode)));
 }
 
-double dvbSampleRate(uint32_t band, uint32_t interp) {
-    return 8.0e6 * (5.0 + band) / 7.0 * dvbt_interprate[interp];
-}
+double dvbSampleRate(uint32_t band, uint32_t interp) { return 8.0e6 * (5.0 + band) / 7.0 * dvbt_interprate[interp]; }

@@ -46,12 +46,10 @@ inline constexpr std::array<int32_t, 3> dvbt_K{1705, 3409, 6817};
 inline constexpr std::array<int32_t, 3> dvbt_Ntps{17, 34, 68};
 inline constexpr std::array<int32_t, 3> dvbt_bitpersymb{2, 4, 6};
 inline constexpr std::array<float, 4> dvbt_guardfrac{0.25f, 0.125f, 0.0625f, 0.03125f};
-inline constexpr std::array<float, 5> dvbt_punrate{1.0f / 2.0f, 2.0f / 3.0f, 3.0f / 4.0f,
-                                                   5.0f / 6.0f, 7.0f / 8.0f};
+inline constexpr std::array<float, 5> dvbt_punrate{1.0f / 2.0f, 2.0f / 3.0f, 3.0f / 4.0f, 5.0f / 6.0f, 7.0f / 8.0f};
 inline constexpr std::array<float, 3> dvbt_interprate{1.0f, 2.0f, 4.0f};
 // Elementary sampling rate by channel spacing: 40/7, 48/7, 8 and 64/7 MHz.
-inline constexpr std::array<float, 4> dvbt_fs{40.0e6f / 7.0f, 48.0e6f / 7.0f, 8.0e6f,
-                                              64.0e6f / 7.0f};
+inline constexpr std::array<float, 4> dvbt_fs{40.0e6f / 7.0f, 48.0e6f / 7.0f, 8.0e6f, 64.0e6f / 7.0f};
 
 // The frame structure: 68 OFDM symbols a frame, 4 frames a superframe.
 inline constexpr int32_t dvbt_frame_symbols = 68;

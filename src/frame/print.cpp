@@ -11,10 +11,10 @@
 #include "frame/version.hpp"
 #include "vectors/written.hpp"
 
-const char versinfo[] =
-    "Tervane v. " TERVANE_VERSION " Linux   - (2006/08/03)\n"
-    "Written by the tervane developers\n"
-    "https://tervane.example.org/\n";
+const char versinfo[] = "Tervane v. " TERVANE_VERSION
+                        " Linux   - (2006/08/03)\n"
+                        "Written by the tervane developers\n"
+                        "https://tervane.example.org/\n";
 
 namespace {
 
@@ -153,10 +153,8 @@ void print_args() {
     }
     dvbMsgPrint(2, "\tIn-depth interleaving  : %s\n", p.idi != 0 ? "yes" : "no");
     dvbMsgPrint(2, "\tChannel spacing        : %s MHz\n", dvbt_bandname[p.band]);
-    if (p.cid < 0)
-        dvbMsgPrint(2, "\tCell identifier        : not set\n");
-    else
-        dvbMsgPrint(2, "\tCell identifier        : 0x%04x\n", static_cast<unsigned>(p.cid));
+    if (p.cid < 0) dvbMsgPrint(2, "\tCell identifier        : not set\n");
+    else dvbMsgPrint(2, "\tCell identifier        : 0x%04x\n", static_cast<unsigned>(p.cid));
     dvbMsgPrint(2, "\tConv. Interleaver init.: %s\n", dvbt_cinitname[p.cinit]);
     dvbMsgPrint(2, "\tFrequency mapping      : %s IF\n", dvbt_ifftmmname[p.ifftmm]);
     dvbMsgPrint(2, "\tInterpolation rate     : %s\n", dvbt_interpname[p.interp]);
@@ -182,8 +180,8 @@ void print_args() {
     dvbMsgPrint(2, "\tNominal bandwidth      : %.6f MHz\n", B_n / 1000000.0);
     dvbMsgPrint(2, "        ----------------------------------------------\n");
     dvbMsgPrint(2, "\tMPEG-2 packets per time: %d\n", packnum);
-    const uint32_t ram = mpeg2len + rslen + cilen + velen + pulen + bilen + silen +
-                         8u * (malen + fdlen + tdlen + txlen);
+    const uint32_t ram =
+        mpeg2len + rslen + cilen + velen + pulen + bilen + silen + 8u * (malen + fdlen + tdlen + txlen);
     dvbMsgPrint(2, "\tTotal RAM (approx.)    : %.3f MB\n", ram / 1048576.0);
     dvbMsgPrint(2, "------------------------------------------------------\n");
 }

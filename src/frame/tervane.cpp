@@ -50,8 +50,9 @@ int main(int argc, char** argv) {
     open_files();
     // A batch too small for one OFDM symbol stalls the chain before the modulator.
     if (packnum < chain_min_packnum(requested_M)) {
-        dvbMsgPrint(0, "WARNING: -s %d is too small for this mode: no OFDM symbol fits the buffers, "
-                       "so no samples will be produced (use -s %d or more)\n",
+        dvbMsgPrint(0,
+                    "WARNING: -s %d is too small for this mode: no OFDM symbol fits the buffers, "
+                    "so no samples will be produced (use -s %d or more)\n",
                     packnum, chain_min_packnum(requested_M));
     }
     const bool hier = dvbt_hierarchical();
@@ -64,8 +65,7 @@ int main(int argc, char** argv) {
     proc_data_lp = 0.0f;
 
     // The passes: until a whole pass moves nothing.
-    while (chain_pass()) {
-    }
+    while (chain_pass()) {}
 
     // End report.
     const float t = static_cast<float>(dvbToc());
@@ -74,12 +74,9 @@ int main(int argc, char** argv) {
     dvbMsgPrint(1, "Theoretical global rate = %.3f kbps\n", r_u / 1000.0);
     dvbMsgPrint(1, "Elapsed time = %.6f s. ", static_cast<double>(t));
     dvbMsgPrint(1, "Approx. %.3f kbps.\n", x / 1000.0);
-    if (r_u < x)
-        dvbMsgPrint(2, "This is %.1f times faster than real-time ;=)\n", static_cast<double>(x / r_u));
-    else if (r_u >= x)
-        dvbMsgPrint(2, "This is %.1f times slower than real-time :=(\n", static_cast<double>(r_u / x));
-    else
-        dvbMsgPrint(2, "This is %.1f times faster than real-time ;=)\n", static_cast<double>(x / r_u));
+    if (r_u < x) dvbMsgPrint(2, "This is %.1f times faster than real-time ;=)\n", static_cast<double>(x / r_u));
+    else if (r_u >= x) dvbMsgPrint(2, "This is %.1f times slower than real-time :=(\n", static_cast<double>(r_u / x));
+    else dvbMsgPrint(2, "This is %.1f times faster than real-time ;=)\n", static_cast<double>(x / r_u));
 
     // Teardown.
     chain_destroy();

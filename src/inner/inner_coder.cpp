@@ -161,8 +161,8 @@ TERVANE_AVX512 uint32_t puncture_avx512(const uint8_t* s, uint8_t* d, uint32_t p
 // position *w. Runs of periods that lie contiguous in both rings go through a
 // fixed gather loop; a period that crosses a ring end is done element by element.
 template <int R>
-void puncture_periods(const uint8_t* src, uint32_t ilen, uint32_t* r, uint8_t* dst,
-                      uint32_t olen, uint32_t* w, uint32_t q) {
+void puncture_periods(const uint8_t* src, uint32_t ilen, uint32_t* r, uint8_t* dst, uint32_t olen, uint32_t* w,
+                      uint32_t q) {
     constexpr uint32_t ip = in_plen[R];
     constexpr uint32_t op = out_plen[R];
     constexpr auto idx = kept_positions<R>();
@@ -225,8 +225,7 @@ int32_t encode27(dvbVect* in, dvbVect* out, uint32_t* state, uint32_t maxlen, FI
         if (g > 0) {
             uint64_t prev = prev_from_state(st);
 #if TERVANE_X86
-            if (dvbUseAvx512())
-                encode_groups_avx512(src + r, dst + w, g, &prev);
+            if (dvbUseAvx512()) encode_groups_avx512(src + r, dst + w, g, &prev);
             else
 #endif
                 encode_groups(src + r, dst + w, g, &prev);
@@ -287,11 +286,11 @@ int32_t puncture(dvbVect* in, dvbVect* out, uint16_t rate, uint32_t maxlen, FILE
     uint32_t w = w0;
 
     switch (rate) {
-        case 0: puncture_periods<0>(src, ilen, &r, dst, olen, &w, q); break;
-        case 1: puncture_periods<1>(src, ilen, &r, dst, olen, &w, q); break;
-        case 2: puncture_periods<2>(src, ilen, &r, dst, olen, &w, q); break;
-        case 3: puncture_periods<3>(src, ilen, &r, dst, olen, &w, q); break;
-        default: puncture_periods<4>(src, ilen, &r, dst, olen, &w, q); break;
+    case 0: puncture_periods<0>(src, ilen, &r, dst, olen, &w, q); break;
+    case 1: puncture_periods<1>(src, ilen, &r, dst, olen, &w, q); break;
+    case 2: puncture_periods<2>(src, ilen, &r, dst, olen, &w, q); break;
+    case 3: puncture_periods<3>(src, ilen, &r, dst, olen, &w, q); break;
+    default: puncture_periods<4>(src, ilen, &r, dst, olen, &w, q); break;
     }
 
     const uint32_t consumed = q * ip;

@@ -102,9 +102,9 @@ void interleave_block(uint32_t V, const uint8_t* hp, const uint8_t* lp, uint8_t*
     if (dvbUseAvx512()) return bi_block_avx512(layout, hp, lp, words);
 #endif
     switch (V) {
-        case 2: bi_block<2>(hp, lp, words); break;
-        case 4: bi_block<4>(hp, lp, words); break;
-        default: bi_block<6>(hp, lp, words); break;
+    case 2: bi_block<2>(hp, lp, words); break;
+    case 4: bi_block<4>(hp, lp, words); break;
+    default: bi_block<6>(hp, lp, words); break;
     }
 }
 
@@ -117,15 +117,15 @@ constexpr uint32_t SI_MAX = 6048;
 // (even blocks, which write word q to place H[q], read word Hinv[p] into place p).
 std::array<uint16_t, SI_MAX> H{};
 std::array<uint16_t, SI_MAX> Hinv{};
-std::array<uint8_t, SI_MAX> ib{};      // one block of output words being assembled
-std::array<uint8_t, SI_MAX> si_in{};   // one block of input words that crosses the ring end
+std::array<uint8_t, SI_MAX> ib{};     // one block of output words being assembled
+std::array<uint8_t, SI_MAX> si_in{};  // one block of input words that crosses the ring end
 int32_t sym_num = 0;
 
 struct SymIntMode {
-    uint32_t Nr;                  // address bits
-    uint32_t Mmax;                // candidate addresses
-    uint32_t Nmax;                // valid addresses
-    std::array<uint8_t, 12> perm; // register bit j -> address bit perm[j]
+    uint32_t Nr;                   // address bits
+    uint32_t Mmax;                 // candidate addresses
+    uint32_t Nmax;                 // valid addresses
+    std::array<uint8_t, 12> perm;  // register bit j -> address bit perm[j]
 };
 
 constexpr std::array<SymIntMode, 3> si_modes{{
@@ -142,7 +142,8 @@ void permute_words(const uint8_t* src, const uint16_t* from, uint32_t n, uint8_t
     if constexpr (std::endian::native == std::endian::little) {
         for (uint32_t p = 0; p < n; p += 4) {
             const uint32_t four = src[from[p]] | static_cast<uint32_t>(src[from[p + 1]]) << 8 |
-                                  static_cast<uint32_t>(src[from[p + 2]]) << 16 | static_cast<uint32_t>(src[from[p + 3]]) << 24;
+                                  static_cast<uint32_t>(src[from[p + 2]]) << 16 |
+                                  static_cast<uint32_t>(src[from[p + 3]]) << 24;
             std::memcpy(dst + p, &four, 4);
         }
     } else {
@@ -152,9 +153,9 @@ void permute_words(const uint8_t* src, const uint16_t* from, uint32_t n, uint8_t
 
 uint32_t si_feedback(uint32_t m, const uint8_t* R) {
     switch (m) {
-        case 0: return R[0] ^ R[3];
-        case 1: return R[0] ^ R[2];
-        default: return R[0] ^ R[1] ^ R[4] ^ R[6];
+    case 0: return R[0] ^ R[3];
+    case 1: return R[0] ^ R[2];
+    default: return R[0] ^ R[1] ^ R[4] ^ R[6];
     }
 }
 
@@ -162,9 +163,7 @@ uint32_t si_feedback(uint32_t m, const uint8_t* R) {
 
 uint32_t bit_interleave(dvbVect* in_hp, dvbVect* in_lp, dvbVect* out, uint32_t maxlen, FILE* dump) {
     const bool hier = dvbt_hierarchical();
-    if (in_hp->fill == 0 || (hier && (in_lp == nullptr || in_lp->fill == 0)) ||
-        out->fill == out->len)
-        return 0;
+    if (in_hp->fill == 0 || (hier && (in_lp == nullptr || in_lp->fill == 0)) || out->fill == out->len) return 0;
 
     const uint32_t mi = dvbt_parms.M;
     const uint32_t v = static_cast<uint32_t>(dvbt_bitpersymb[mi]);
@@ -248,10 +247,8 @@ int32_t symbol_interleave(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump
         const bool direct = out->len - w >= N;
         uint8_t* dst = direct ? dvbBytes(out) + w : ib.data();
         permute_words(src, sym_num % 2 == 0 ? Hinv.data() : H.data(), N, dst);
-        if (direct)
-            w = dvbRingAdvance(w, N, out->len);
-        else
-            w = dvbRingPut(out, w, ib.data(), N);
+        if (direct) w = dvbRingAdvance(w, N, out->len);
+        else w = dvbRingPut(out, w, ib.data(), N);
         checked_write(dst, 1, N, dump);
         sym_num = (sym_num + 1) % dvbt_frame_symbols;
     }
@@ -262,6 +259,5 @@ int32_t symbol_interleave(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump
     dvbMsgPrint(4, "Inner_int_s : %d samples\n", static_cast<int>(n));
     return static_cast<int32_t>(n);
 }
-
 
 int32_t dvbSymIntBlockNum() { return sym_num; }

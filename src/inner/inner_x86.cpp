@@ -97,13 +97,16 @@ TERVANE_AVX512 uint32_t map_cells_avx512(const dvbComplex* table, const uint8_t*
     const __m512 i0 = _mm512_load_ps(im), i1 = _mm512_load_ps(im + 16), i2 = _mm512_load_ps(im + 32),
                  i3 = _mm512_load_ps(im + 48);
     const __m512i bit5 = _mm512_set1_epi32(32);
-    const __m512i first = _mm512_setr_epi64(0, 1, 8, 9, 2, 3, 10, 11), second = _mm512_setr_epi64(4, 5, 12, 13, 6, 7, 14, 15);
+    const __m512i first = _mm512_setr_epi64(0, 1, 8, 9, 2, 3, 10, 11),
+                  second = _mm512_setr_epi64(4, 5, 12, 13, 6, 7, 14, 15);
     uint32_t i = 0;
     for (; i + 16 <= n; i += 16) {
         const __m512i w = _mm512_cvtepu8_epi32(_mm_loadu_si128(reinterpret_cast<const __m128i*>(src + i)));
         const __mmask16 upper = _mm512_test_epi32_mask(w, bit5);
-        const __m512 vr = _mm512_mask_blend_ps(upper, _mm512_permutex2var_ps(r0, w, r1), _mm512_permutex2var_ps(r2, w, r3));
-        const __m512 vi = _mm512_mask_blend_ps(upper, _mm512_permutex2var_ps(i0, w, i1), _mm512_permutex2var_ps(i2, w, i3));
+        const __m512 vr =
+            _mm512_mask_blend_ps(upper, _mm512_permutex2var_ps(r0, w, r1), _mm512_permutex2var_ps(r2, w, r3));
+        const __m512 vi =
+            _mm512_mask_blend_ps(upper, _mm512_permutex2var_ps(i0, w, i1), _mm512_permutex2var_ps(i2, w, i3));
         const __m512d lo = _mm512_castps_pd(_mm512_unpacklo_ps(vr, vi));  // cells 0 1, 4 5, 8 9, 12 13
         const __m512d hi = _mm512_castps_pd(_mm512_unpackhi_ps(vr, vi));  // cells 2 3, 6 7, 10 11, 14 15
         _mm512_storeu_pd(reinterpret_cast<double*>(dst + i), _mm512_permutex2var_pd(lo, first, hi));

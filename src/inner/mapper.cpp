@@ -47,29 +47,26 @@ void dump_cells(FILE* dump, const dvbComplex* cells, uint32_t n) {
 
 uint32_t dvbQAMConstGenerate() {
     // Hierarchy moves every point outwards by d = alpha - 1.
-    const float d = dvbt_parms.alpha == 0
-                        ? 0.0f
-                        : static_cast<float>(std::atoi(dvbt_alphaname[dvbt_parms.alpha]) - 1);
+    const float d = dvbt_parms.alpha == 0 ? 0.0f : static_cast<float>(std::atoi(dvbt_alphaname[dvbt_parms.alpha]) - 1);
     const uint32_t mi = dvbt_parms.M;
     const uint32_t Mc = 1u << dvbt_bitpersymb[mi];
 
     QAM.fill(dvbComplex{0.0f, 0.0f});
     for (uint32_t w = 0; w < Mc; w++) {
         switch (mi) {
-            case 0:  // y0 y1
-                QAM[w] = {sign((w >> 1) & 1u, 1.0f), sign(w & 1u, 1.0f)};
-                break;
-            case 1:  // y0 y1 y2 y3: signs re, im; magnitudes re, im
-                QAM[w] = {sign((w >> 3) & 1u, ((w >> 1) & 1u) != 0 ? 1.0f + d : 3.0f + d),
-                          sign((w >> 2) & 1u, (w & 1u) != 0 ? 1.0f + d : 3.0f + d)};
-                break;
-            default: {  // y0 .. y5: signs re, im; re from (y2, y4), im from (y3, y5)
-                const uint32_t re_pair = (((w >> 3) & 1u) << 1) | ((w >> 1) & 1u);
-                const uint32_t im_pair = (((w >> 2) & 1u) << 1) | (w & 1u);
-                QAM[w] = {sign((w >> 5) & 1u, mag64[re_pair] + d),
-                          sign((w >> 4) & 1u, mag64[im_pair] + d)};
-                break;
-            }
+        case 0:  // y0 y1
+            QAM[w] = {sign((w >> 1) & 1u, 1.0f), sign(w & 1u, 1.0f)};
+            break;
+        case 1:  // y0 y1 y2 y3: signs re, im; magnitudes re, im
+            QAM[w] = {sign((w >> 3) & 1u, ((w >> 1) & 1u) != 0 ? 1.0f + d : 3.0f + d),
+                      sign((w >> 2) & 1u, (w & 1u) != 0 ? 1.0f + d : 3.0f + d)};
+            break;
+        default: {  // y0 .. y5: signs re, im; re from (y2, y4), im from (y3, y5)
+            const uint32_t re_pair = (((w >> 3) & 1u) << 1) | ((w >> 1) & 1u);
+            const uint32_t im_pair = (((w >> 2) & 1u) << 1) | (w & 1u);
+            QAM[w] = {sign((w >> 5) & 1u, mag64[re_pair] + d), sign((w >> 4) & 1u, mag64[im_pair] + d)};
+            break;
+        }
         }
     }
 

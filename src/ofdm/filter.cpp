@@ -115,8 +115,7 @@ void init_filt() {
         Mup = 4;
         filtlen = {filt4xlen[0], filt4xlen[1], filt4xlen[2], filt4xlen[3]};
         break;
-    default:
-        return;
+    default: return;
     }
     const int32_t L = Mup == 2 ? 31 : 63;
     for (int32_t j = 0; j < max_taps; ++j) {

@@ -119,7 +119,8 @@ void build_layout(uint32_t mode) {
             const uint32_t len = sp.k - from;
             sp.from = from;
             sp.off = off;
-            sp.as_block = len <= stretch_block && off + stretch_block <= N && from + stretch_block <= static_cast<uint32_t>(K);
+            sp.as_block =
+                len <= stretch_block && off + stretch_block <= N && from + stretch_block <= static_cast<uint32_t>(K);
             if (sp.as_block && lead == e) lead = e + 1;
             off += len;
             from = sp.k + 1;
@@ -147,10 +148,8 @@ void build_symbol(int32_t l, const dvbComplex* cells, uint32_t K, dvbComplex* sy
     for (uint32_t t = 0; t < tps_cell_count[phase]; t++) {
         const auto [j, e] = tps_cells[phase][t];
         float& a = tps_ampl[j];
-        if (reference)
-            a = w[list[e].k] != 0 ? -1.0f : 1.0f;
-        else if (invert)
-            a = -a;
+        if (reference) a = w[list[e].k] != 0 ? -1.0f : 1.0f;
+        else if (invert) a = -a;
         values[e] = a;
     }
     uint32_t e = 0;
@@ -161,10 +160,8 @@ void build_symbol(int32_t l, const dvbComplex* cells, uint32_t K, dvbComplex* sy
     }
     for (; e < n; e++) {
         const Special& sp = list[e];
-        if (sp.as_block)
-            std::memcpy(sym + sp.from, cells + sp.off, sizeof(dvbComplex) * stretch_block);
-        else
-            std::copy(cells + sp.off, cells + sp.off + (sp.k - sp.from), sym + sp.from);
+        if (sp.as_block) std::memcpy(sym + sp.from, cells + sp.off, sizeof(dvbComplex) * stretch_block);
+        else std::copy(cells + sp.off, cells + sp.off + (sp.k - sp.from), sym + sp.from);
         sym[sp.k] = {values[e], 0.0f};
     }
     const uint32_t k = n > 0 ? list[n - 1].k + 1 : 0;

@@ -9,12 +9,12 @@
 #include <numbers>
 
 #include "frame/files.hpp"
-#include "vectors/written.hpp"
 #include "frame/params.hpp"
 #include "frame/print.hpp"
-#include "vectors/cpu.hpp"
 #include "ofdm/ofdm_x86.hpp"
+#include "vectors/cpu.hpp"
 #include "vectors/simd.hpp"
+#include "vectors/written.hpp"
 
 // The state the x86 kernels share with the portable code.
 namespace ofdm_detail {
@@ -211,7 +211,6 @@ uint32_t write_std(const dvbVect* in, uint32_t n, FILE* fp) {
     }
 }
 
-
 uint32_t write_agi(const dvbVect* in, uint32_t n, FILE* fp) {
     const dvbComplex* src = dvbCplx(in);
     const float sf = tdstream_sf;
@@ -324,7 +323,8 @@ void init_ifft() {
     double best = 0.0;
     for (const ofdm_ifft_form& f : ofdm_ifft_forms()) {
         if (!f.available || f.transform == ofdm_ifft_reference) continue;
-        for (uint32_t k = 0; k < K; k++) in_buf[k] = {static_cast<float>(k % 7) - 3.0f, static_cast<float>(k % 5) - 2.0f};
+        for (uint32_t k = 0; k < K; k++)
+            in_buf[k] = {static_cast<float>(k % 7) - 3.0f, static_cast<float>(k % 5) - 2.0f};
         double t = 0.0;
         for (int round = 0; round < 4; round++) {
             const auto t0 = std::chrono::steady_clock::now();

@@ -175,8 +175,8 @@ TERVANE_AVX512 void symbol_avx512(const dvbComplex* cells, dvbComplex* dst) {
 TERVANE_AVX512 uint32_t agi_codes_avx512(const dvbComplex* src, uint32_t m, float sf, uint8_t* p) {
     const __m512d f = _mm512_set1_pd(static_cast<double>(sf));
     const __m512i lo = _mm512_set1_epi32(-32768), hi = _mm512_set1_epi32(32767);
-    const __m256i swap = _mm256_setr_epi8(1, 0, 3, 2, 5, 4, 7, 6, 9, 8, 11, 10, 13, 12, 15, 14, 1, 0, 3, 2, 5, 4, 7,
-                                          6, 9, 8, 11, 10, 13, 12, 15, 14);
+    const __m256i swap = _mm256_setr_epi8(1, 0, 3, 2, 5, 4, 7, 6, 9, 8, 11, 10, 13, 12, 15, 14, 1, 0, 3, 2, 5, 4, 7, 6,
+                                          9, 8, 11, 10, 13, 12, 15, 14);
     uint32_t i = 0;
     for (; i + 8 <= m; i += 8, p += 32) {
         const __m512 x = _mm512_loadu_ps(reinterpret_cast<const float*>(src + i));

@@ -35,8 +35,7 @@ extern uint32_t gather_K;
 inline void butterfly2(dvbComplex* a, dvbComplex* d, const double* c, const double* s) {
     const __m128d dv = _mm_cvtps_pd(_mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(d))));
     const __m128d av = _mm_cvtps_pd(_mm_castsi128_ps(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(a))));
-    const __m128d t =
-        _mm_add_pd(_mm_mul_pd(_mm_load_pd(c), dv), _mm_mul_pd(_mm_load_pd(s), _mm_shuffle_pd(dv, dv, 1)));
+    const __m128d t = _mm_add_pd(_mm_mul_pd(_mm_load_pd(c), dv), _mm_mul_pd(_mm_load_pd(s), _mm_shuffle_pd(dv, dv, 1)));
     _mm_storel_epi64(reinterpret_cast<__m128i*>(a), _mm_castps_si128(_mm_cvtpd_ps(_mm_add_pd(av, t))));
     _mm_storel_epi64(reinterpret_cast<__m128i*>(d), _mm_castps_si128(_mm_cvtpd_ps(_mm_sub_pd(av, t))));
 }

@@ -28,8 +28,7 @@ void xor_run(uint8_t* dst, const uint8_t* src, const uint8_t* seq, uint32_t n) {
 // group is inverted, the other packet starts pass unchanged, and every other
 // byte is XORed with the sequence: the bytes between two packet starts go as
 // one run (split where a ring ends).
-void disperse(dvbVect* in, dvbVect* out, dvbVect* q, uint32_t plen, uint32_t period, uint32_t n,
-              FILE* dump) {
+void disperse(dvbVect* in, dvbVect* out, dvbVect* q, uint32_t plen, uint32_t period, uint32_t n, FILE* dump) {
     const uint8_t* src = dvbBytes(in);
     uint8_t* dst = dvbBytes(out);
     const uint8_t* seq = dvbBytes(q);
@@ -74,8 +73,8 @@ int32_t energy_inv(dvbVect* in, dvbVect* out, dvbVect* q, uint32_t maxlen, FILE*
     return static_cast<int32_t>(n);
 }
 
-unsigned dvbTSDisperdInvert(dvbVect* in, dvbVect* out, dvbVect* q, uint32_t plen, uint32_t period,
-                            uint32_t maxlen, const char* label, FILE* dump, uint32_t* count) {
+unsigned dvbTSDisperdInvert(dvbVect* in, dvbVect* out, dvbVect* q, uint32_t plen, uint32_t period, uint32_t maxlen,
+                            const char* label, FILE* dump, uint32_t* count) {
     // The sequence must cover every position of the period but the first.
     if (in->fill == 0 || out->fill == out->len || plen == 0 || period == 0 || period - 1 > q->len) {
         *count = 0;

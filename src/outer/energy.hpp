@@ -20,5 +20,5 @@ int32_t energy_inv(dvbVect* in, dvbVect* out, dvbVect* q, uint32_t maxlen, FILE*
 
 // The same stage with the packet length and group period as arguments; stores
 // the count at *count and returns 1 when nothing could be moved, else 0.
-unsigned dvbTSDisperdInvert(dvbVect* in, dvbVect* out, dvbVect* q, uint32_t plen, uint32_t period,
-                            uint32_t maxlen, const char* label, FILE* dump, uint32_t* count);
+unsigned dvbTSDisperdInvert(dvbVect* in, dvbVect* out, dvbVect* q, uint32_t plen, uint32_t period, uint32_t maxlen,
+                            const char* label, FILE* dump, uint32_t* count);

@@ -10,7 +10,7 @@
 #include "vectors/written.hpp"
 
 namespace {
-constexpr uint32_t GROUP = 12;   // bytes per commutator cycle
+constexpr uint32_t GROUP = 12;    // bytes per commutator cycle
 constexpr uint32_t PIECE = 1024;  // groups per piece
 uint8_t in_piece[GROUP * PIECE];
 uint8_t out_piece[GROUP * PIECE];
@@ -22,8 +22,7 @@ void init_convint(convint_state* s, uint32_t I, uint32_t M) {
     for (uint32_t j = 1; j < I; j++) {
         std::vector<uint8_t>& fifo = s->branch_fifo[j];
         fifo.resize(static_cast<size_t>(j) * M);
-        for (uint8_t& cell : fifo)
-            cell = dvbt_parms.cinit == 0 ? 0 : static_cast<uint8_t>(std::rand() & 0xFF);
+        for (uint8_t& cell : fifo) cell = dvbt_parms.cinit == 0 ? 0 : static_cast<uint8_t>(std::rand() & 0xFF);
     }
     s->nbranch = I;
     s->branch_len.resize(I);

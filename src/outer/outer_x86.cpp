@@ -14,7 +14,7 @@ namespace outer_detail {
 namespace {
 constexpr uint32_t GROUP = 12;
 constexpr uint32_t PER_REG = 5 * GROUP;  // output bytes per register
-std::vector<uint8_t> line;  // the preceding bytes the FIFOs stand for, then the piece
+std::vector<uint8_t> line;               // the preceding bytes the FIFOs stand for, then the piece
 }  // namespace
 
 TERVANE_AVX512 void interleave_avx512(const uint8_t* src, uint32_t c, uint8_t* dst, uint8_t* const* fifo,

@@ -3,9 +3,9 @@
 
 namespace {
 
-constexpr int MM = 8;      // bits per symbol
-constexpr int NN = 255;    // full code length
-constexpr int KK = 239;    // full data length
+constexpr int MM = 8;          // bits per symbol
+constexpr int NN = 255;        // full code length
+constexpr int KK = 239;        // full data length
 constexpr int NPAR = NN - KK;  // 16 parity bytes
 
 // Reduces a sum of power indices modulo 255 without a division.
@@ -31,10 +31,8 @@ void build_feedback_table() {
             for (int j = 0; j < NPAR; j++) {
                 if (Gg[j] == NN) continue;
                 const uint64_t p = static_cast<uint64_t>(Alpha_to[modnn(Gg[j] + f)]);
-                if (j < 8)
-                    lo |= p << (8 * j);
-                else
-                    hi |= p << (8 * (j - 8));
+                if (j < 8) lo |= p << (8 * j);
+                else hi |= p << (8 * (j - 8));
             }
         }
         fb_lo[v] = lo;
@@ -61,10 +59,8 @@ void generate_gf() {
     Index_of[Alpha_to[MM]] = MM;
     mask >>= 1;  // 0x80
     for (int i = MM + 1; i < NN; i++) {
-        if (Alpha_to[i - 1] >= mask)
-            Alpha_to[i] = Alpha_to[MM] ^ ((Alpha_to[i - 1] ^ mask) << 1);
-        else
-            Alpha_to[i] = Alpha_to[i - 1] << 1;
+        if (Alpha_to[i - 1] >= mask) Alpha_to[i] = Alpha_to[MM] ^ ((Alpha_to[i - 1] ^ mask) << 1);
+        else Alpha_to[i] = Alpha_to[i - 1] << 1;
         Index_of[Alpha_to[i]] = i;
     }
     Index_of[0] = NN;
@@ -77,10 +73,8 @@ void gen_poly() {
     for (int i = 2; i <= NPAR; i++) {
         Gg[i] = 1;
         for (int j = i - 1; j > 0; j--) {
-            if (Gg[j] != 0)
-                Gg[j] = Gg[j - 1] ^ Alpha_to[modnn(Index_of[Gg[j]] + i - 1)];
-            else
-                Gg[j] = Gg[j - 1];
+            if (Gg[j] != 0) Gg[j] = Gg[j - 1] ^ Alpha_to[modnn(Index_of[Gg[j]] + i - 1)];
+            else Gg[j] = Gg[j - 1];
         }
         Gg[0] = Alpha_to[modnn(Index_of[Gg[0]] + i - 1)];
     }

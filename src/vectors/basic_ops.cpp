@@ -32,8 +32,7 @@ unsigned dvbCopyVect(dvbVect* dst, const dvbVect* src) {
     case Symbol:
         if (need > 0) std::memcpy(dst->data, src->data, need);
         return DVB_OK;
-    default:
-        return DVB_UNKNOWN;
+    default: return DVB_UNKNOWN;
     }
 }
 

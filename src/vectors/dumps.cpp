@@ -381,8 +381,7 @@ unsigned dvbPrintVect(const dvbVect* v, uint16_t flags, const char* name) {
     if (flags & DVB_PRINT_ACC) std::fprintf(out, "%s Acc: %d bit, +/- %f\n", prefix, acc, range);
     // The address prints as 0x followed by lower-case hex digits (PRIxPTR), the
     // same on every platform, also for a null handle ("0x0").
-    if (flags & DVB_PRINT_ADDR)
-        std::fprintf(out, "%sAddr: 0x%" PRIxPTR "\n", prefix, reinterpret_cast<uintptr_t>(v));
+    if (flags & DVB_PRINT_ADDR) std::fprintf(out, "%sAddr: 0x%" PRIxPTR "\n", prefix, reinterpret_cast<uintptr_t>(v));
     if (flags & DVB_PRINT_LEN) std::fprintf(out, "%s Len: %u\n", prefix, len);
     if (flags & DVB_PRINT_SIZE) std::fprintf(out, "%sSize: %llu byte\n", prefix, size);
     std::fputs(framed ? "------------------------------\n" : "\n", out);

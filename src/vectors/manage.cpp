@@ -32,9 +32,7 @@ size_t dvbElemSize(uint32_t type) {
 
 namespace {
 
-bool is_elem_type(uint32_t t) {
-    return t == Bit || t == Symbol || t == Digital || t == Real || t == Complex;
-}
+bool is_elem_type(uint32_t t) { return t == Bit || t == Symbol || t == Digital || t == Real || t == Complex; }
 
 void set_desc(dvbVect* v, const char* text) {
     std::memset(v->desc, 0, sizeof v->desc);
@@ -181,10 +179,8 @@ unsigned convert(dvbVect* v, uint32_t t, int width, int order, double range) {
         }
         if (t == Digital) return quantise(v, width, range);
         return DVB_OK;
-    case Complex:
-        return DVB_OK;
-    default:
-        return DVB_UNKNOWN;
+    case Complex: return DVB_OK;
+    default: return DVB_UNKNOWN;
     }
 }
 
@@ -271,9 +267,7 @@ unsigned dvbConstVect(dvbVect* v, uint32_t type, uint32_t len, double re, double
 
 unsigned dvbConvertVect(dvbVect* v, uint32_t type) { return convert(v, type, 0, 0, 0.0); }
 
-unsigned dvbConvertVect(dvbVect* v, uint32_t type, int width, int order) {
-    return convert(v, type, width, order, 0.0);
-}
+unsigned dvbConvertVect(dvbVect* v, uint32_t type, int width, int order) { return convert(v, type, width, order, 0.0); }
 
 unsigned dvbConvertVect(dvbVect* v, uint32_t type, int width, double range) {
     return convert(v, type, width, 0, range);
@@ -281,8 +275,7 @@ unsigned dvbConvertVect(dvbVect* v, uint32_t type, int width, double range) {
 
 unsigned dvbResizeVect(dvbVect* v, uint32_t len) {
     if (v == nullptr) return DVB_NOT_ALLOCATED;
-    if (v->type != Bit && v->type != Symbol && v->type != Digital && v->type != Real)
-        return DVB_UNKNOWN;
+    if (v->type != Bit && v->type != Symbol && v->type != Digital && v->type != Real) return DVB_UNKNOWN;
     if (len == 0) {
         std::free(v->data);
         v->data = nullptr;
@@ -299,8 +292,8 @@ unsigned dvbResizeVect(dvbVect* v, uint32_t len) {
     return DVB_OK;
 }
 
-uint32_t dvbRingUnits(const dvbVect* in, uint32_t in_unit, const dvbVect* out, uint32_t out_unit,
-                      uint32_t maxlen, uint32_t max_unit) {
+uint32_t dvbRingUnits(const dvbVect* in, uint32_t in_unit, const dvbVect* out, uint32_t out_unit, uint32_t maxlen,
+                      uint32_t max_unit) {
     uint32_t n = maxlen / max_unit;
     if (in != nullptr && in->fill / in_unit < n) n = in->fill / in_unit;
     if (out != nullptr && dvbRingFree(out) / out_unit < n) n = dvbRingFree(out) / out_unit;

@@ -40,14 +40,14 @@ struct dvbComplex {
 };
 
 struct dvbVect {
-    uint32_t type;   // element type code
-    uint32_t len;    // number of elements the storage holds (ring capacity)
-    uint32_t head;   // ring index of the oldest held element
-    uint32_t fill;   // number of held elements
-    uint8_t acc;     // accuracy in bits
-    float range;     // full-scale value of a Digital vector
-    char desc[16];   // NUL-terminated description
-    void* data;      // element storage, owned by the record
+    uint32_t type;  // element type code
+    uint32_t len;   // number of elements the storage holds (ring capacity)
+    uint32_t head;  // ring index of the oldest held element
+    uint32_t fill;  // number of held elements
+    uint8_t acc;    // accuracy in bits
+    float range;    // full-scale value of a Digital vector
+    char desc[16];  // NUL-terminated description
+    void* data;     // element storage, owned by the record
 };
 
 // Size in bytes of one element of the given type; 0 for Empty and non-types.
@@ -93,13 +93,11 @@ inline uint32_t dvbRingAdvance(uint32_t pos, uint32_t n, uint32_t len) {
 // Whole units a stage can move in one call: the smallest of the held input
 // elements / in_unit, the free output elements / out_unit and maxlen /
 // max_unit. A null in (a producer) or out (a consumer) sets no bound.
-uint32_t dvbRingUnits(const dvbVect* in, uint32_t in_unit, const dvbVect* out, uint32_t out_unit,
-                      uint32_t maxlen, uint32_t max_unit);
+uint32_t dvbRingUnits(const dvbVect* in, uint32_t in_unit, const dvbVect* out, uint32_t out_unit, uint32_t maxlen,
+                      uint32_t max_unit);
 
 // Elements from position pos on, at most n, that lie before the end of the storage.
-inline uint32_t dvbRingRun(const dvbVect* v, uint32_t pos, uint32_t n) {
-    return v->len - pos < n ? v->len - pos : n;
-}
+inline uint32_t dvbRingRun(const dvbVect* v, uint32_t pos, uint32_t n) { return v->len - pos < n ? v->len - pos : n; }
 
 // Copies n elements from src into the ring's storage from position pos on,
 // wrapping at its end; returns the position after the last one.

@@ -19,7 +19,7 @@ struct Written {
     const char* unit;    // "samples" or "bytes"
     uint32_t unit_size;  // bytes per unit
     void (*report)(const char*);
-    bool output;         // an output or dump, not the log
+    bool output;  // an output or dump, not the log
     bool failed = false;
     Written* partner = nullptr;  // the other file of the "agiold" pair
 };
@@ -36,7 +36,7 @@ Written* find_written(FILE* fp) {
 // 0 for a device or a pipe.
 uint64_t held_bytes(FILE* fp) {
     std::fflush(fp);
-    struct stat st{};
+    struct stat st {};
     return fstat(fileno(fp), &st) == 0 && S_ISREG(st.st_mode) ? static_cast<uint64_t>(st.st_size) : 0;
 }
 
@@ -114,7 +114,8 @@ void track_file(FILE* fp, const char* name, const char* unit, uint32_t unit_size
     // A stream the C library hands out again replaces the entry of the one closed before it.
     for (Written& w : written)
         if (w.fp == fp) w.fp = nullptr;
-    written.push_back({.fp = fp, .name = name, .unit = unit, .unit_size = unit_size, .report = report, .output = output});
+    written.push_back(
+        {.fp = fp, .name = name, .unit = unit, .unit_size = unit_size, .report = report, .output = output});
 }
 
 void pair_files(FILE* a, FILE* b) {
@@ -147,4 +148,3 @@ bool finish_file(FILE* fp) {
     close_checked(*w);
     return !w->failed;
 }
-

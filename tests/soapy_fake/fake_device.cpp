@@ -56,7 +56,11 @@ double number(const Kwargs& args, const std::string& key, double fallback) {
     if (text.empty()) return fallback;
     size_t used = 0;
     double value = 0;
-    try { value = std::stod(text, &used); } catch (const std::exception&) { used = 0; }
+    try {
+        value = std::stod(text, &used);
+    } catch (const std::exception&) {
+        used = 0;
+    }
     if (used != text.size() || !std::isfinite(value) || value < 0) fail("bad value for " + key + ": " + text);
     return value;
 }
@@ -67,7 +71,9 @@ std::string show(double value) {
     return text;
 }
 
-void check(int dir, size_t ch) { if (dir != SOAPY_SDR_TX || ch != 0) fail("TX channel 0 only"); }
+void check(int dir, size_t ch) {
+    if (dir != SOAPY_SDR_TX || ch != 0) fail("TX channel 0 only");
+}
 
 // The words of a "/"-separated list.
 std::vector<std::string> words(const std::string& text) {
@@ -85,17 +91,24 @@ struct Gain {
     double max, value = 0;
 };
 
-void checkRf(const std::string& name) { if (name != "RF") fail("no frequency element " + name); }
+void checkRf(const std::string& name) {
+    if (name != "RF") fail("no frequency element " + name);
+}
 
 class FakeDevice : public SoapySDR::Device {
 public:
     explicit FakeDevice(const Kwargs& args)
-        : native_(arg(args, "native", "CS16")), masterClock_(number(args, "master_clock", 0)),
-          rateMax_(number(args, "rate_max", 61.44e6)), capacity_(number(args, "buffer", 65536)),
-          underflowAt_(number(args, "underflow_at", -1)), report_(arg(args, "underflow_report", "status")),
-          recordPath_(arg(args, "record", "")), pace_(arg(args, "pace", "1") != "0"),
+        : native_(arg(args, "native", "CS16")),
+          masterClock_(number(args, "master_clock", 0)),
+          rateMax_(number(args, "rate_max", 61.44e6)),
+          capacity_(number(args, "buffer", 65536)),
+          underflowAt_(number(args, "underflow_at", -1)),
+          report_(arg(args, "underflow_report", "status")),
+          recordPath_(arg(args, "record", "")),
+          pace_(arg(args, "pace", "1") != "0"),
           statusSupported_(arg(args, "status_supported", "1") != "0"),
-          logInjected_(arg(args, "log_underflow", "0") == "1"), antennas_(words(arg(args, "antennas", "TX"))),
+          logInjected_(arg(args, "log_underflow", "0") == "1"),
+          antennas_(words(arg(args, "antennas", "TX"))),
           antenna_(antennas_.front()) {
         for (const std::string& g : words(arg(args, "gains", "PA:14/VGA:47"))) {
             const size_t colon = g.find(':');
@@ -117,7 +130,6 @@ public:
         if (record_) std::fclose(record_);
         writeStatus();
     }
-
 
     std::string getDriverKey() const override { return kDriver; }
     std::string getHardwareKey() const override { return kDriver; }
@@ -155,7 +167,11 @@ public:
         writeStatus();
         wake_.notify_all();
     }
-    size_t getStreamMTU(SoapySDR::Stream* stream) const override { Lock lock(mutex_); own(stream); return kMtu; }
+    size_t getStreamMTU(SoapySDR::Stream* stream) const override {
+        Lock lock(mutex_);
+        own(stream);
+        return kMtu;
+    }
     int activateStream(SoapySDR::Stream* stream, const int, const long long, const size_t) override {
         Lock lock(mutex_);
         own(stream);
@@ -236,14 +252,21 @@ public:
         }
     }
 
-    std::vector<std::string> listAntennas(int dir, size_t ch) const override { check(dir, ch); return antennas_; }
+    std::vector<std::string> listAntennas(int dir, size_t ch) const override {
+        check(dir, ch);
+        return antennas_;
+    }
     void setAntenna(int dir, size_t ch, const std::string& name) override {
         check(dir, ch);
         if (std::find(antennas_.begin(), antennas_.end(), name) == antennas_.end()) fail("no antenna " + name);
         Lock lock(mutex_);
         antenna_ = name;
     }
-    std::string getAntenna(int dir, size_t ch) const override { check(dir, ch); Lock lock(mutex_); return antenna_; }
+    std::string getAntenna(int dir, size_t ch) const override {
+        check(dir, ch);
+        Lock lock(mutex_);
+        return antenna_;
+    }
 
     std::vector<std::string> listGains(int dir, size_t ch) const override {
         check(dir, ch);
@@ -266,7 +289,11 @@ public:
         Gain& g = gains_[gainAt(name)];
         g.value = std::clamp(value, 0.0, g.max);
     }
-    double getGain(int dir, size_t ch) const override { check(dir, ch); Lock lock(mutex_); return totalGain(); }
+    double getGain(int dir, size_t ch) const override {
+        check(dir, ch);
+        Lock lock(mutex_);
+        return totalGain();
+    }
     double getGain(int dir, size_t ch, const std::string& name) const override {
         check(dir, ch);
         Lock lock(mutex_);
@@ -283,7 +310,10 @@ public:
         return {0, gains_[gainAt(name)].max};
     }
 
-    std::vector<std::string> listFrequencies(int dir, size_t ch) const override { check(dir, ch); return {"RF"}; }
+    std::vector<std::string> listFrequencies(int dir, size_t ch) const override {
+        check(dir, ch);
+        return {"RF"};
+    }
     void setFrequency(int dir, size_t ch, double hz, const Kwargs&) override {
         check(dir, ch);
         Lock lock(mutex_);
@@ -293,12 +323,19 @@ public:
         checkRf(name);
         setFrequency(dir, ch, hz, args);
     }
-    double getFrequency(int dir, size_t ch) const override { check(dir, ch); Lock lock(mutex_); return frequency_; }
+    double getFrequency(int dir, size_t ch) const override {
+        check(dir, ch);
+        Lock lock(mutex_);
+        return frequency_;
+    }
     double getFrequency(int dir, size_t ch, const std::string& name) const override {
         checkRf(name);
         return getFrequency(dir, ch);
     }
-    SoapySDR::RangeList getFrequencyRange(int dir, size_t ch) const override { check(dir, ch); return {{1e6, 6e9}}; }
+    SoapySDR::RangeList getFrequencyRange(int dir, size_t ch) const override {
+        check(dir, ch);
+        return {{1e6, 6e9}};
+    }
     SoapySDR::RangeList getFrequencyRange(int dir, size_t ch, const std::string& name) const override {
         checkRf(name);
         return getFrequencyRange(dir, ch);
@@ -312,7 +349,11 @@ public:
         rate_ = takeRate(rate);
         rateSeq_ = ++seq_;
     }
-    double getSampleRate(int dir, size_t ch) const override { check(dir, ch); Lock lock(mutex_); return rate_; }
+    double getSampleRate(int dir, size_t ch) const override {
+        check(dir, ch);
+        Lock lock(mutex_);
+        return rate_;
+    }
     SoapySDR::RangeList getSampleRateRange(int dir, size_t ch) const override {
         check(dir, ch);
         return {{1, takeRate(rateMax_)}};
@@ -323,7 +364,11 @@ public:
         bandwidth_ = hz;
         bandwidthSeq_ = ++seq_;
     }
-    double getBandwidth(int dir, size_t ch) const override { check(dir, ch); Lock lock(mutex_); return bandwidth_; }
+    double getBandwidth(int dir, size_t ch) const override {
+        check(dir, ch);
+        Lock lock(mutex_);
+        return bandwidth_;
+    }
 
     // What the device saw.
     using SoapySDR::Device::listSensors;
@@ -399,12 +444,14 @@ private:
         const auto count = [](long n) { return std::to_string(n); };
         std::vector<std::pair<std::string, std::string>> f{
             {"samples", show(samples_)}, {"bursts_ended", count(burstsEnded_)}, {"underflows", count(underflows_)},
-            {"rate", show(rate_)},       {"frequency", show(frequency_)},      {"bandwidth", show(bandwidth_)},
+            {"rate", show(rate_)},       {"frequency", show(frequency_)},       {"bandwidth", show(bandwidth_)},
             {"gain", show(totalGain())}};
         for (const Gain& g : gains_) f.emplace_back("gain_" + g.name, show(g.value));
-        f.insert(f.end(), {{"antenna", antenna_}, {"format", format_},
+        f.insert(f.end(), {{"antenna", antenna_},
+                           {"format", format_},
                            {"bandwidth_after_rate", bandwidthSeq_ > rateSeq_ ? "1" : "0"},
-                           {"activated", count(activated_)}, {"deactivated", count(deactivated_)},
+                           {"activated", count(activated_)},
+                           {"deactivated", count(deactivated_)},
                            {"closed", count(closed_)}});
         return f;
     }
@@ -430,7 +477,7 @@ private:
     std::string format_;
     size_t elemSize_ = 4;
     bool open_ = false, active_ = false, dry_ = true, inBurst_ = false, playedOut_ = false, injected_ = false;
-    double level_ = 0, samples_ = 0;  // samples in the buffer, samples written in all
+    double level_ = 0, samples_ = 0;         // samples in the buffer, samples written in all
     Clock::time_point last_ = Clock::now();  // when the buffer was last drained
     long burstsEnded_ = 0, underflows_ = 0, statusUnderflows_ = 0, writeUnderflows_ = 0;
     long activated_ = 0, deactivated_ = 0, closed_ = 0, seq_ = 0, rateSeq_ = 0, bandwidthSeq_ = 0;
