@@ -11,6 +11,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
+#include <vector>
 
 #include "frame/version.hpp"
 
@@ -19,6 +21,8 @@ namespace {
 
 const char* g_prog = "tervane";
 std::string g_partial;
+// What the last parse_options saw: each option given and its values, in order.
+std::map<std::string, std::vector<std::string>, std::less<>> g_given;
 
 [[noreturn]] void vfail(int status, const char* fmt, std::va_list ap) {
     std::fprintf(stderr, "%s: ", g_prog);
@@ -52,15 +56,18 @@ void fail(const char* fmt, ...) {
 }
 
 void parse_options(int argc, char** argv, std::initializer_list<std::span<const dvbOption>> tables, int status) {
+    g_given.clear();
     for (int a = 1; a < argc; ++a) {
         const dvbOption* o = nullptr;
         for (auto table : tables)
             for (const dvbOption& t : table)
                 if (std::strcmp(argv[a], t.name) == 0) o = &t;
         if (o == nullptr) fail_status(status, "unknown option \"%s\" (%s -h for usage)", argv[a], g_prog);
+        auto& values = g_given[o->name];
         if (o->kind == dvbBool) continue;
         if (++a == argc) fail_status(status, "%s needs a value", o->name);
         const char* v = argv[a];
+        values.emplace_back(v);
         char* end = nullptr;
         errno = 0;
         bool ok = *v != '\0';
@@ -82,6 +89,13 @@ void parse_options(int argc, char** argv, std::initializer_list<std::span<const 
         if (!ok) fail_status(status, "%s: \"%s\" is not a valid value", o->name, v);
     }
     for (auto table : tables) dvbGetCommArgs(argc, argv, static_cast<uint16_t>(table.size()), table.data());
+}
+
+bool option_given(const char* name) { return g_given.find(name) != g_given.end(); }
+
+std::vector<std::string> option_values(const char* name) {
+    const auto it = g_given.find(name);
+    return it == g_given.end() ? std::vector<std::string>{} : it->second;
 }
 
 void remove_on_failure(const std::string& path) { g_partial = path; }

@@ -7,6 +7,7 @@
 #include <initializer_list>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "frame/getopts.hpp"
 
@@ -32,6 +33,12 @@ void print_version();
 // not whole or not finite, an empty text) fails with the status, naming it;
 // then every table's targets are filled by dvbGetCommArgs.
 void parse_options(int argc, char** argv, std::initializer_list<std::span<const dvbOption>> tables, int status = 1);
+
+// Whether the last parse_options saw the option on the command line.
+bool option_given(const char* name);
+// Every value the last parse_options saw for the option, in order: a
+// repeatable option's (the tables keep one value of each option).
+std::vector<std::string> option_values(const char* name);
 
 // The file that fail removes (an output being written); empty for none.
 void remove_on_failure(const std::string& path);
