@@ -1,7 +1,8 @@
-// tervane-play against the fake SoapySDR device (driver=tervanefake), run as a
-// program: the samples against tervane's own output, pacing, underflow and
-// late counts, back-off and saturation, the rate check, loops, the clean end
-// on SIGINT, standard input with null packets, playback and its errors.
+// tervane-play: its sample conversion, LO shift and ring on their own, then the
+// program against the fake SoapySDR device (driver=tervanefake): the samples
+// against tervane's own output, pacing, underflow and late counts, back-off,
+// the rate check, loops, the clean end on SIGINT, standard input with null
+// packets, playback and its errors.
 #include "util.hpp"
 
 #ifndef TERVANE_PLAY_EXE
@@ -14,6 +15,10 @@ TEST(Play, NeedsSoapySDR) { GTEST_SKIP() << "built without SoapySDR: tervane-pla
 #include <cstring>
 #include <map>
 #include <sstream>
+#include <thread>
+#include <tuple>
+
+#include "samples.hpp"
 
 namespace {
 
@@ -41,8 +46,8 @@ double num(const Fields& f, const std::string& key) {
 // arguments (the recording in rec.bin unless they name one) first, then args;
 // prefix is put before the program in the shell command (an environment
 // setting, a pipe). Long paced runs record to /dev/null: disk space is scarce.
-tu::Result play(const tu::TempDir& dir, const std::string& devargs, std::vector<std::string> args,
-                const std::string& prefix = "env") {
+tu::Result run_play(const tu::TempDir& dir, const std::string& devargs, std::vector<std::string> args,
+                    const std::string& prefix = "env") {
     const std::string rec = tu::contains(devargs, "record=") ? "" : ",record=rec.bin";
     args.insert(args.begin(), {"SOAPY_SDR_PLUGIN_PATH=" TERVANE_SOAPY_FAKE, TERVANE_PLAY_EXE, "-dev",
                                "driver=tervanefake" + rec + (devargs.empty() ? "" : "," + devargs)});
@@ -85,6 +90,123 @@ struct Scratch {
 
 }  // namespace
 
+// Each format rounds half away from zero and saturates to [-fullscale,
+// fullscale - 1] (CF32 to [-fullscale, fullscale]) and to its type's range,
+// counting each saturated component; a NaN goes out as full scale, counted.
+TEST(Play, ConversionRoundsAndSaturatesPerFormat) {
+    struct Case {
+        std::string native;
+        double fs;
+        std::vector<std::tuple<double, double, bool>> in_out_clipped;
+    };
+    const std::vector<Case> cases = {
+        {"CS16",
+         2048,
+         {{2.5, 3, false},
+          {-2.5, -3, false},
+          {2.4999, 2, false},
+          {-0.5, -1, false},
+          {0.49, 0, false},
+          {2047.4, 2047, false},
+          {2047.5, 2047, true},
+          {-2048.49, -2048, false},
+          {-2048.5, -2048, true},
+          {1e300, 2047, true},
+          {NAN, 2047, true}}},
+        {"CS16", 0, {{32766.5, 32767, false}, {-32768.4, -32768, false}, {40000, 32767, true}, {-1e9, -32768, true}}},
+        {"CS16", 1e6, {{40000, 32767, true}, {-40000, -32768, true}}},  // a full scale beyond the type
+        {"CS8",
+         128,
+         {{126.5, 127, false}, {127.5, 127, true}, {-128.5, -128, true}, {-127.5, -128, false}, {NAN, 127, true}}},
+        {"CF32", 1, {{0.75, 0.75, false}, {1.0, 1.0, false}, {1.5, 1.0, true}, {-1.5, -1.0, true}, {NAN, 1.0, true}}},
+    };
+    for (const Case& c : cases) {
+        const play::Format f = play::Format::make(c.native, c.fs);
+        ASSERT_EQ(f.name, c.native);
+        for (const auto& [y, want, clipped] : c.in_out_clipped) {
+            SCOPED_TRACE(c.native + " " + std::to_string(c.fs) + " " + std::to_string(y));
+            uint8_t b[4] = {};
+            bool clip = false;
+            double got = 0;
+            if (f.kind == play::Format::CS16) {
+                clip = f.put<play::Format::CS16>(y, b);
+                got = int16_t(uint16_t(b[0] | b[1] << 8));
+            } else if (f.kind == play::Format::CS8) {
+                clip = f.put<play::Format::CS8>(y, b);
+                got = int8_t(b[0]);
+            } else {
+                clip = f.put<play::Format::CF32>(y, b);
+                float v;
+                std::memcpy(&v, b, 4);
+                got = v;
+            }
+            EXPECT_EQ(got, want);
+            EXPECT_EQ(clip, clipped);
+        }
+    }
+}
+
+// The LO shift turns sample n by -2 pi lo n / rate: over ten million samples,
+// converted in pieces of odd sizes, the phasor stays on the exact phase.
+TEST(Play, LoShiftStaysOnPhaseOverALongRun) {
+    const play::Format f = play::Format::make("CF32", 1);
+    const double rate = dvbSampleRate(3, 2), lo = 2.7e6;
+    play::Converter conv(f, 0.5, lo, rate);
+    const std::vector<dvbComplex> x(10007, dvbComplex{1.0f, 0.5f});
+    std::vector<float> y(2 * x.size());
+    double err = 0;
+    uint64_t n0 = 0;
+    for (size_t piece = 0; n0 < 10000000; ++piece) {
+        const size_t n = 9001 + piece % 3 * 500;
+        conv.convert(x.data(), n, reinterpret_cast<uint8_t*>(y.data()));
+        for (size_t i = 0; i < n; i += 97) {
+            const long double a = -2 * M_PIl * std::fmod(lo * static_cast<long double>(n0 + i) / rate, 1.0L);
+            const double c = std::cos(static_cast<double>(a)), s = std::sin(static_cast<double>(a));
+            err = std::max(
+                {err, std::fabs(y[2 * i] - 0.5 * (c - 0.5 * s)), std::fabs(y[2 * i + 1] - 0.5 * (s + 0.5 * c))});
+        }
+        n0 += n;
+    }
+    EXPECT_LT(err, 2e-7);
+    EXPECT_EQ(conv.clipped.load(), 0);
+}
+
+// The ring keeps the order of its samples across its wrap, between two
+// threads, whatever the sizes pushed and popped; pop waits only its timeout;
+// a stopped ring refuses pushes; drained means finished and empty.
+TEST(Play, RingKeepsOrderAcrossItsWrap) {
+    play::Ring ring(13, 4);
+    std::vector<uint8_t> out(4 * 8);
+    EXPECT_EQ(ring.pop(out.data(), 8, std::chrono::milliseconds(1)), 0u);
+    constexpr uint32_t total = 100000;
+    std::thread producer([&] {
+        std::vector<uint32_t> v;
+        for (uint32_t i = 0; i < total;) {
+            v.clear();
+            for (uint32_t k = 0; k < 1 + i % 29 && i < total; ++k) v.push_back(i++);
+            ASSERT_TRUE(ring.push(reinterpret_cast<const uint8_t*>(v.data()), v.size()));
+        }
+        ring.finish();
+    });
+    uint32_t next = 0;
+    size_t bad = 0;
+    while (!ring.drained()) {
+        const size_t got = ring.pop(out.data(), 1 + next % 8, std::chrono::milliseconds(100));
+        for (size_t k = 0; k < got; ++k) {
+            uint32_t v;
+            std::memcpy(&v, &out[4 * k], 4);
+            bad += v != next++;
+        }
+    }
+    producer.join();
+    EXPECT_EQ(next, total);
+    EXPECT_EQ(bad, 0u);
+    play::Ring stopped(4, 4);
+    stopped.stop();
+    EXPECT_FALSE(stopped.push(out.data(), 1));
+    EXPECT_FALSE(stopped.drained());
+}
+
 // With CF32 native samples and no pacing, the recording is tervane's std
 // output times k, converted to float, for several configurations.
 TEST(Play, LiveSamplesAreTervanesScaled) {
@@ -99,7 +221,7 @@ TEST(Play, LiveSamplesAreTervanesScaled) {
         SCOPED_TRACE(opts[1] + " " + opts.back());
         const auto ref = s.reference(opts);
         ASSERT_GT(ref.size(), 0u);
-        const auto r = play(s.dir, "native=CF32,pace=0", opts);
+        const auto r = run_play(s.dir, "native=CF32,pace=0", opts);
         ASSERT_EQ(r.status, 0) << tu::read_text(s.dir / "err.txt");
         const auto got = floats(tu::read_file(s.dir / "rec.bin"));
         ASSERT_EQ(got.size(), ref.size());
@@ -115,36 +237,28 @@ TEST(Play, LiveSamplesAreTervanesScaled) {
     }
 }
 
-// -bo 0 clips, -bo 12 does not; CS16 and CS8 round and saturate as stated:
-// round half away from zero, then [-fullscale, fullscale - 1].
-TEST(Play, BackOffRoundingAndSaturation) {
+// The device's own format and full scale, end to end: CS8 samples are
+// tervane's scaled for the back-off, rounded and saturated, the clipped
+// values counted; at -bo 12 nothing clips.
+TEST(Play, BackOffInTheDevicesFormat) {
     Scratch s;
     const auto ref = s.reference({"-i", "a.ts"});
-    EXPECT_GT(num(fields(play(s.dir, "native=CF32,pace=0", {"-i", "a.ts", "-bo", "0"}).out), "clipped"), 0);
-    for (const auto& [native, fs] : std::vector<std::pair<std::string, double>>{{"CS16", 2048}, {"CS8", 128}}) {
-        SCOPED_TRACE(native);
-        for (const double bo : {12.0, 1.0}) {
-            const auto r = play(s.dir, "native=" + native + ",fullscale=" + std::to_string(int(fs)) + ",pace=0",
-                                {"-i", "a.ts", "-bo", bo == 12 ? "12" : "1"});
-            ASSERT_EQ(r.status, 0);
-            const auto rec = tu::read_file(s.dir / "rec.bin");
-            const size_t w = native == "CS8" ? 1 : 2;
-            ASSERT_EQ(rec.size(), ref.size() * w);
-            const double k = scale(0, 1, fs, bo);
-            size_t bad = 0, clipped = 0;
-            for (size_t i = 0; i < ref.size(); ++i) {
-                const double y = std::round(ref[i] * k), want = std::clamp(y, -fs, fs - 1);
-                clipped += y != want;
-                int v = int8_t(rec[i]);
-                if (w == 2) v = int16_t(uint16_t(rec[2 * i] | rec[2 * i + 1] << 8));
-                bad += v != want;
-            }
-            EXPECT_EQ(bad, 0u);
-            EXPECT_EQ(num(fields(r.out), "clipped"), clipped);
-            if (bo == 12) EXPECT_EQ(clipped, 0u);
-            else EXPECT_GT(clipped, 0u);
-        }
+    EXPECT_EQ(num(fields(run_play(s.dir, "native=CF32,pace=0", {"-i", "a.ts"}).out), "clipped"), 0);
+    const double fs = 100;
+    const auto r = run_play(s.dir, "native=CS8,fullscale=100,pace=0", {"-i", "a.ts", "-bo", "1"});
+    ASSERT_EQ(r.status, 0);
+    const auto rec = tu::read_file(s.dir / "rec.bin");
+    ASSERT_EQ(rec.size(), ref.size());
+    const double k = scale(0, 1, fs, 1);
+    size_t bad = 0, clipped = 0;
+    for (size_t i = 0; i < ref.size(); ++i) {
+        const double y = std::round(ref[i] * k), want = std::clamp(y, -fs, fs - 1);
+        clipped += y != want;
+        bad += int8_t(rec[i]) != want;
     }
+    EXPECT_EQ(bad, 0u);
+    EXPECT_GT(clipped, 0u);
+    EXPECT_EQ(num(fields(r.out), "clipped"), clipped);
 }
 
 // The device settings as the fake saw them (the filter after the rate), and
@@ -152,13 +266,13 @@ TEST(Play, BackOffRoundingAndSaturation) {
 TEST(Play, DeviceSettingsAndLoShift) {
     Scratch s(300);
     const auto ref = s.reference({"-i", "a.ts", "-I", "2x"});
-    const auto r = play(s.dir, "native=CF32,pace=0",
-                        {"-i", "a.ts", "-I", "2x", "-fc", "600e6", "-lo", "2e6", "-gain", "50", "-ge", "PA=5", "-bw",
-                         "8e6", "-ant", "TX"});
+    const auto r = run_play(s.dir, "native=CF32,pace=0",
+                            {"-i", "a.ts", "-I", "2x", "-fc", "600e6", "-lo", "2e6", "-gain", "50", "-ge", "PA=5",
+                             "-bw", "8e6", "-ge", "VGA=20", "-ant", "TX"});
     ASSERT_EQ(r.status, 0) << tu::read_text(s.dir / "err.txt");
     const Fields st = fields(tu::read_text(s.dir / "rec.bin.status"));
     EXPECT_EQ(num(st, "frequency"), 602e6);
-    EXPECT_EQ(num(st, "gain_VGA"), 47);
+    EXPECT_EQ(num(st, "gain_VGA"), 20) << "each -ge in turn";
     EXPECT_EQ(num(st, "gain_PA"), 5);
     EXPECT_EQ(num(st, "bandwidth"), 8e6);
     EXPECT_EQ(st.at("bandwidth_after_rate"), "1");
@@ -177,12 +291,13 @@ TEST(Play, DeviceSettingsAndLoShift) {
 
 // The fake paces in real time: the achieved rate over a few seconds is the
 // sample rate within 1 %; an injected underflow counts once however it is
-// reported; a producer made slow shows as late deliveries, and the device,
-// run dry, reports underflows of its own.
+// reported; input that stalls shows as late deliveries, and the device, run
+// dry, reports underflows of its own.
 TEST(Play, PacingUnderflowsAndLate) {
     Scratch s;
     s.reference({"-i", "a.ts", "-b", "5"});
-    auto r = play(s.dir, "buffer=2000000,record=/dev/null", {"-play", "ref.bin", "-b", "5", "-loop", "inf", "-t", "3"});
+    auto r =
+        run_play(s.dir, "buffer=2000000,record=/dev/null", {"-play", "ref.bin", "-b", "5", "-loop", "inf", "-t", "3"});
     ASSERT_EQ(r.status, 0) << tu::read_text(s.dir / "err.txt");
     Fields f = fields(r.out);
     const double rate = dvbSampleRate(0, 0);
@@ -193,13 +308,16 @@ TEST(Play, PacingUnderflowsAndLate) {
 
     for (const std::string report : {"underflow_report=status", "underflow_report=write", "log_underflow=1",
                                      "underflow_report=write,status_supported=0"}) {
-        r = play(s.dir, "pace=0,underflow_at=100000," + report, {"-i", "a.ts"});
+        r = run_play(s.dir, "pace=0,underflow_at=100000," + report, {"-i", "a.ts"});
         EXPECT_EQ(r.status, 0) << tu::read_text(s.dir / "err.txt");
         EXPECT_EQ(num(fields(r.out), "underflows"), 1) << report;
     }
-    r = play(s.dir, "buffer=20000,record=/dev/null", {"-i", "a.ts", "-buf", "0.01", "-t", "0.5"},
-             "env TERVANE_PLAY_TEST_DELAY_US=30000");
-    EXPECT_EQ(r.status, 0);
+    // Samples from a pipe that stalls for half a second once the stream runs.
+    r = run_play(s.dir, "buffer=20000,record=/dev/null", {"-play", "-", "-b", "5", "-buf", "0.01"},
+                 "(head -c 1000000 ref.bin; sleep 0.5; cat ref.bin) | env");
+    EXPECT_EQ(r.status, 0) << tu::read_text(s.dir / "err.txt");
+    EXPECT_EQ(num(fields(r.out), "samples"), (1000000 + tu::read_file(s.dir / "ref.bin").size()) / 8)
+        << "every sample of the pipe, across the stall";
     EXPECT_GT(num(fields(r.out), "late"), 0);
     EXPECT_GT(num(fields(r.out), "underflows"), 0) << "the device ran dry as well";
 }
@@ -208,20 +326,20 @@ TEST(Play, PacingUnderflowsAndLate) {
 // -loop 3 sends what tervane makes of the file three times over.
 TEST(Play, RateRefusedAndLoops) {
     Scratch s;
-    auto r = play(s.dir, "master_clock=30e6", {"-i", "a.ts"});
+    auto r = run_play(s.dir, "master_clock=30e6", {"-i", "a.ts"});
     EXPECT_EQ(r.status, 3);
     const std::string err = tu::read_text(s.dir / "err.txt");
     EXPECT_TRUE(tu::contains(err, "10000000.000 Hz") && tu::contains(err, "master")) << err;
     EXPECT_EQ(tu::read_file(s.dir / "rec.bin").size(), 0u);
     // 36.571428 MHz / 4 is the rate within a ppm.
-    EXPECT_EQ(play(s.dir, "master_clock=36571428.6,pace=0", {"-i", "a.ts", "-t", "0.1"}).status, 0);
+    EXPECT_EQ(run_play(s.dir, "master_clock=36571428.6,pace=0", {"-i", "a.ts", "-t", "0.1"}).status, 0);
 
     tu::Bytes three = tu::read_file(s.dir / "a.ts");
     const tu::Bytes one = three;
     for (int k = 0; k < 2; ++k) three.insert(three.end(), one.begin(), one.end());
     tu::write_file(s.dir / "three.ts", three);
     const auto ref = s.reference({"-i", "three.ts"});
-    r = play(s.dir, "native=CF32,pace=0", {"-i", "a.ts", "-loop", "3"});
+    r = run_play(s.dir, "native=CF32,pace=0", {"-i", "a.ts", "-loop", "3"});
     ASSERT_EQ(r.status, 0);
     const auto got = floats(tu::read_file(s.dir / "rec.bin"));
     ASSERT_EQ(got.size(), ref.size());
@@ -234,8 +352,8 @@ TEST(Play, RateRefusedAndLoops) {
 // Standard input that brings nothing is filled with null packets, on air.
 TEST(Play, SignalEndAndLiveInput) {
     Scratch s;
-    const auto r = play(s.dir, "native=CS8", {"-i", "a.ts", "-b", "5", "-loop", "inf"},
-                        "(sleep 1; kill -INT $(cat pid)) & echo $$ > pid; exec env");
+    const auto r = run_play(s.dir, "native=CS8", {"-i", "a.ts", "-b", "5", "-loop", "inf"},
+                            "(sleep 1; kill -INT $(cat pid)) & echo $$ > pid; exec env");
     EXPECT_EQ(r.status, 0) << tu::read_text(s.dir / "err.txt");
     EXPECT_GT(num(fields(r.out), "samples"), 0);
     const Fields st = fields(tu::read_text(s.dir / "rec.bin.status"));
@@ -243,7 +361,7 @@ TEST(Play, SignalEndAndLiveInput) {
     EXPECT_EQ(st.at("closed"), "1");
     EXPECT_EQ(num(st, "samples"), num(fields(r.out), "samples"));
 
-    const auto live = play(s.dir, "record=/dev/null", {"-i", "-", "-t", "0.5"}, "sleep 1 | env");
+    const auto live = run_play(s.dir, "record=/dev/null", {"-i", "-", "-t", "0.5"}, "sleep 1 | env");
     EXPECT_EQ(live.status, 0);
     const Fields f = fields(live.out);
     EXPECT_EQ(num(f, "samples"), std::llround(0.5 * dvbSampleRate(3, 0)));
@@ -255,7 +373,7 @@ TEST(Play, SignalEndAndLiveInput) {
 TEST(Play, Playback) {
     Scratch s;
     const auto ref = s.reference({"-i", "a.ts", "-m", "2k"});
-    auto r = play(s.dir, "native=CF32,pace=0", {"-play", "ref.bin", "-loop", "2"});
+    auto r = run_play(s.dir, "native=CF32,pace=0", {"-play", "ref.bin", "-loop", "2"});
     ASSERT_EQ(r.status, 0) << tu::read_text(s.dir / "err.txt");
     auto got = floats(tu::read_file(s.dir / "rec.bin"));
     ASSERT_EQ(got.size(), 2 * ref.size());
@@ -267,7 +385,7 @@ TEST(Play, Playback) {
     // The format and rate from SigMF metadata beside the file, as tervane-view writes it.
     std::ofstream(s.dir / "g_agi.sigmf-meta") << "{\"global\": {\"core:datatype\": \"ci16_be\", "
                                                  "\"core:sample_rate\": 9142857.142857143}}\n";
-    r = play(s.dir, "native=CF32,pace=0", {"-play", "g_agi.bin"});
+    r = run_play(s.dir, "native=CF32,pace=0", {"-play", "g_agi.bin"});
     ASSERT_EQ(r.status, 0) << tu::read_text(s.dir / "err.txt");
     got = floats(tu::read_file(s.dir / "rec.bin"));
     ASSERT_EQ(got.size(), ref.size());
@@ -281,7 +399,7 @@ TEST(Play, Playback) {
     ASSERT_EQ(tu::tervane(s.dir.path, {"-i", "a.ts", "-o", "h", "-d", "t", "-I", "2x", "-v", "0"}).status, 0);
     std::ofstream(s.dir / "h.sigmf-meta") << "{\"global\": {\"core:datatype\": \"cf32_le\", "
                                              "\"core:sample_rate\": 18285714.285714287}}\n";
-    r = play(s.dir, "native=CF32,pace=0", {"-play", "h.bin"});
+    r = run_play(s.dir, "native=CF32,pace=0", {"-play", "h.bin"});
     ASSERT_EQ(r.status, 0) << tu::read_text(s.dir / "err.txt");
     EXPECT_NEAR(num(fields(r.out), "rms_dbfs"), -12, 0.3);
     EXPECT_EQ(num(fields(tu::read_text(s.dir / "rec.bin.status")), "rate"), dvbSampleRate(3, 1));
@@ -345,7 +463,7 @@ TEST(Play, Errors) {
         {{"-i", "a.ts", "-ge", "LNA=3"}, 3},
     };
     for (const auto& [args, status] : cases) {
-        const auto r = play(s.dir, "", args);
+        const auto r = run_play(s.dir, "", args);
         const std::string err = tu::read_text(s.dir / "err.txt");
         EXPECT_EQ(r.status, status) << args[2] << ": " << err;
         EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
