@@ -34,11 +34,11 @@ TEST(Companions, ShowTheOneVersionAndTheTransmittersTables) {
     }
     // Python reads the version, the 8k continual pilots and the sample rates from the generated module.
     const auto py = tu::run(dir.path, "/usr/bin/python3",
-                            {"-c", "import sys; sys.path.insert(0, '" + build +
-                                       "/python'); "
-                                       "from tervane_companions import tables as t; "
-                                       "print(t.VERSION, *t.CPILOT, *('%.17g' % x for x in t.FS), *t.GUARD_DIV, "
-                                       "*t.INTERP, *t.FILTER_DELAY)"});
+                            {"-B", "-c",
+                             "import sys; sys.path.insert(0, '" TERVANE_SOURCE_DIR "/companions'); "
+                             "from tervane_companions import tables as t; "
+                             "print(t.VERSION, *t.CPILOT, *('%.17g' % x for x in t.FS), *t.GUARD_DIV, "
+                             "*t.INTERP, *t.FILTER_DELAY)"});
     std::ostringstream want;
     want << TERVANE_VERSION;
     for (int32_t k : cpilot) want << ' ' << k;

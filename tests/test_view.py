@@ -21,7 +21,9 @@ except ImportError:
     print("SKIP: Debian's python3-numpy and python3-matplotlib are needed by tervane-view")
     sys.exit(77)
 
-TERVANE, TSGEN, VIEW = (os.environ[v] for v in ("TERVANE_EXE", "TSGEN_EXE", "TERVANE_VIEW"))
+TERVANE, TSGEN = (os.environ[v] for v in ("TERVANE_EXE", "TSGEN_EXE"))
+# The viewer as a module of the package in the source tree (PYTHONPATH names its parent).
+VIEW = ("/usr/bin/python3", "-m", "tervane_companions.view")
 FS8 = 64e6 / 7
 
 
@@ -89,7 +91,7 @@ class Runs(unittest.TestCase):
         if key not in self.runs:
             tx = run(self.dir, TERVANE, "-i", "in.ts", *args, "-d", tx_dumps, "-v", "0")
             self.assertEqual(tx.returncode, 0, tx.stderr)
-            rv = run(self.dir, VIEW, "-i", "in.ts", *args, *view_extra)
+            rv = run(self.dir, *VIEW, "-i", "in.ts", *args, *view_extra)
             self.assertEqual(rv.returncode, 0, rv.stderr)
             self.runs[key] = rv.stdout
         return self.runs[key], figures(self.runs[key])
@@ -176,24 +178,24 @@ class View8k(Runs):
 class Cli(unittest.TestCase):
     def test_help_version_errors(self):
         with tempfile.TemporaryDirectory(prefix="tervane-view-") as d:
-            usage = run(d, VIEW, "-i", "x.ts", "-h")
+            usage = run(d, *VIEW, "-i", "x.ts", "-h")
             self.assertEqual(usage.returncode, 0)
             self.assertIn("-fc HZ", usage.stdout)
             # The version and a refusal in one line are the companions test's; here what they name.
-            self.assertIn("none.bin", run(d, VIEW, "-o", "none").stderr)
-            r = run(d, "/usr/bin/python3", "-S", VIEW, "-o", "none")
+            self.assertIn("none.bin", run(d, *VIEW, "-o", "none").stderr)
+            r = run(d, "/usr/bin/python3", "-S", *VIEW[1:], "-o", "none")
             self.assertEqual((r.returncode, len(r.stderr.strip().splitlines())), (1, 1), r.stderr)
             self.assertIn("python3-numpy python3-matplotlib", r.stderr)
             with open(os.path.join(d, "bad.bin"), "wb") as f:
                 f.write(b"\0" * 12)                               # not whole float32 pairs
-            bad = run(d, VIEW, "-o", "bad", "-d", "t")
+            bad = run(d, *VIEW, "-o", "bad", "-d", "t")
             self.assertEqual((bad.returncode, bad.stderr.count("\n")), (1, 1), bad.stderr)
             self.assertFalse([f for f in os.listdir(d) if f.endswith((".png", ".sigmf-meta"))])
             # A picture that cannot be written is an error naming it, not a silent gap.
             subprocess.run([TSGEN, "-o", "a.ts", "-n", "100"], cwd=d, check=True)
             subprocess.run([TERVANE, "-i", "a.ts", "-o", "a", "-d", "t", "-v", "0"], cwd=d, check=True)
             os.symlink("/dev/full", os.path.join(d, "a_ccdf.png"))
-            full = run(d, VIEW, "-i", "a.ts", "-o", "a")
+            full = run(d, *VIEW, "-i", "a.ts", "-o", "a")
             self.assertEqual((full.returncode, full.stderr), (1, "tervane-view: writing a_ccdf.png failed: No space left on device\n"))
 
 

@@ -9,6 +9,7 @@ spellings and rules.
 
 import os
 import select
+import sys
 import threading
 
 from .files import Fail, is_input, report, sample_file, start
@@ -172,3 +173,7 @@ def main(argv):
     print(f"Output: {opts['-o']}, {size // TS_PACKET} packets" + (f" and {size % TS_PACKET} bytes" if size % TS_PACKET else ""))
     return 0
 
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))

@@ -162,3 +162,7 @@ def main(argv):
         shutil.rmtree(work, ignore_errors=True)
     return 0
 
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))

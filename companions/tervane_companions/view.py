@@ -523,3 +523,7 @@ def main(argv):
     return 0
 
 
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))
