@@ -21,6 +21,8 @@ except ImportError:
     print("SKIP: Debian's python3-numpy and python3-matplotlib are needed by tervane-view")
     sys.exit(77)
 
+from tervane_companions.tables import VERSION  # noqa: E402
+
 TERVANE, TSGEN = (os.environ[v] for v in ("TERVANE_EXE", "TSGEN_EXE"))
 # The viewer as a module of the package in the source tree (PYTHONPATH names its parent).
 VIEW = ("/usr/bin/python3", "-m", "tervane_companions.view")
@@ -112,7 +114,7 @@ class Runs(unittest.TestCase):
         with open(self.path(datafile), "rb") as f:
             self.assertEqual(g["core:sha512"], hashlib.sha512(f.read()).hexdigest())
         self.assertEqual(meta["captures"][0]["core:sample_start"], 0)
-        self.assertIn("2.1b", g["core:recorder"])
+        self.assertEqual(g["core:recorder"], f"tervane {VERSION}")
         self.assertAlmostEqual(fig["Sample rate"], rate / 1e6, places=5)
         for kind in ("psd", "constellation", "carriers", "ccdf"):
             with open(self.path(f"{stem}_{kind}.png"), "rb") as f:
