@@ -141,3 +141,37 @@ TEST(Tsgen, BadArgumentsAndFailedWrites) {
 }
 
 }  // namespace
+
+// Every command of the README, in order, in one scratch directory: the set-up
+// command's build is the one under test, the test command is this suite, and
+// the player's device is the fake one with that device's format and gains.
+TEST(Readme, EveryCommandRuns) {
+    if (std::system("/usr/bin/python3 -c 'import numpy, matplotlib, gnuradio.dtv' >/dev/null 2>&1") != 0)
+        GTEST_SKIP() << "the tour needs Debian's python3-numpy, python3-matplotlib and gnuradio";
+    const std::string build = TERVANE_BUILD_DIR, prefix = "cmake -S . -B build && cmake --build build -j2 && ";
+    std::istringstream readme(tu::read_text(TERVANE_SOURCE_DIR "/README.md"));
+    tu::TempDir dir;
+    int commands = 0;
+    bool block = false;
+    for (std::string line; std::getline(readme, line);) {
+        if (line.starts_with("```")) block = line == "```sh";
+        if (!block || line.starts_with("```") || line.empty()) continue;
+        if (line.starts_with(prefix)) line = line.substr(prefix.size());
+        if (line.starts_with("ctest ")) continue;
+        for (size_t at; (at = line.find("./build/")) != std::string::npos;) line.replace(at, 8, build + "/");
+        if (tu::contains(line, "tervane-play")) {
+#ifndef TERVANE_PLAY_EXE
+            continue;
+#else
+            line.replace(line.find("driver=hackrf"), 13,
+                         "driver=tervanefake,pace=0,record=/dev/null,native=CS8,rate_max=20e6");
+            line = "SOAPY_SDR_PLUGIN_PATH=" TERVANE_SOAPY_FAKE " " + line;
+#endif
+        }
+        SCOPED_TRACE(line);
+        const auto r = tu::run(dir.path, "sh", {"-c", line});
+        EXPECT_EQ(r.status, 0) << tu::read_text(dir / "err.txt");
+        ++commands;
+    }
+    EXPECT_GE(commands, 10);
+}

@@ -405,10 +405,10 @@ TEST(Play, Playback) {
     EXPECT_EQ(num(fields(tu::read_text(s.dir / "rec.bin.status")), "rate"), dvbSampleRate(3, 1));
 }
 
-// The README's examples as they stand, each device's arguments replaced by
-// the fake's with that device's format, full scale, rate limit, gains and
+// The manual page's examples as they stand, each device's arguments replaced
+// by the fake's with that device's format, full scale, rate limit, gains and
 // antennas, no pacing, and the run cut short.
-TEST(Play, ReadmeExamplesRunAgainstTheFake) {
+TEST(Play, ManualExamplesRunAgainstTheFake) {
     Scratch s;
     ASSERT_EQ(tu::run(s.dir.path, TSGEN_EXE, {"-o", "mux.ts", "-n", "3000"}).status, 0);
     const std::map<std::string, std::string> devices{
@@ -416,13 +416,8 @@ TEST(Play, ReadmeExamplesRunAgainstTheFake) {
         {"uhd", "master_clock="},  // the example's master_clock_rate follows
         {"bladerf", "fullscale=2048"},
         {"lime", "fullscale=32767,antennas=NONE/BAND1/BAND2"}};
-    const std::string readme = tu::read_text(TERVANE_SOURCE_DIR "/README.md");
-    const size_t from = readme.find("```sh", readme.find("## On air"));
-    ASSERT_NE(from, std::string::npos);
-    std::istringstream block(readme.substr(from + 6, readme.find("```", from + 6) - from - 6));
     int examples = 0;
-    for (std::string line; std::getline(block, line);) {
-        if (line.empty() || line[0] == '#') continue;
+    for (const std::string& line : tu::manual_examples(TERVANE_SOURCE_DIR "/companions/tervane-play/tervane-play.1")) {
         SCOPED_TRACE(line);
         std::istringstream words(line);
         std::string cmd = "env SOAPY_SDR_PLUGIN_PATH=" TERVANE_SOAPY_FAKE;

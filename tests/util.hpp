@@ -13,6 +13,7 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <sstream>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -97,6 +98,30 @@ inline Bytes make_ts(size_t packets, unsigned seed = 1) {
         ts[i] = (i % 188 == 0) ? 0x47 : static_cast<unsigned char>(x >> 24);
     }
     return ts;
+}
+
+// The command lines of a manual page's EXAMPLES section (.EX to .EE), its escapes undone.
+inline std::vector<std::string> manual_examples(const fs::path& page) {
+    std::vector<std::string> lines;
+    std::istringstream text(read_text(page));
+    bool section = false, in = false;
+    for (std::string line; std::getline(text, line);) {
+        if (line.starts_with(".SH")) section = line == ".SH EXAMPLES";
+        else if (line == ".EX" || line == ".EE") in = line == ".EX";
+        else if (in && section) {
+            std::string plain;
+            for (size_t i = 0; i < line.size(); ++i) {
+                if (line[i] == '\\' && i + 1 < line.size()) {
+                    plain += line[i + 1] == 'e' ? '\\' : line[i + 1];
+                    ++i;
+                } else {
+                    plain += line[i];
+                }
+            }
+            lines.push_back(plain);
+        }
+    }
+    return lines;
 }
 
 // What f prints on standard output.
