@@ -368,6 +368,44 @@ TEST(Play, SignalEndAndLiveInput) {
     EXPECT_GT(num(f, "nulls"), 100);
 }
 
+// Every fault ends on its own, in bounded time (a watchdog kills the player
+// four seconds after the start, which fails the status check), with the summary
+// line: a device lost mid-stream (status 3, the driver's error named), a
+// device that stops taking samples (status 3 after -stall, no underflow
+// counted), and SIGINT, SIGTERM or SIGHUP in any state, the write to a stalled
+// device and the wait for the end of the burst included (status 0).
+TEST(Play, EveryFaultEndsInBoundedTime) {
+    Scratch s;
+    const auto guarded = [&](const std::string& devargs, const std::vector<std::string>& args,
+                             const std::string& signal = "") {
+        std::string prefix = "echo $$ > pid; exec timeout -s KILL 4 env";
+        if (!signal.empty()) prefix = "(sleep 0.5; kill -" + signal + " $(cat pid)) >/dev/null 2>&1 & " + prefix;
+        const auto r = run_play(s.dir, devargs, args, prefix);
+        EXPECT_TRUE(tu::contains(r.out, "samples=")) << "the summary line";
+        return r;
+    };
+    auto r = guarded("pace=0,lose_at=100000", {"-i", "a.ts", "-loop", "inf"});
+    EXPECT_EQ(r.status, 3);
+    const std::string err = tu::read_text(s.dir / "err.txt");
+    EXPECT_TRUE(tu::contains(err, "[driver] tervanefake: device lost") && tu::contains(err, "STREAM_ERROR")) << err;
+    EXPECT_EQ(num(fields(r.out), "samples"), 100000);
+
+    r = guarded("pace=0,stall_at=50000,record=/dev/null", {"-i", "a.ts", "-loop", "inf", "-stall", "0.5"});
+    EXPECT_EQ(r.status, 3);
+    EXPECT_TRUE(tu::contains(tu::read_text(s.dir / "err.txt"), "device stalled: it took no sample for 0.5 s"));
+    EXPECT_EQ(num(fields(r.out), "samples"), 50000);
+    EXPECT_EQ(num(fields(r.out), "underflows"), 0) << "timeouts are not underflows";
+
+    for (const std::string sig : {"INT", "TERM", "HUP"}) {
+        SCOPED_TRACE(sig);
+        EXPECT_EQ(guarded("pace=0,stall_at=50000,record=/dev/null", {"-i", "a.ts", "-loop", "inf"}, sig).status, 0);
+        // Played out by the clock: without the signal the wait would last the 5 s sent.
+        EXPECT_EQ(guarded("pace=0,status_supported=0,record=/dev/null", {"-i", "a.ts", "-loop", "inf", "-t", "5"}, sig)
+                      .status,
+                  0);
+    }
+}
+
 // Playback of a finished output: std samples scaled as live ones, agi codes
 // through their scale; a file that is not whole superframes is warned about.
 TEST(Play, Playback) {

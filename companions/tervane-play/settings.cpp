@@ -30,12 +30,14 @@ const char kUsage[] =
     "  -bo DB        back-off of the complex RMS below full scale (12)\n"
     "  -buf SECONDS  sample ring between the chain and the device (0.5)\n"
     "  -t SECONDS    stop after this much air time\n"
+    "  -stall SECONDS  end with status 3 when the device takes nothing this long (2)\n"
     "  -loop N|inf   play the input N times in all, or without end\n"
     "  -play FILE    play a tervane output file (format and rate from -F, -b, -I or\n"
     "                its SigMF metadata), or - for samples on standard input\n"
     "  At the end: samples=N seconds=X rate=X underflows=N late=N clipped=N\n"
     "  peak_dbfs=X rms_dbfs=X loops=N nulls=N on standard output.\n"
-    "  Exit status: 0 normal end, 1 usage or input error, 3 device error.\n";
+    "  Exit status: 0 normal end (also on SIGINT, SIGTERM, SIGHUP), 1 usage or input\n"
+    "  error, 3 device error (not found, refused, lost or stalled).\n";
 
 // A text option's value: the parser leaves an empty text when it is not given.
 const char* given(const char* text) { return text != nullptr && text[0] != '\0' ? text : nullptr; }
@@ -80,14 +82,15 @@ Settings read_settings(int argc, char** argv) {
     // The parser's text blocks live as long as the process, as tervane's settings do.
     static char *dev = nullptr, *ant = nullptr, *loop = nullptr, *play = nullptr, *ge = nullptr;
     static char *fc = nullptr, *gain = nullptr, *bw = nullptr, *lo = nullptr, *limit = nullptr, *bo = nullptr,
-                *buf = nullptr;
+                *buf = nullptr, *stall = nullptr;
     const dvbOption own[] = {
-        {.name = "-dev", .kind = dvbString, .target = &dev},   {.name = "-fc", .kind = dvbString, .target = &fc},
-        {.name = "-gain", .kind = dvbString, .target = &gain}, {.name = "-ge", .kind = dvbString, .target = &ge},
-        {.name = "-bw", .kind = dvbString, .target = &bw},     {.name = "-ant", .kind = dvbString, .target = &ant},
-        {.name = "-lo", .kind = dvbString, .target = &lo},     {.name = "-t", .kind = dvbString, .target = &limit},
-        {.name = "-bo", .kind = dvbString, .target = &bo},     {.name = "-buf", .kind = dvbString, .target = &buf},
-        {.name = "-loop", .kind = dvbString, .target = &loop}, {.name = "-play", .kind = dvbString, .target = &play},
+        {.name = "-dev", .kind = dvbString, .target = &dev},     {.name = "-fc", .kind = dvbString, .target = &fc},
+        {.name = "-gain", .kind = dvbString, .target = &gain},   {.name = "-ge", .kind = dvbString, .target = &ge},
+        {.name = "-bw", .kind = dvbString, .target = &bw},       {.name = "-ant", .kind = dvbString, .target = &ant},
+        {.name = "-lo", .kind = dvbString, .target = &lo},       {.name = "-t", .kind = dvbString, .target = &limit},
+        {.name = "-bo", .kind = dvbString, .target = &bo},       {.name = "-buf", .kind = dvbString, .target = &buf},
+        {.name = "-loop", .kind = dvbString, .target = &loop},   {.name = "-play", .kind = dvbString, .target = &play},
+        {.name = "-stall", .kind = dvbString, .target = &stall},
     };
     companion::parse_options(argc, argv, {std::span<const dvbOption>(options), std::span<const dvbOption>(own)});
     verbosity = 0;  // the chain prints nothing
@@ -113,6 +116,8 @@ Settings read_settings(int argc, char** argv) {
     s.backoff = real("-bo", bo).value_or(12);
     s.buf = real("-buf", buf).value_or(0.5);
     if (s.buf <= 0 || s.buf > 60) companion::fail("-buf: \"%s\" is not between 0 and 60 seconds", buf);
+    s.stall = real("-stall", stall).value_or(2);
+    if (s.stall < 0.1 || s.stall > 3600) companion::fail("-stall: \"%s\" is not between 0.1 and 3600 seconds", stall);
     if (given(loop) != nullptr) {
         if (std::strcmp(loop, "inf") == 0) {
             s.loops = 0;

@@ -14,6 +14,7 @@ struct Settings {
     std::string dev;  // SoapySDR device arguments
     std::optional<double> fc, gain, bw, limit;
     double lo = 0, backoff = 12, buf = 0.5;
+    double stall = 2;                                   // seconds the device may take no sample before the run ends
     std::vector<std::pair<std::string, double>> gains;  // -ge NAME=DB, in order
     std::string ant;
     long loops = 1;            // plays of the input in all; 0 for no end

@@ -22,13 +22,15 @@ struct Stats {
     Clock::time_point start = Clock::now(), end = start;
 };
 
-// SIGINT and SIGTERM end the run cleanly: installed before any thread starts.
+// SIGINT, SIGTERM and SIGHUP end the run cleanly: installed before any thread starts.
 void install_signal_handlers();
 
 // Waits for the ring to fill, then streams from it until the producer is
 // done, to_send samples have gone or a signal came, ends the burst and waits
-// until the device has played it out. Returns the stream failure, if any.
-std::string stream(Device& d, Ring& ring, const Converter& conv, double rate, uint64_t to_send, Stats& st);
+// until the device has played it out; after a signal, all of that within
+// about a second. Returns the stream's failure, if any: an error of the
+// driver (a device lost), or a device that took no sample for the stall time.
+std::string stream(Device& d, Ring& ring, const Converter& conv, const Settings& s, uint64_t to_send, Stats& st);
 
 // The summary line on standard output.
 void print_summary(const Stats& st, const Converter& conv, const Producer& prod);

@@ -40,11 +40,11 @@ int main(int argc, char** argv) {
     std::thread producer([&] { prod.run(); });
 
     play::Stats st;
-    const std::string failure = play::stream(d, ring, conv, s.rate, to_send, st);
+    const std::string failure = play::stream(d, ring, conv, s, to_send, st);
     ring.stop();
     producer.join();
     d.close();
-    if (!failure.empty()) companion::fail_status(play::kDeviceError, "stream failure: %s", failure.c_str());
     play::print_summary(st, conv, prod);
+    if (!failure.empty()) companion::fail_status(play::kDeviceError, "stream failure: %s", failure.c_str());
     return 0;
 }

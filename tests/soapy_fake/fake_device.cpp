@@ -17,6 +17,10 @@
 //                        taken nothing, or only the "underflows" sensor counts it
 //   status_supported=1|0 (1) 0: readStreamStatus returns NOT_SUPPORTED
 //   log_underflow=1|0    (0) log "U" at SSI level for the injected underflow too (real ones always)
+//   stall_at=N           once N samples are written the device stops playing: its buffer stays
+//                        full, writes time out, and a burst is never played out
+//   lose_at=N            once N samples are written the device is lost: every write and status
+//                        read fails with SOAPY_SDR_STREAM_ERROR, after an error in the log
 //   gains=NAME:MAX/...   (PA:14/VGA:47) the gain elements, RF first, each from 0 to MAX dB
 //   antennas=NAME/...    (TX) the antennas, the first one selected
 //   fail=make            the factory throws
@@ -103,6 +107,8 @@ public:
           rateMax_(number(args, "rate_max", 61.44e6)),
           capacity_(number(args, "buffer", 65536)),
           underflowAt_(number(args, "underflow_at", -1)),
+          stallAt_(number(args, "stall_at", -1)),
+          loseAt_(number(args, "lose_at", -1)),
           report_(arg(args, "underflow_report", "status")),
           recordPath_(arg(args, "record", "")),
           pace_(arg(args, "pace", "1") != "0"),
@@ -120,6 +126,7 @@ public:
         if (report_ != "status" && report_ != "write" && report_ != "none") fail("bad underflow_report " + report_);
         if (capacity_ < 1 || capacity_ > 1e9 || capacity_ != std::floor(capacity_)) fail("bad buffer");
         if (underflowAt_ != std::floor(underflowAt_)) fail("bad underflow_at");
+        if (stallAt_ != std::floor(stallAt_) || loseAt_ != std::floor(loseAt_)) fail("bad stall_at or lose_at");
         if (!(rateMax_ > 0)) fail("bad rate_max");
         rate_ = takeRate(1e6);
         if (!recordPath_.empty() && !(record_ = std::fopen(recordPath_.c_str(), "wb")))
@@ -206,14 +213,17 @@ public:
             const auto now = Clock::now();
             drain(now);
             inject();
+            if (lost()) return SOAPY_SDR_STREAM_ERROR;
             if (writeUnderflows_ > 0) {
                 --writeUnderflows_;
                 return SOAPY_SDR_UNDERFLOW;
             }
             size_t want = std::min({numElems, kMtu, size_t(capacity_)});
             if (underflowAt_ >= 0 && !injected_) want = size_t(std::min(double(want), underflowAt_ - samples_));
+            for (const double at : {stallAt_, loseAt_})
+                if (at > samples_) want = size_t(std::min(double(want), at - samples_));
             const double room = capacity_ - level_;
-            if (!pace_ || room >= double(want)) {
+            if ((!pace_ && !stalled()) || room >= double(want)) {
                 accept(buffs[0], want, endBurst && want == numElems);
                 return int(want);
             }
@@ -236,6 +246,7 @@ public:
             drain(now);
             chanMask = 1;
             flags = 0;
+            if (lost()) return SOAPY_SDR_STREAM_ERROR;
             if (statusUnderflows_ > 0) {
                 --statusUnderflows_;
                 return SOAPY_SDR_UNDERFLOW;
@@ -400,9 +411,23 @@ private:
         return masterClock_ / std::max({1.0, std::round(masterClock_ / rate), std::ceil(masterClock_ / rateMax_)});
     }
 
+    bool stalled() const { return stallAt_ >= 0 && samples_ >= stallAt_; }
+    // Lost once lose_at samples are written; says so in the log once.
+    bool lost() {
+        if (loseAt_ < 0 || samples_ < loseAt_) return false;
+        if (!lostLogged_) SoapySDR::log(SOAPY_SDR_ERROR, "tervanefake: device lost (lose_at)");
+        lostLogged_ = true;
+        return true;
+    }
     // Plays the buffer out at the sample rate up to now. Running dry within a burst is an
-    // underflow (once per dry spell); after the end of a burst it completes the burst.
+    // underflow (once per dry spell); after the end of a burst it completes the burst. A
+    // stalled device plays nothing: without pacing its buffer counts as full.
     void drain(Clock::time_point now) {
+        if (stalled()) {
+            if (!pace_) level_ = capacity_;
+            last_ = now;
+            return;
+        }
         if (active_ && pace_ && !dry_) {
             level_ = std::max(level_ - std::chrono::duration<double>(now - last_).count() * rate_, 0.0);
             if (level_ == 0) {
@@ -435,7 +460,7 @@ private:
         inBurst_ = !endsBurst;
         if (endsBurst) {
             ++burstsEnded_;
-            if (!pace_ || dry_) playedOut_ = true;
+            if ((!pace_ || dry_) && !stalled()) playedOut_ = true;
         }
         wake_.notify_all();
     }
@@ -469,14 +494,15 @@ private:
     mutable std::mutex mutex_;
     std::condition_variable wake_;
     const std::string native_;
-    const double masterClock_, rateMax_, capacity_, underflowAt_;
+    const double masterClock_, rateMax_, capacity_, underflowAt_, stallAt_, loseAt_;
     const std::string report_, recordPath_;
     const bool pace_, statusSupported_, logInjected_;
     double fullScale_ = 0;
     std::FILE* record_ = nullptr;
     std::string format_;
     size_t elemSize_ = 4;
-    bool open_ = false, active_ = false, dry_ = true, inBurst_ = false, playedOut_ = false, injected_ = false;
+    bool open_ = false, active_ = false, dry_ = true, inBurst_ = false, playedOut_ = false, injected_ = false,
+         lostLogged_ = false;
     double level_ = 0, samples_ = 0;         // samples in the buffer, samples written in all
     Clock::time_point last_ = Clock::now();  // when the buffer was last drained
     long burstsEnded_ = 0, underflows_ = 0, statusUnderflows_ = 0, writeUnderflows_ = 0;
