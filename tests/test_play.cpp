@@ -384,13 +384,14 @@ TEST(Play, EveryFaultEndsInBoundedTime) {
         EXPECT_TRUE(tu::contains(r.out, "samples=")) << "the summary line";
         return r;
     };
-    auto r = guarded("pace=0,lose_at=100000", {"-i", "a.ts", "-loop", "inf"});
+    auto r = guarded("pace=0,lose_at=100000", {"-i", "a.ts", "-loop", "inf", "-buf", "0.05"});
     EXPECT_EQ(r.status, 3);
     const std::string err = tu::read_text(s.dir / "err.txt");
     EXPECT_TRUE(tu::contains(err, "[driver] tervanefake: device lost") && tu::contains(err, "STREAM_ERROR")) << err;
     EXPECT_EQ(num(fields(r.out), "samples"), 100000);
 
-    r = guarded("pace=0,stall_at=50000,record=/dev/null", {"-i", "a.ts", "-loop", "inf", "-stall", "0.5"});
+    r = guarded("pace=0,stall_at=50000,record=/dev/null",
+                {"-i", "a.ts", "-loop", "inf", "-buf", "0.05", "-stall", "0.5"});
     EXPECT_EQ(r.status, 3);
     EXPECT_TRUE(tu::contains(tu::read_text(s.dir / "err.txt"), "device stalled: it took no sample for 0.5 s"));
     EXPECT_EQ(num(fields(r.out), "samples"), 50000);

@@ -22,10 +22,10 @@
 
 int main(int argc, char** argv) {
     companion::start("tervane-play");
+    play::install_signal_handlers();
     const play::Settings s = play::read_settings(argc, argv);
     play::Inputs in;
     play::open_inputs(s, in);
-    play::install_signal_handlers();
 
     play::Device d;
     play::device_open(d, s);
