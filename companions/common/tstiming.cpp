@@ -479,17 +479,21 @@ void FileFacts::packet(const uint8_t* p) {
 void FileFacts::finish(const SlotClock& fallback) {
     tl_.fallback_num = static_cast<int64_t>(fallback.num), tl_.fallback_den = static_cast<int64_t>(fallback.den);
     span = tl_.at(static_cast<int64_t>(packets)) - tl_.at(0);
+    // The presentation span of the stream stamped most often (a video stream,
+    // one PES packet a frame; audio often packs several frames in one): from
+    // its first to its last time, plus one frame, its smallest step.
     media = 0;
-    for (auto& [id, v] : pts_) {
-        // Relative to the first, across the wrap; one frame: the smallest step.
-        std::vector<int64_t> u;
+    const auto most = std::max_element(pts_.begin(), pts_.end(),
+                                       [](const auto& a, const auto& b) { return a.second.size() < b.second.size(); });
+    if (most != pts_.end()) {
+        const std::vector<int64_t>& v = most->second;
+        std::vector<int64_t> u;  // relative to the first, across the wrap
         for (const int64_t x : v) u.push_back(wrap_diff(x, v[0], kPtsWrap));
         std::sort(u.begin(), u.end());
         u.erase(std::unique(u.begin(), u.end()), u.end());
-        if (u.size() < 2) continue;
-        int64_t step = INT64_MAX;
-        for (size_t i = 1; i < u.size(); ++i) step = std::min(step, u[i] - u[i - 1]);
-        media = std::max(media, (u.back() - u.front() + step) * 300);
+        int64_t step = 0;
+        for (size_t i = 1; i < u.size(); ++i) step = i == 1 ? u[1] - u[0] : std::min(step, u[i] - u[i - 1]);
+        if (u.size() >= 2) media = (u.back() - u.front() + step) * 300;
     }
     duration = std::max(span, media);
     duration = (duration + 299) / 300 * 300;

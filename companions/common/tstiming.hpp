@@ -329,7 +329,7 @@ struct FileFacts {
     bool any_pcr = false;
     int64_t duration = 0;  // ticks, a multiple of 300: what a loop adds to PCR, PTS and DTS
     int64_t span = 0;      // ticks from the first packet to the end of the last on the master's clock
-    int64_t media = 0;     // ticks: the longest stream's presentation span and one frame
+    int64_t media = 0;     // ticks: the presentation span of the stream stamped most often, and one frame
     struct Counter {
         int first = -1, last = -1;  // first counter, last with a payload
         bool first_payload = false;
