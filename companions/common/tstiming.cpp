@@ -284,7 +284,8 @@ void Scheduler::decide(Mode m) {
 }
 
 void Scheduler::resolve(int64_t up_to) {
-    for (; resolved_ < q_.size() && q_[resolved_].n <= up_to; ++resolved_) q_[resolved_].t = tl_.at(q_[resolved_].n);
+    for (; resolved_ < q_.size() && q_[resolved_].n <= up_to; ++resolved_)
+        q_[resolved_].t = tl_.at(q_[resolved_].n), q_[resolved_].ready = clock.floor(k_);
 }
 
 void Scheduler::resolve_all() { resolve(INT64_MAX); }
@@ -338,6 +339,8 @@ void Scheduler::end() { ended_ = true; }
 
 void Scheduler::slip(int64_t by) {
     d_ += by;
+    // Moved earlier, what is held is due at once: late, but not for the channel's want of room.
+    if (by < 0) slack_ += -by;
     for (TimeBase& b : bases_) b.c = mod(b.c - by, kPcrWrap), b.pending = true;
     ++stats.slips;
 }
@@ -434,8 +437,11 @@ Pull Scheduler::pull(Packet& out) {
             emit(out, null, true);
             return Pull::packet;
         }
-        const int64_t late = t - due;
-        if (late > cfg.max_late && cfg.drop_late) {
+        // Late for the channel: live, counted from when the packet came and its
+        // time was known, whichever is later (a late input is the slips' business).
+        const int64_t late = t - (cfg.live ? std::max(due, h.ready) : due);
+        if (late <= 0) slack_ = 0;
+        if (late > cfg.max_late + slack_ && cfg.drop_late) {
             ++stats.dropped_late;
             q_.pop_front(), --resolved_;
             continue;

@@ -241,13 +241,16 @@ struct Config {
     // names no PCR PID or no PCR comes within decide_packets.
     Mode start = Mode::undecided;
     // Live: packets are timed by their arrival on the output clock (the
-    // device's), wait nominally `latency` ticks, and the mapping slips when
-    // their input time drifts out of [-max_late, 2 x latency] around it.
-    // Otherwise the first packet goes in slot 0 and the mapping never moves.
+    // device's): the first waits `latency` ticks, and the mapping slips back to
+    // that when a PCR of the master comes more than max_late after its time or
+    // more than 2 x latency before it. Otherwise the first packet goes in slot
+    // 0 and the mapping never moves. Either way, a packet's time is known when
+    // the master's next PCR has come: latency must exceed the PCRs' interval.
     bool live = false;
     int64_t latency = 250 * kTicksPerMs;
-    // A packet that would leave later than this after its time: dropped when
-    // drop_late, else counted (a file's dry run refuses the input on it).
+    // A packet that would leave later than this after its time (live: after
+    // its time, its arrival and the PCR that gave its time) for want of room:
+    // dropped when drop_late, else counted (a file's dry run refuses the input on it).
     int64_t max_late = 100 * kTicksPerMs;
     bool drop_late = true;
     // A PCR-only packet is inserted on a PCR PID whose last PCR left this long
@@ -290,7 +293,7 @@ struct Scheduler {
 private:
     struct Held {
         Packet p;
-        int64_t n = 0, t = 0, arrival = 0;
+        int64_t n = 0, t = 0, arrival = 0, ready = 0;  // input number and time; slot times it came and got its time
         bool jump = false;
     };
     struct TimeBase {
@@ -310,6 +313,7 @@ private:
     std::array<int8_t, 8192> last_cc_;
     int64_t busy_from_ = 0;
     bool busy_ = false;
+    int64_t slack_ = 0;  // lateness allowed beyond max_late while catching up after a slip back
 
     void decide(Mode m);
     void resolve(int64_t up_to);

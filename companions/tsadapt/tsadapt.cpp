@@ -199,9 +199,9 @@ struct Output {
     const double due = static_cast<double>(st.busy_due - st.busy_from) + slot;
     fail(
         "the input needs %.6f Mbit/s for its packets over %.3f s (from %.3f s on), more than the channel's useful "
-        "rate of %.6f Mbit/s (%s): they would leave up to %.0f ms late",
+        "rate of %.6f Mbit/s (%s): they would leave more than %.0f ms late",
         mbps(s.rate.bps() * carried / due), due / tt::kTicksPerSecond, seconds(st.busy_from), mbps(s.rate.bps()),
-        s.channel.c_str(), static_cast<double>(st.max_late) / tt::kTicksPerMs);
+        s.channel.c_str(), static_cast<double>(sch.cfg.max_late) / tt::kTicksPerMs);
 }
 
 tt::Config config(const Settings& s, const tt::FileFacts* facts) {
@@ -256,10 +256,10 @@ void report(const Settings& s, const tt::Scheduler& sch, const tt::FileFacts* fa
         std::snprintf(text, sizeof text, "%s0x%04X", pcr_pids.empty() ? "" : ", ", g.pcr_pid);
         pcr_pids += g.known ? text : "";
     }
-    std::fprintf(r, "Input: %llu packets, %llu of them null; %llu bytes skipped; %zu programmes%s%s\n",
+    std::fprintf(r, "Input: %llu packets, %llu of them null; %llu bytes skipped; %zu programme%s%s%s\n",
                  static_cast<unsigned long long>(st.in), static_cast<unsigned long long>(st.in_nulls),
                  static_cast<unsigned long long>(skipped), sch.programmes.list.size(),
-                 pcr_pids.empty() ? "" : ", PCR PIDs ", pcr_pids.c_str());
+                 sch.programmes.list.size() == 1 ? "" : "s", pcr_pids.empty() ? "" : ", PCR PIDs ", pcr_pids.c_str());
     if (sch.mode == tt::Mode::paced)
         std::fprintf(r, "Timing: paced by the PCRs of PID 0x%04X; null packets dropped; largest delay %.3f ms\n",
                      static_cast<unsigned>(sch.master), static_cast<double>(st.max_late) / tt::kTicksPerMs);

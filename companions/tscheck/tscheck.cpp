@@ -65,8 +65,6 @@ constexpr double kPcrAccuracyNs = 500;
 constexpr int64_t kPcrRepetition = 40 * tstiming::kTicksPerMs;
 constexpr int64_t kPcrDiscontinuity = 100 * tstiming::kTicksPerMs;
 constexpr int64_t kPtsRepetition = 700 * tstiming::kTicksPerMs;
-// A PCR that steps back or more than this forward starts a new time base for the fit.
-constexpr int64_t kPcrJump = tstiming::kTicksPerSecond;
 
 // The file through a window that slides forward: any size in little memory.
 class Input {
@@ -288,20 +286,19 @@ private:
                 continue;
             }
             const int64_t d = tt::wrap_diff(s.pcrs[i].value, s.pcrs[i - 1].value, tt::kPcrWrap);
-            const bool jump = d < 0 || d > kPcrJump;
-            if (!s.pcrs[i].signalled) {
-                if (jump || d > kPcrDiscontinuity) {
-                    ++discontinuity_errors;
-                    std::printf("PCR discontinuity without its indicator on PID 0x%04X at byte %llu: %+.3f ms\n", pid,
-                                ull(s.pcrs[i].pos - 10), static_cast<double>(d) / tt::kTicksPerMs);
-                }
-                if (!jump) {
-                    pcr_gap = std::max(pcr_gap, d);
-                    if (d > kPcrRepetition) ++repetition_errors;
-                }
+            // A step back or of more than 100 ms: a new time base, announced or not.
+            const bool jump = s.pcrs[i].signalled || d < 0 || d > kPcrDiscontinuity;
+            if (!s.pcrs[i].signalled && jump) {
+                ++discontinuity_errors;
+                std::printf("PCR discontinuity without its indicator on PID 0x%04X at byte %llu: %+.3f ms\n", pid,
+                            ull(s.pcrs[i].pos - 10), static_cast<double>(d) / tt::kTicksPerMs);
             }
-            if (s.pcrs[i].signalled || jump) bases.emplace_back(from, i), from = i;
-            u[i] = s.pcrs[i].signalled || jump ? s.pcrs[i].value : u[i - 1] + d;
+            if (!jump) {
+                pcr_gap = std::max(pcr_gap, d);
+                if (d > kPcrRepetition) ++repetition_errors;
+            }
+            if (jump) bases.emplace_back(from, i), from = i;
+            u[i] = jump ? s.pcrs[i].value : u[i - 1] + d;
         }
         bases.emplace_back(from, s.pcrs.size());
         // Per time base, a least-squares line of value on position; the largest residual.
