@@ -248,8 +248,9 @@ void report(const Settings& s, const tt::Scheduler& sch, const tt::FileFacts* fa
     FILE* r = s.report;
     const tt::Stats& st = sch.stats;
     std::fprintf(r, "%s %s: %s -> %s\n", companion::prog(), TERVANE_VERSION, s.in.c_str(), s.out.c_str());
-    std::fprintf(r, "Channel: %s: useful rate %.6f Mbit/s, %.3f ticks of 27 MHz a packet\n", s.channel.c_str(),
-                 mbps(s.rate.bps()), sch.clock.ticks_per_slot());
+    std::fprintf(r, "Channel: %s: useful rate %.6f Mbit/s (%llu/%llu bit/s), %.3f ticks of 27 MHz a packet\n",
+                 s.channel.c_str(), mbps(s.rate.bps()), static_cast<unsigned long long>(s.rate.num),
+                 static_cast<unsigned long long>(s.rate.den), sch.clock.ticks_per_slot());
     std::string pcr_pids;
     for (const auto& g : sch.programmes.list) {
         char text[40];
