@@ -470,7 +470,7 @@ void FileFacts::packet(const uint8_t* p) {
     if (c.first < 0) c.first = static_cast<int>(cc(p)), c.first_payload = has_payload(p);
     if (has_payload(p)) c.last = static_cast<int>(cc(p));
     if (has_pcr(p)) {
-        any_pcr = true, ++pcr_packets;
+        any_pcr = true;
         if (master_ < 0) master_ = static_cast<int>(id);
         if (static_cast<int>(id) == master_) tl_.pcr(n, get_pcr(p), discontinuity(p));
     }

@@ -16,7 +16,6 @@
 #include <cstdint>
 #include <deque>
 #include <span>
-#include <string>
 #include <vector>
 
 #include "frame/params.hpp"
@@ -218,7 +217,6 @@ struct Timeline {
     // The time of input packet n: interpolated in the last segment, or
     // extrapolated before the first PCR or after the last.
     int64_t at(int64_t n) const;
-    int64_t last_n() const { return last_.n; }
 
 private:
     struct Point {
@@ -254,7 +252,7 @@ struct Config {
     int64_t max_late = 100 * kTicksPerMs;
     bool drop_late = true;
     // A PCR-only packet is inserted on a PCR PID whose last PCR left this long
-    // ago, while its PCRs last came within kActive.
+    // ago, while its own last PCR left less than a second ago.
     int64_t pcr_gap = 35 * kTicksPerMs;
     size_t capacity = 65536;  // packets held at most; more arriving are dropped
     size_t decide_packets = 20000;
@@ -270,6 +268,12 @@ struct Stats {
     int64_t busy_from = 0, busy_due = 0, busy_until = 0;
 };
 
+// Driving it: a file or a pipe pushes each packet and pulls until need_input,
+// then, at its end, calls end() and pulls until done. A live player
+// (cfg.live) pushes packets as they arrive and pulls one packet per slot of
+// the modulator's packet clock, whatever is due: a null packet when nothing
+// is; a packet's arrival is the slot count at its push. One scheduler a
+// branch of a hierarchical transmission, each at its branch's rate.
 struct Scheduler {
     Config cfg;
     SlotClock clock;
@@ -287,7 +291,7 @@ struct Scheduler {
     // when live: a null packet goes instead); done: the input has ended and
     // everything has gone.
     Pull pull(Packet& out);
-    uint64_t slot() const { return k_; }
+    // Packets held: waiting for their time or their slot.
     size_t held() const { return q_.size(); }
 
 private:
@@ -329,7 +333,7 @@ private:
 // What a loop over a file needs: per PID the counters at its ends, per PES
 // stream its presentation times, and the file's length on its clock.
 struct FileFacts {
-    uint64_t packets = 0, nulls = 0, pcr_packets = 0;
+    uint64_t packets = 0, nulls = 0;
     bool any_pcr = false;
     int64_t duration = 0;  // ticks, a multiple of 300: what a loop adds to PCR, PTS and DTS
     int64_t span = 0;      // ticks from the first packet to the end of the last on the master's clock
