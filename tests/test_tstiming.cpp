@@ -91,7 +91,7 @@ tt::Config config(uint32_t mode, uint32_t M, uint32_t rate, uint32_t delta) {
 TEST(TsTiming, FieldsKnownAnswersAndWrap) {
     tt::Packet p{};
     p[3] = 0x30, p[4] = 7, p[5] = 0x10, p[10] = 0x7E;  // reserved bits set
-    tt::set_pcr(p.data(), tt::kPcrWrap - 1);  // base 2^33 - 1, extension 299
+    tt::set_pcr(p.data(), tt::kPcrWrap - 1);           // base 2^33 - 1, extension 299
     EXPECT_EQ(std::vector<int>(p.begin() + 6, p.begin() + 12), (std::vector<int>{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x2B}));
     EXPECT_EQ(tt::get_pcr(p.data()), tt::kPcrWrap - 1);
     tt::set_pcr(p.data(), tt::kPcrWrap + 301);  // wraps to base 1, extension 1; reserved bits kept
@@ -472,6 +472,11 @@ TEST(Tsadapt, ProgrammesRefusalsAndStreamsWithoutPcr) {
                 tu::contains(err, "more than the channel's useful rate of 4.976471 Mbit/s"))
         << err;
     EXPECT_FALSE(std::filesystem::exists(dir / "f.ts"));
+    // Through a pipe what comes too late is dropped instead, warned about and counted.
+    const auto dropping = tu::run(dir.path, "bash", {"-c", std::string(TSADAPT_EXE) + " -i - -o f.ts -D 1/4 <fast.ts"});
+    EXPECT_EQ(dropping.status, 0);
+    EXPECT_GT(figure(dropping.out, "dropped"), 0) << dropping.out;
+    EXPECT_TRUE(tu::contains(tu::read_text(dir / "err.txt"), "packets dropped: they came too late"));
     // Random bytes: status 1, nothing written, from a file or a pipe.
     tu::Bytes rnd = tu::make_ts(300, 5);
     for (size_t k = 0; k < rnd.size(); k += 188) rnd[k] = 0x48;
