@@ -211,7 +211,8 @@ public:
     size_t pcr_pids = 0, pts_pids = 0;
     int events_ = 0;
 
-    void packet(const uint8_t* p, uint64_t pos, uint64_t number) {
+    // quiet: its continuity errors are not printed (the PRBS check prints its own).
+    void packet(const uint8_t* p, uint64_t pos, uint64_t number, bool quiet) {
         namespace tt = tstiming;
         ++packets;
         const unsigned pid = tt::pid(p);
@@ -228,7 +229,7 @@ public:
                 const bool repeat = c == s.cc && !s.repeated;
                 if (c != ((s.cc + 1) & 0x0F) && !repeat) {
                     ++continuity_errors;
-                    if (Checker::show(events_))
+                    if (!quiet && Checker::show(events_))
                         std::printf("continuity error in packet %llu: PID 0x%04X counter %d after %d\n", ull(number),
                                     pid, c, s.cc);
                 }
@@ -417,7 +418,7 @@ int main(int argc, char** argv) {
         }
         const uint64_t number = c.packets;
         c.packet(in.at(pos), number);
-        if (timing_mode || c.started) timing.packet(in.at(pos), pos, number);
+        if (timing_mode || c.started) timing.packet(in.at(pos), pos, number, c.started);
         pos += kPacket;
     }
     in.has(pos, pos + 1);
