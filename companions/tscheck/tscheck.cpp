@@ -7,9 +7,17 @@
 // spacing, lost after 2 consecutive packets without one. The measurement starts
 // at the first null packet whose payload is a stretch of the PRBS (what a
 // receiver delivers before that is its start-up and is not checked).
+//
+// Timing, as ETSI TR 101 290 measures it: per PCR PID the accuracy of each PCR
+// against a constant-rate fit of PCR on byte position (piecewise across
+// discontinuities), the largest gap between PCRs and unannounced jumps; per PES
+// stream the largest gap between PTS in time; continuity over every PID but the
+// null packets'; the share of null packets. With -timing the stream may be any
+// stream, measured from its first packet; without, from where the PRBS starts.
 #include <algorithm>
 #include <bit>
 #include <cerrno>
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -20,6 +28,7 @@
 #include "companion.hpp"
 #include "frame/version.hpp"
 #include "ts.hpp"
+#include "tstiming.hpp"
 
 namespace {
 
@@ -38,12 +47,24 @@ constexpr unsigned kSlipMisses = kPayloadBits / 4;
 constexpr int kEventsShown = 10;  // of each kind
 
 const char kUsage[] =
-    "usage: tscheck FILE.ts\n"
+    "usage: tscheck [-timing] FILE.ts\n"
     "  Checks a transport stream decoded by a receiver from a tsgen test stream:\n"
     "  packet sync, transport error indicators, continuity counters per PID and the\n"
     "  PRBS 2^23-1 of the null packets. Prints what it found and, last, the line\n"
     "  packets=N sync_losses=N tei=N cc_errors=N prbs_bits=N bit_errors=N ber=X per=X\n"
+    "  which gains the timing figures when the stream carries PCRs or PTS:\n"
+    "  pcr_pids=N rate=X pcr_accuracy_ns=X pcr_accuracy_errors=N pcr_gap_ms=X\n"
+    "  pcr_repetition_errors=N pcr_discontinuity_errors=N pts_gap_ms=X pts_errors=N\n"
+    "  continuity_errors=N null_share=X\n"
+    "  -timing  any stream: timing and continuity from its first packet, always on\n"
+    "           the last line; the PRBS is checked when found, not required\n"
     "  Exit status: 0 error-free, 1 errors found, 2 bad usage.\n";
+
+// TR 101 290's limits.
+constexpr double kPcrAccuracyNs = 500;
+constexpr int64_t kPcrRepetition = 40 * tstiming::kTicksPerMs;
+constexpr int64_t kPcrDiscontinuity = 100 * tstiming::kTicksPerMs;
+constexpr int64_t kPtsRepetition = 700 * tstiming::kTicksPerMs;
 
 // The file through a window that slides forward: any size in little memory.
 class Input {
@@ -180,6 +201,170 @@ private:
     }
 };
 
+// The timing figures of TR 101 290 (see the head of the file).
+class Timing {
+public:
+    uint64_t packets = 0, nulls = 0, continuity_errors = 0;
+    uint64_t accuracy_errors = 0, repetition_errors = 0, discontinuity_errors = 0, pts_errors = 0;
+    double accuracy_ns = 0, rate = 0;
+    int64_t pcr_gap = 0, pts_gap = 0;  // ticks
+    size_t pcr_pids = 0, pts_pids = 0;
+    int events_ = 0;
+
+    // quiet: its continuity errors are not printed (the PRBS check prints its own).
+    void packet(const uint8_t* p, uint64_t pos, uint64_t number, bool quiet) {
+        namespace tt = tstiming;
+        ++packets;
+        const unsigned pid = tt::pid(p);
+        if (pid == tt::kNullPid) {
+            ++nulls;
+            return;
+        }
+        Stream& s = streams_[pid];
+        // Continuity: a payload's counter follows the last, or repeats it once;
+        // a discontinuity indicator allows any.
+        if (tt::has_payload(p)) {
+            const int c = static_cast<int>(tt::cc(p));
+            if (s.cc >= 0 && !tt::discontinuity(p)) {
+                const bool repeat = c == s.cc && !s.repeated;
+                if (c != ((s.cc + 1) & 0x0F) && !repeat) {
+                    ++continuity_errors;
+                    if (!quiet && Checker::show(events_))
+                        std::printf("continuity error in packet %llu: PID 0x%04X counter %d after %d\n", ull(number),
+                                    pid, c, s.cc);
+                }
+                s.repeated = repeat;
+            }
+            s.cc = c;
+        }
+        if (tt::has_pcr(p)) s.pcrs.push_back({pos + 10, tt::get_pcr(p), tt::discontinuity(p)});
+        if (tt::pes_stamps(p).pts >= 0) s.pts.push_back(pos);
+    }
+
+    void finish() {
+        const Stream* main = nullptr;
+        for (auto& [pid, s] : streams_) {
+            if (!s.pcrs.empty()) ++pcr_pids;
+            if (s.pts.size() >= 2) ++pts_pids;
+            pcr_figures(pid, s);
+            if (main == nullptr || s.pcrs.size() > main->pcrs.size()) main = &s;
+        }
+        if (main != nullptr && main->pcrs.size() >= 2) {
+            rate = main->rate;
+            for (auto& [pid, s] : streams_) pts_figures(pid, s, *main);
+        }
+    }
+    bool timed() const { return pcr_pids > 0 || pts_pids > 0; }
+    bool passes() const {
+        return accuracy_errors == 0 && repetition_errors == 0 && discontinuity_errors == 0 && pts_errors == 0;
+    }
+    double null_share() const { return packets ? static_cast<double>(nulls) / static_cast<double>(packets) : 0.0; }
+
+private:
+    struct Pcr {
+        uint64_t pos;  // of the byte that ends the PCR's base
+        int64_t value;
+        bool signalled;
+    };
+    struct Stream {
+        int cc = -1;
+        bool repeated = false;
+        std::vector<Pcr> pcrs;
+        std::vector<uint64_t> pts;  // positions of the packets that carry a PTS
+        double rate = 0;
+    };
+    std::map<unsigned, Stream> streams_;
+
+    void pcr_figures(unsigned pid, Stream& s) {
+        namespace tt = tstiming;
+        // Unwrapped values and the time bases they form.
+        std::vector<std::pair<size_t, size_t>> bases;  // [from, to) in s.pcrs
+        std::vector<int64_t> u(s.pcrs.size());
+        size_t from = 0;
+        for (size_t i = 0; i < s.pcrs.size(); ++i) {
+            if (i == 0) {
+                u[0] = s.pcrs[0].value;
+                continue;
+            }
+            const int64_t d = tt::wrap_diff(s.pcrs[i].value, s.pcrs[i - 1].value, tt::kPcrWrap);
+            // A step back or of more than 100 ms: a new time base, announced or not.
+            const bool jump = s.pcrs[i].signalled || d < 0 || d > kPcrDiscontinuity;
+            if (!s.pcrs[i].signalled && jump) {
+                ++discontinuity_errors;
+                std::printf("PCR discontinuity without its indicator on PID 0x%04X at byte %llu: %+.3f ms\n", pid,
+                            ull(s.pcrs[i].pos - 10), static_cast<double>(d) / tt::kTicksPerMs);
+            }
+            if (!jump) {
+                pcr_gap = std::max(pcr_gap, d);
+                if (d > kPcrRepetition) ++repetition_errors;
+            }
+            if (jump) bases.emplace_back(from, i), from = i;
+            u[i] = jump ? s.pcrs[i].value : u[i - 1] + d;
+        }
+        bases.emplace_back(from, s.pcrs.size());
+        // Per time base, a least-squares line of value on position; the largest residual.
+        double bytes = 0, ticks = 0, worst = 0;
+        for (const auto& [a, b] : bases) {
+            if (b - a < 2) continue;
+            const auto n = static_cast<double>(b - a);
+            double mx = 0, my = 0;
+            for (size_t i = a; i < b; ++i)
+                mx += static_cast<double>(s.pcrs[i].pos - s.pcrs[a].pos), my += static_cast<double>(u[i] - u[a]);
+            mx /= n, my /= n;
+            double sxx = 0, sxy = 0;
+            for (size_t i = a; i < b; ++i) {
+                const double x = static_cast<double>(s.pcrs[i].pos - s.pcrs[a].pos) - mx;
+                const double y = static_cast<double>(u[i] - u[a]) - my;
+                sxx += x * x, sxy += x * y;
+            }
+            if (sxx <= 0) continue;
+            const double slope = sxy / sxx;  // ticks a byte
+            for (size_t i = a; i < b; ++i) {
+                const double x = static_cast<double>(s.pcrs[i].pos - s.pcrs[a].pos) - mx;
+                const double e = (static_cast<double>(u[i] - u[a]) - my - slope * x) / tt::kTicksPerSecond * 1e9;
+                worst = std::max(worst, std::fabs(e));
+                if (std::fabs(e) > kPcrAccuracyNs) ++accuracy_errors;
+            }
+            bytes += static_cast<double>(s.pcrs[b - 1].pos - s.pcrs[a].pos);
+            ticks += slope * static_cast<double>(s.pcrs[b - 1].pos - s.pcrs[a].pos);
+        }
+        if (ticks > 0) s.rate = bytes * 8 * tt::kTicksPerSecond / ticks;
+        accuracy_ns = std::max(accuracy_ns, worst);
+        if (!s.pcrs.empty())
+            std::printf("PID 0x%04X: %zu PCRs in %zu time bases, %.0f bit/s, accuracy within %.1f ns\n", pid,
+                        s.pcrs.size(), bases.size(), s.rate, worst);
+    }
+
+    // The gaps between a stream's PTS in time: their positions on the clock of
+    // the PID with the most PCRs.
+    void pts_figures(unsigned pid, const Stream& s, const Stream& clock) {
+        namespace tt = tstiming;
+        if (s.pts.size() < 2) return;
+        tt::Timeline tl;
+        tl.fallback_num = tt::kTicksPerSecond * 8;
+        tl.fallback_den = std::max<int64_t>(1, static_cast<int64_t>(clock.rate));
+        std::vector<int64_t> t;
+        size_t next = 0;
+        auto place = [&](uint64_t up_to) {
+            for (; next < s.pts.size() && s.pts[next] <= up_to; ++next)
+                t.push_back(tl.at(static_cast<int64_t>(s.pts[next])));
+        };
+        for (const Pcr& c : clock.pcrs) {
+            tl.pcr(static_cast<int64_t>(c.pos), c.value, c.signalled);
+            if (tl.pcrs >= 2) place(c.pos);
+        }
+        place(UINT64_MAX);
+        int64_t gap = 0;
+        for (size_t i = 1; i < t.size(); ++i) {
+            const int64_t d = t[i] - t[i - 1];
+            gap = std::max(gap, d);
+            if (d > kPtsRepetition) ++pts_errors;
+        }
+        pts_gap = std::max(pts_gap, gap);
+        std::printf("PID 0x%04X: %zu PTS, largest gap %.3f ms\n", pid, s.pts.size(),
+                    static_cast<double>(gap) / tt::kTicksPerMs);
+    }
+};
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -192,11 +377,15 @@ int main(int argc, char** argv) {
         companion::print_version();
         return 0;
     }
-    if (argc != 2) companion::fail_status(2, "give one transport stream file (usage: tscheck FILE.ts)");
-    FILE* fp = std::fopen(argv[1], "rb");
-    if (fp == nullptr) companion::fail_status(2, "can't read \"%s\": %s", argv[1], std::strerror(errno));
+    const bool timing_mode = argc == 3 && std::strcmp(argv[1], "-timing") == 0;
+    if (argc != 2 && !timing_mode)
+        companion::fail_status(2, "give one transport stream file (usage: tscheck [-timing] FILE.ts)");
+    const char* name = argv[argc - 1];
+    FILE* fp = std::fopen(name, "rb");
+    if (fp == nullptr) companion::fail_status(2, "can't read \"%s\": %s", name, std::strerror(errno));
     Input in(fp);
     Checker c;
+    Timing timing;
     uint64_t pos = 0;
     bool locked = false;
     for (;;) {
@@ -227,17 +416,19 @@ int main(int argc, char** argv) {
             ++c.sync_byte_errors;
             if (Checker::show(c.sync_events_)) std::printf("corrupted sync byte at byte %llu\n", ull(pos));
         }
-        c.packet(in.at(pos), c.packets);
+        const uint64_t number = c.packets;
+        c.packet(in.at(pos), number);
+        if (timing_mode || c.started) timing.packet(in.at(pos), pos, number, c.started);
         pos += kPacket;
     }
     in.has(pos, pos + 1);
-    if (in.error() != 0) companion::fail_status(2, "reading \"%s\" failed: %s", argv[1], std::strerror(in.error()));
+    if (in.error() != 0) companion::fail_status(2, "reading \"%s\" failed: %s", name, std::strerror(in.error()));
     std::fclose(fp);
     // Bytes after the last packet: not enough for a packet, or never in sync.
     uint64_t trailing = 0;
     while (in.has(pos + trailing, pos + trailing + 1)) ++trailing;
 
-    std::printf("%s %s: %s\n", kProg, TERVANE_VERSION, argv[1]);
+    std::printf("%s %s: %s\n", kProg, TERVANE_VERSION, name);
     std::printf(
         "Sync: %llu packets; %llu bytes out of sync skipped, %llu bytes after the last packet; "
         "%llu corrupted sync bytes\n",
@@ -258,13 +449,40 @@ int main(int argc, char** argv) {
     } else {
         std::printf("PRBS: not found in any null packet (is this a decoded tsgen stream?)\n");
     }
+    timing.finish();
+    const bool timed = timing_mode || timing.timed();
+    if (timed)
+        std::printf(
+            "Timing: %zu PCR PIDs, rate %.0f bit/s, PCR accuracy within %.1f ns (%llu beyond 500 ns), largest PCR gap "
+            "%.3f ms (%llu beyond 40 ms), %llu PCR discontinuities without their indicator, largest PTS gap %.3f ms "
+            "(%llu beyond 700 ms); %llu continuity errors; null packets %.4f of %llu\n",
+            timing.pcr_pids, timing.rate, timing.accuracy_ns, ull(timing.accuracy_errors),
+            static_cast<double>(timing.pcr_gap) / tstiming::kTicksPerMs, ull(timing.repetition_errors),
+            ull(timing.discontinuity_errors), static_cast<double>(timing.pts_gap) / tstiming::kTicksPerMs,
+            ull(timing.pts_errors), ull(timing.continuity_errors), timing.null_share(), ull(timing.packets));
     const double ber = c.prbs_bits ? static_cast<double>(c.bit_errors) / static_cast<double>(c.prbs_bits) : 0.0;
     const double per = c.nulls ? static_cast<double>(c.null_errors) / static_cast<double>(c.nulls) : 0.0;
     std::printf(
-        "packets=%llu sync_losses=%llu tei=%llu cc_errors=%llu prbs_bits=%llu bit_errors=%llu ber=%.3g per=%.3g\n",
+        "packets=%llu sync_losses=%llu tei=%llu cc_errors=%llu prbs_bits=%llu bit_errors=%llu ber=%.3g per=%.3g",
         ull(c.packets), ull(c.sync_losses), ull(c.tei), ull(c.cc_errors), ull(c.prbs_bits), ull(c.bit_errors), ber,
         per);
-    const bool clean = c.started && c.sync_losses == 0 && c.sync_byte_errors == 0 && c.tei == 0 && c.cc_errors == 0 &&
-                       c.bit_errors == 0 && c.null_errors == 0;
-    return clean ? 0 : 1;
+    if (timed)
+        std::printf(
+            " pcr_pids=%zu rate=%.0f pcr_accuracy_ns=%.1f pcr_accuracy_errors=%llu pcr_gap_ms=%.3f "
+            "pcr_repetition_errors=%llu pcr_discontinuity_errors=%llu pts_gap_ms=%.3f pts_errors=%llu "
+            "continuity_errors=%llu null_share=%.4f",
+            timing.pcr_pids, timing.rate, timing.accuracy_ns, ull(timing.accuracy_errors),
+            static_cast<double>(timing.pcr_gap) / tstiming::kTicksPerMs, ull(timing.repetition_errors),
+            ull(timing.discontinuity_errors), static_cast<double>(timing.pts_gap) / tstiming::kTicksPerMs,
+            ull(timing.pts_errors), ull(timing.continuity_errors), timing.null_share());
+    std::printf("\n");
+    const bool sync_clean = c.sync_losses == 0 && c.sync_byte_errors == 0 && c.tei == 0;
+    const bool prbs_clean = c.cc_errors == 0 && c.bit_errors == 0 && c.null_errors == 0;
+    // Without -timing: a tsgen stream, error-free and, when timed, in time. With
+    // it: any stream with packets, in sync, continuous and in time, and its PRBS
+    // error-free if it has one.
+    if (!timing_mode) return c.started && sync_clean && prbs_clean && timing.passes() ? 0 : 1;
+    return c.packets > 0 && sync_clean && timing.continuity_errors == 0 && timing.passes() && (!c.started || prbs_clean)
+               ? 0
+               : 1;
 }
