@@ -25,6 +25,7 @@
 #include "frame/options.hpp"
 #include "frame/params.hpp"
 #include "frame/version.hpp"
+#include "tsfile.hpp"
 #include "tstiming.hpp"
 
 namespace {
@@ -50,10 +51,6 @@ const char kUsage[] =
     "  that cannot be carried), 2 the output could not be written.\n";
 
 constexpr size_t kChunk = 1 << 20;
-// Skipping more than this before the first packet is found: not a transport stream.
-constexpr uint64_t kNoSyncLimit = 1 << 20;
-// Passes a dry run makes over a looped file: enough for the schedule to repeat.
-constexpr long kDryLoops = 3;
 
 struct Settings {
     std::string in, out;
@@ -65,17 +62,6 @@ struct Settings {
 };
 
 const char* given(const char* text) { return text != nullptr && text[0] != '\0' ? text : nullptr; }
-
-std::string describe_channel() {
-    const dvbt_parms_t& p = dvbt_parms;
-    std::string d =
-        std::string(dvbt_modename[p.mode]) + ", " + (p.M == 0 ? "QPSK" : std::string(dvbt_Mname[p.M]) + "-QAM");
-    if (dvbt_hierarchical())
-        d += std::string(", hierarchy ") + dvbt_alphaname[p.alpha] + ", code rates " + dvbt_ratename[p.rate_hp] +
-             " HP " + dvbt_ratename[p.rate_lp] + " LP";
-    else d += std::string(", code rate ") + dvbt_ratename[p.rate];
-    return d + ", guard " + dvbt_deltaname[p.delta] + ", " + dvbt_bandname[p.band] + " MHz";
-}
 
 double mbps(double bps) { return bps / 1e6; }
 double seconds(int64_t ticks) { return static_cast<double>(ticks) / tt::kTicksPerSecond; }
@@ -112,46 +98,10 @@ Settings settle(char* loop) {
         if (s.out != "-") companion::check_not_input(s.out, s.in);
     }
     s.rate = tt::useful_rate(dvbt_parms, s.branch);
-    s.channel = describe_channel();
+    s.channel = tt::describe_channel(dvbt_parms);
     if (s.branch != tt::Branch::nh) s.channel += s.branch == tt::Branch::hp ? ", HP branch" : ", LP branch";
     s.report = s.out == "-" ? stderr : stdout;
     return s;
-}
-
-// Reads the input through the packet sync, calling take(packet) for each; a
-// file is opened afresh, standard input read as it comes.
-template <typename Take>
-void read_packets(const std::string& name, tt::Sync& sync, Take&& take) {
-    FILE* fp = name == "-" ? stdin : std::fopen(name.c_str(), "rb");
-    if (fp == nullptr) fail("can't read \"%s\": %s", name.c_str(), std::strerror(errno));
-    std::vector<uint8_t> buf(kChunk);
-    const char* shown = name == "-" ? "standard input" : name.c_str();
-    for (;;) {
-        const size_t got = std::fread(buf.data(), 1, buf.size(), fp);
-        if (got > 0) sync.feed(std::span<const uint8_t>(buf.data(), got), take);
-        if (sync.packets == 0 && sync.skipped > kNoSyncLimit)
-            fail("%s is not a transport stream: no packet sync in its first %llu bytes", shown,
-                 static_cast<unsigned long long>(sync.skipped));
-        if (got < buf.size()) {
-            if (std::ferror(fp)) fail("reading %s failed: %s", shown, std::strerror(errno));
-            if (std::feof(fp)) break;
-        }
-    }
-    sync.finish(take);
-    if (fp != stdin) std::fclose(fp);
-    if (sync.packets == 0)
-        fail("%s is not a transport stream: no packet sync in its %llu bytes", shown,
-             static_cast<unsigned long long>(sync.skipped));
-}
-
-void warn_skipped(const tt::Sync& sync) {
-    for (const auto& st : sync.stretches)
-        std::fprintf(stderr, "%s: warning: %llu bytes that are not transport stream packets skipped at byte %llu\n",
-                     companion::prog(), static_cast<unsigned long long>(st.bytes),
-                     static_cast<unsigned long long>(st.at));
-    if (sync.skipped > 0 && sync.stretches.size() == tt::Sync::kStretchesKept)
-        std::fprintf(stderr, "%s: warning: %llu bytes skipped in all\n", companion::prog(),
-                     static_cast<unsigned long long>(sync.skipped));
 }
 
 // The output: a file written under a temporary name and renamed at the end,
@@ -190,59 +140,6 @@ struct Output {
                                name == "-" ? "standard output" : ("\"" + name + "\"").c_str(), std::strerror(errno));
     }
 };
-
-// The refusal of an input whose payload the channel cannot carry in time.
-[[noreturn]] void too_fast(const Settings& s, const tt::Scheduler& sch) {
-    const tt::Stats& st = sch.stats;
-    const double slot = sch.clock.ticks_per_slot();
-    const double carried = static_cast<double>(st.busy_until - st.busy_from) + slot;
-    const double due = static_cast<double>(st.busy_due - st.busy_from) + slot;
-    fail(
-        "the input needs %.6f Mbit/s for its packets over %.3f s (from %.3f s on), more than the channel's useful "
-        "rate of %.6f Mbit/s (%s): they would leave more than %.0f ms late",
-        mbps(s.rate.bps() * carried / due), due / tt::kTicksPerSecond, seconds(st.busy_from), mbps(s.rate.bps()),
-        s.channel.c_str(), static_cast<double>(sch.cfg.max_late) / tt::kTicksPerMs);
-}
-
-tt::Config config(const Settings& s, const tt::FileFacts* facts) {
-    tt::Config c;
-    c.rate = s.rate;
-    c.live = false;
-    c.drop_late = facts == nullptr;  // a file has been checked beforehand
-    if (facts != nullptr) c.start = facts->any_pcr ? tt::Mode::paced : tt::Mode::passed;
-    return c;
-}
-
-// Runs the schedule over the input (a file `plays` times) and hands each output
-// packet to put(packet, scheduler); returns the bytes skipped in the first play.
-template <typename Put>
-uint64_t run(const Settings& s, tt::Scheduler& sch, const tt::FileFacts* facts, long plays, Put&& put) {
-    tt::Packet o;
-    auto drain = [&] {
-        for (;;) {
-            const tt::Pull r = sch.pull(o);
-            if (r != tt::Pull::packet) return r;
-            put(o, sch);
-        }
-    };
-    uint64_t skipped = 0;
-    for (long j = 0; plays == 0 || j < plays; ++j) {
-        const tt::Looper looper{facts, j};
-        tt::Sync sync;
-        tt::Packet p;
-        read_packets(s.in, sync, [&](const uint8_t* q) {
-            std::memcpy(p.data(), q, tt::kPacket);
-            if (facts != nullptr) looper.apply(p.data());
-            sch.push(p.data());
-            drain();
-        });
-        if (j == 0 && facts == nullptr) warn_skipped(sync);
-        if (j == 0) skipped = sync.skipped;
-    }
-    sch.end();
-    drain();
-    return skipped;
-}
 
 void report(const Settings& s, const tt::Scheduler& sch, const tt::FileFacts* facts, uint64_t skipped) {
     FILE* r = s.report;
@@ -311,11 +208,11 @@ int main(int argc, char** argv) {
     const tt::SlotClock clock(s.rate);
 
     if (s.in == "-") {
-        tt::Scheduler sch(config(s, nullptr));
+        tt::Scheduler sch(tt::file_config(s.rate, nullptr));
         Output out;
         out.open(s.out);
         const uint64_t skipped =
-            run(s, sch, nullptr, 1, [&](const tt::Packet& p, const tt::Scheduler&) { out.write(p); });
+            tt::run_schedule(s.in, sch, nullptr, 1, [&](const tt::Packet& p, const tt::Scheduler&) { out.write(p); });
         out.close();
         const uint64_t dropped = sch.stats.dropped_late + sch.stats.dropped_full;
         if (dropped > 0)
@@ -325,36 +222,14 @@ int main(int argc, char** argv) {
         return 0;
     }
 
-    // The file's facts: its packets, counters, PCRs and presentation times.
-    tt::FileFacts facts;
-    tt::Sync sync;
-    read_packets(s.in, sync, [&](const uint8_t* p) { facts.packet(p); });
-    facts.finish(clock);
-    warn_skipped(sync);
-
-    // A dry run: does every packet leave in time?
-    {
-        tt::Scheduler dry(config(s, &facts));
-        const long plays = s.loops == 0 || s.loops > kDryLoops ? kDryLoops : s.loops;
-        run(s, dry, &facts, plays, [&](const tt::Packet&, const tt::Scheduler& sch) {
-            if (sch.stats.max_late > sch.cfg.max_late) too_fast(s, sch);
-        });
-        // Played more often: the packets of a play must fit in its duration.
-        const uint64_t carried =
-            facts.packets - (facts.any_pcr ? facts.nulls : 0) + dry.stats.inserted / static_cast<uint64_t>(plays);
-        const double needed = static_cast<double>(carried) * 1504 / seconds(facts.duration);
-        if ((s.loops == 0 || s.loops > kDryLoops) && needed >= s.rate.bps())
-            fail(
-                "the input needs %.6f Mbit/s for its packets over its %.3f s, more than the channel's useful rate of "
-                "%.6f Mbit/s (%s): played again and again it would fall behind",
-                mbps(needed), seconds(facts.duration), mbps(s.rate.bps()), s.channel.c_str());
-    }
-
-    tt::Scheduler sch(config(s, &facts));
+    // The file's facts, and a dry run of its schedule: refused before anything is written.
+    const tt::FileFacts facts = tt::check_file(s.in, s.rate, s.loops, s.channel);
+    tt::Scheduler sch(tt::file_config(s.rate, &facts));
     Output out;
     out.open(s.out);
-    run(s, sch, &facts, s.loops, [&](const tt::Packet& p, const tt::Scheduler&) { out.write(p); });
+    const uint64_t skipped =
+        tt::run_schedule(s.in, sch, &facts, s.loops, [&](const tt::Packet& p, const tt::Scheduler&) { out.write(p); });
     out.close();
-    report(s, sch, &facts, sync.skipped);
+    report(s, sch, &facts, skipped);
     return 0;
 }
