@@ -352,30 +352,6 @@ TEST(TscheckTiming, FaultsInAConstantRateStream) {
     EXPECT_EQ(figure(out, "continuity_errors"), 2);
 }
 
-bool have_ffmpeg() { return std::system("ffmpeg -version >/dev/null 2>&1 && ffprobe -version >/dev/null 2>&1") == 0; }
-
-// ffmpeg's own synthetic sources: 3 s of video at 25 frames/s and MPEG audio,
-// no -muxrate (variable rate, a PCR every 80 ms on the video PID).
-void make_stream(const tu::TempDir& dir, const std::string& name, bool two_programmes) {
-    std::string cmd = "ffmpeg -v error -y -f lavfi -i testsrc=size=320x240:rate=25 -f lavfi -i sine=frequency=1000 ";
-    if (two_programmes)
-        cmd +=
-            "-f lavfi -i testsrc2=size=320x240:rate=25 -f lavfi -i sine=frequency=500 -map 0:v -map 1:a "
-            "-map 2:v -map 3:a -program program_num=1:st=0:st=1 -program program_num=2:st=2:st=3 ";
-    cmd += "-t 3 -c:v mpeg2video -b:v 2M -c:a mp2 -b:a 128k -f mpegts " + name;
-    ASSERT_EQ(tu::run(dir.path, "bash", {"-c", cmd}).status, 0) << tu::read_text(dir / "err.txt");
-}
-
-// Frames of the file's first video stream as ffprobe counts them, and what
-// ffmpeg says while decoding every stream (nothing, for a good stream).
-std::pair<int, std::string> decode(const tu::TempDir& dir, const std::string& file) {
-    const auto frames = tu::run(dir.path, "ffprobe",
-                                {"-v", "error", "-count_frames", "-select_streams", "v:0", "-show_entries",
-                                 "stream=nb_read_frames", "-of", "csv=p=0", file});
-    tu::run(dir.path, "ffmpeg", {"-v", "warning", "-i", file, "-map", "0", "-f", "null", "-"});
-    return {std::atoi(frames.out.c_str()), tu::read_text(dir / "err.txt")};
-}
-
 // Out: the input's packets in order, PCRs aside, with inserted PCR-only packets
 // and nulls between; returns the number inserted.
 size_t check_order(const tu::Bytes& in, const tu::Bytes& out) {
@@ -402,9 +378,9 @@ size_t check_order(const tu::Bytes& in, const tu::Bytes& out) {
 }
 
 TEST(Tsadapt, VariableRateStreamAtTheChannelsRate) {
-    if (!have_ffmpeg()) GTEST_SKIP() << "ffmpeg and ffprobe are not installed (Debian's ffmpeg package)";
+    if (!tu::have_ffmpeg()) GTEST_SKIP() << "ffmpeg and ffprobe are not installed (Debian's ffmpeg package)";
     tu::TempDir dir;
-    make_stream(dir, "in.ts", false);
+    tu::make_stream(dir, "in.ts", false);
     const std::vector<std::string> channel{"-m", "8k", "-M", "64", "-p", "2/3", "-D", "1/4"};
     auto adapt = [&](std::vector<std::string> args) {
         args.insert(args.end(), channel.begin(), channel.end());
@@ -420,9 +396,9 @@ TEST(Tsadapt, VariableRateStreamAtTheChannelsRate) {
     EXPECT_EQ(figure(t.out, "rate"), 19905882) << "338400000/17 bit/s";
     EXPECT_EQ(figure(t.out, "pcr_accuracy_ns"), 0) << "2040 ticks a packet: no rounding at all";
     EXPECT_LE(figure(t.out, "pcr_gap_ms"), 40);
-    const int frames = decode(dir, "in.ts").first;
+    const int frames = tu::decode(dir, "in.ts").first;
     EXPECT_EQ(frames, 75);
-    EXPECT_EQ(decode(dir, "out.ts"), std::make_pair(frames, std::string()));
+    EXPECT_EQ(tu::decode(dir, "out.ts"), std::make_pair(frames, std::string()));
     // The same through pipes, from 204-byte packets with garbage in the middle.
     tu::Bytes odd;
     for (size_t k = 0; k < in.size(); k += 188) {
@@ -445,20 +421,20 @@ TEST(Tsadapt, VariableRateStreamAtTheChannelsRate) {
     EXPECT_TRUE(tu::contains(l.out, "Loops: 3, each 3.000000 s")) << l.out;
     const auto tl = tscheck(dir, "loop.ts");
     EXPECT_EQ(tl.status, 0) << tl.out;
-    EXPECT_EQ(decode(dir, "loop.ts"), std::make_pair(3 * frames, std::string()));
+    EXPECT_EQ(tu::decode(dir, "loop.ts"), std::make_pair(3 * frames, std::string()));
 }
 
 TEST(Tsadapt, ProgrammesRefusalsAndStreamsWithoutPcr) {
-    if (!have_ffmpeg()) GTEST_SKIP() << "ffmpeg and ffprobe are not installed (Debian's ffmpeg package)";
+    if (!tu::have_ffmpeg()) GTEST_SKIP() << "ffmpeg and ffprobe are not installed (Debian's ffmpeg package)";
     tu::TempDir dir;
-    make_stream(dir, "two.ts", true);
+    tu::make_stream(dir, "two.ts", true);
     const auto r = tu::run(dir.path, TSADAPT_EXE, {"-i", "two.ts", "-o", "two-out.ts", "-b", "7", "-M", "64"});
     ASSERT_EQ(r.status, 0) << tu::read_text(dir / "err.txt");
     const auto t = tscheck(dir, "two-out.ts");
     EXPECT_EQ(t.status, 0) << t.out;
     EXPECT_EQ(figure(t.out, "pcr_pids"), 2);
     EXPECT_LE(figure(t.out, "pcr_accuracy_ns"), 18.6 + 0.5) << "the tick's quantisation and the fit's";
-    EXPECT_EQ(decode(dir, "two-out.ts").second, "");
+    EXPECT_EQ(tu::decode(dir, "two-out.ts").second, "");
     // 2 Mbit/s of video into a channel of 4.98: fine; at 6 Mbit/s refused, naming both rates.
     ASSERT_EQ(tu::run(dir.path, "bash",
                       {"-c",

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -122,6 +123,34 @@ inline std::vector<std::string> manual_examples(const fs::path& page) {
         }
     }
     return lines;
+}
+
+// Whether Debian's ffmpeg (with ffprobe) is installed.
+inline bool have_ffmpeg() {
+    return std::system("ffmpeg -version >/dev/null 2>&1 && ffprobe -version >/dev/null 2>&1") == 0;
+}
+
+// A programme made by ffmpeg from its own synthetic sources: video at 25
+// frames/s and MPEG audio, no -muxrate (variable rate, a PCR every 80 ms on
+// the video PID), one programme or two.
+inline void make_stream(const TempDir& dir, const std::string& name, bool two_programmes, double seconds = 3) {
+    std::string cmd = "ffmpeg -v error -y -f lavfi -i testsrc=size=320x240:rate=25 -f lavfi -i sine=frequency=1000 ";
+    if (two_programmes)
+        cmd +=
+            "-f lavfi -i testsrc2=size=320x240:rate=25 -f lavfi -i sine=frequency=500 -map 0:v -map 1:a "
+            "-map 2:v -map 3:a -program program_num=1:st=0:st=1 -program program_num=2:st=2:st=3 ";
+    cmd += "-t " + std::to_string(seconds) + " -c:v mpeg2video -b:v 2M -c:a mp2 -b:a 128k -f mpegts " + name;
+    ASSERT_EQ(run(dir.path, "bash", {"-c", cmd}).status, 0) << read_text(dir / "err.txt");
+}
+
+// Frames of the file's first video stream as ffprobe counts them, and what
+// ffmpeg says while decoding every stream (nothing, for a good stream).
+inline std::pair<int, std::string> decode(const TempDir& dir, const std::string& file) {
+    const auto frames = run(dir.path, "ffprobe",
+                            {"-v", "error", "-count_frames", "-select_streams", "v:0", "-show_entries",
+                             "stream=nb_read_frames", "-of", "csv=p=0", file});
+    run(dir.path, "ffmpeg", {"-v", "warning", "-i", file, "-map", "0", "-f", "null", "-"});
+    return {std::atoi(frames.out.c_str()), read_text(dir / "err.txt")};
 }
 
 // What f prints on standard output.

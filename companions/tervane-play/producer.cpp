@@ -8,14 +8,23 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <utility>
 
 #include "companion.hpp"
 #include "frame/chain.hpp"
 #include "frame/params.hpp"
 #include "outer/mpeg2.hpp"
+#include "tsfile.hpp"
 
 namespace play {
 namespace {
+
+namespace tt = tstiming;
+
+// Bytes read from an input at a time.
+constexpr size_t kChunk = 65536;
+// Skipping more than this before the first packet: standard input is not a transport stream.
+constexpr uint64_t kNoSyncLimit = 1 << 20;
 
 dvbComplex cf32le(const uint8_t* p) {
     uint32_t u[2];
@@ -32,14 +41,6 @@ dvbComplex agi(const uint8_t* p, double sf) {
     const auto i = static_cast<int16_t>(uint16_t(p[0] << 8 | p[1]));
     const auto q = static_cast<int16_t>(uint16_t(p[2] << 8 | p[3]));
     return {static_cast<float>(i / sf), static_cast<float>(q / sf)};
-}
-
-void null_packet(uint8_t* p) {
-    std::memset(p, 0xFF, TS_PACKET);
-    p[0] = TS_SYNC;
-    p[1] = static_cast<uint8_t>(TS_NULL_PID >> 8);
-    p[2] = static_cast<uint8_t>(TS_NULL_PID & 0xFF);
-    p[3] = 0x10;  // payload only, continuity counter 0
 }
 
 // Waits at most the timeout (ms) for standard input to have something; true when it has.
@@ -97,29 +98,34 @@ void open_inputs(const Settings& s, Inputs& in) {
                             chain_min_packnum(s.requested_M));
         const std::vector<const char*> names = hier ? std::vector<const char*>{mpeg2ts_hp_fname, mpeg2ts_lp_fname}
                                                     : std::vector<const char*>{mpeg2ts_fname};
-        for (const char* name : names) {
+        const std::string channel = tt::describe_channel(dvbt_parms);
+        for (size_t b = 0; b < names.size(); ++b) {
+            const char* name = names[b];
             if (name == nullptr || name[0] == '\0')
                 companion::fail(hier ? "-ihp and -ilp name the inputs" : "no input: -i FILE, -i - or -play FILE");
-            Source src;
+            const tt::Rate rate = tt::useful_rate(dvbt_parms, !hier    ? tt::Branch::nh
+                                                              : b == 0 ? tt::Branch::hp
+                                                                       : tt::Branch::lp);
+            Source& src = in.sources.emplace_back();
             src.name = name;
             if (src.name == "-") {
                 if (hier) companion::fail("hierarchical inputs must be files");
                 if (s.loops != 1) companion::fail("-loop needs a file input");
                 src.live = true;
+                tt::Config c;
+                c.rate = rate;
+                c.live = true;
+                src.sched = std::make_unique<tt::Scheduler>(c);
             } else {
-                const uint64_t size = companion::input_size(src.name);
+                companion::input_size(src.name);
+                src.facts =
+                    tt::check_file(src.name, rate, s.loops, hier ? channel + (b == 0 ? ", HP" : ", LP") : channel);
                 src.fp = open_file(src.name);
-                if (size == 0 && s.loops != 1) companion::fail("\"%s\" is empty: nothing to loop", name);
+                src.sched = std::make_unique<tt::Scheduler>(tt::file_config(rate, &src.facts));
             }
-            in.sources.push_back(std::move(src));
         }
         chain_create();
     }
-    if (s.loops != 1)
-        std::fprintf(stderr,
-                     "%s: looping the input: the programme clocks (PCR, PTS) and the continuity "
-                     "counters jump at each seam\n",
-                     companion::prog());
     const double band = B_n;
     if (s.lo != 0 && std::fabs(s.lo) + band / 2 > s.rate / 2)
         companion::fail(
@@ -208,61 +214,111 @@ void Producer::run_playback() {
     }
 }
 
-// Fills the free part of the chain's input ring; returns whether it took anything.
+// Fills the free part of the chain's input ring with the scheduler's packets,
+// one a slot; returns whether it took anything.
 bool Producer::feed(Source& src, dvbVect* in) {
     if (src.done) return false;
-    if (src.live) return feed_live(src, in);
+    if (src.live && !read_live(src)) return false;
     bool took = false;
-    while (in->fill < in->len) {
-        const uint32_t pos = dvbRingWritePos(in);
-        const uint32_t want = dvbRingRun(in, pos, in->len - in->fill);
-        const size_t got = std::fread(dvbBytes(in) + pos, 1, want, src.fp);
-        in->fill += static_cast<uint32_t>(got);
-        took = took || got > 0;
-        if (got == want) continue;
-        if (std::ferror(src.fp)) companion::fail("reading \"%s\" failed", src.name.c_str());
-        ++src.plays;
-        if (s_.loops != 0 && src.plays >= s_.loops) {
+    tt::Packet p;
+    while (in->len - in->fill >= TS_PACKET) {
+        const tt::Pull r = src.sched->pull(p);
+        if (r == tt::Pull::done) {
             src.done = true;
             break;
         }
-        if (&src == &in_.sources[0]) loops.fetch_add(1);
-        std::rewind(src.fp);
-    }
-    return took;
-}
-
-// Standard input: whole packets as they come; when none is waiting and the
-// sample ring has room, a null packet keeps the air going.
-bool Producer::feed_live(Source& src, dvbVect* in) {
-    bool took = false;
-    while (in->len - in->fill >= TS_PACKET) {
-        uint8_t buf[TS_PACKET];
-        size_t have = src.partial.size();
-        if (have > 0) std::memcpy(buf, src.partial.data(), have);
-        while (have < TS_PACKET && input_waiting(0)) {
-            const ssize_t r = ::read(STDIN_FILENO, buf + have, TS_PACKET - have);
-            if (r < 0 && errno == EINTR) continue;
-            if (r <= 0) {
-                src.done = true;
-                return took;
-            }
-            have += static_cast<size_t>(r);
+        if (r == tt::Pull::need_input) {
+            if (!read_file(src)) break;
+            continue;
         }
-        if (have < TS_PACKET) {
-            src.partial.assign(buf, buf + have);
-            if (ring_.fill() >= ring_.capacity()) return took;
-            null_packet(buf);
-            nulls.fetch_add(1);
-        } else {
-            src.partial.clear();
-        }
-        const uint32_t pos = dvbRingWritePos(in);
-        dvbRingPut(in, pos, buf, TS_PACKET);
+        dvbRingPut(in, dvbRingWritePos(in), p.data(), TS_PACKET);
         in->fill += TS_PACKET;
         took = true;
     }
+    count(src);
     return took;
+}
+
+// The next piece of the file into the scheduler; at its end the next pass, or
+// the end of the input. Returns whether there is more to read.
+bool Producer::read_file(Source& src) {
+    if (src.ended) return false;
+    std::vector<uint8_t> buf(kChunk);
+    const tt::Looper looper{&src.facts, src.pass};
+    const auto take = [&](const uint8_t* q) {
+        tt::Packet p;
+        std::memcpy(p.data(), q, tt::kPacket);
+        looper.apply(p.data());
+        src.sched->push(p.data());
+    };
+    const size_t got = std::fread(buf.data(), 1, buf.size(), src.fp);
+    if (got > 0) src.sync.feed(std::span<const uint8_t>(buf.data(), got), take);
+    if (got == buf.size()) return true;
+    if (std::ferror(src.fp)) companion::fail("reading \"%s\" failed", src.name.c_str());
+    src.sync.finish(take);
+    src.sync = tt::Sync{};
+    ++src.pass;
+    if (s_.loops != 0 && src.pass >= s_.loops) {
+        src.sched->end();
+        src.ended = true;
+        return true;  // what the scheduler holds still goes
+    }
+    if (&src == &in_.sources[0]) loops.fetch_add(1);
+    std::rewind(src.fp);
+    return true;
+}
+
+// What standard input has brought, without waiting, into the scheduler (its
+// skipped bytes warned about as they end); at its end, the end of the input.
+// Returns false while no packet has come yet: nothing is sent before the
+// input shows itself a transport stream, and an input that never does is an
+// error.
+bool Producer::read_live(Source& src) {
+    uint8_t buf[kChunk];
+    const auto take = [&](const uint8_t* q) { src.sched->push(q); };
+    while (!src.ended && input_waiting(0)) {
+        const ssize_t r = ::read(STDIN_FILENO, buf, sizeof buf);
+        if (r < 0 && errno == EINTR) continue;
+        if (r > 0) {
+            src.sync.feed(std::span<const uint8_t>(buf, static_cast<size_t>(r)), take);
+            if (src.sync.packets == 0 && src.sync.skipped > kNoSyncLimit) break;
+            continue;
+        }
+        src.sync.finish(take);
+        src.sched->end();
+        src.ended = true;
+    }
+    for (; src.stretches_told < src.sync.stretches.size(); ++src.stretches_told)
+        std::fprintf(stderr,
+                     "%s: warning: %llu bytes of standard input that are not transport stream packets skipped at byte "
+                     "%llu\n",
+                     companion::prog(), static_cast<unsigned long long>(src.sync.stretches[src.stretches_told].bytes),
+                     static_cast<unsigned long long>(src.sync.stretches[src.stretches_told].at));
+    if (src.sync.packets > 0) return true;
+    if (src.ended || src.sync.skipped > kNoSyncLimit) {
+        error = "standard input is not a transport stream: no packet sync in its " + std::to_string(src.sync.skipped) +
+                " bytes";
+        src.ended = src.done = true;
+    }
+    return false;
+}
+
+// The scheduler's figures for the summary: the null packets put in (a stream
+// without PCRs passes its own), the packets dropped, the bytes skipped.
+void Producer::count(Source& src) {
+    const tt::Stats& st = src.sched->stats;
+    if (&src == &in_.sources[0])
+        nulls = static_cast<long>(st.out_nulls - (src.sched->mode == tt::Mode::passed ? st.in_nulls : 0));
+    const uint64_t lost = st.dropped_late + st.dropped_full;
+    if (src.live) {
+        dropped = static_cast<long>(lost);
+        skipped = src.sync.skipped;
+    }
+    if (lost > 0 && !std::exchange(src.told_dropped, true))
+        std::fprintf(stderr,
+                     "%s: warning: packets of standard input dropped: they came too late for the channel's rate "
+                     "(counted in the summary)\n",
+                     companion::prog());
 }
 
 }  // namespace play

@@ -5,23 +5,32 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "samples.hpp"
 #include "settings.hpp"
+#include "tstiming.hpp"
 
 namespace play {
 
-// The transport stream source of one branch: a file played a number of
-// times, or standard input.
+// The transport stream source of one branch, re-paced onto the branch's useful
+// rate by the timing layer: a file played a number of times (its facts read
+// and its schedule checked beforehand), or standard input, timed by its
+// arrival on the device's clock.
 struct Source {
     FILE* fp = nullptr;
     std::string name;
     bool live = false;  // standard input
-    long plays = 0;     // completed passes over the file
-    bool done = false;
-    std::vector<uint8_t> partial;  // standard input: the bytes of an incomplete packet
+    tstiming::FileFacts facts;
+    std::unique_ptr<tstiming::Scheduler> sched;
+    tstiming::Sync sync;
+    long pass = 0;              // the pass over the file being read
+    bool ended = false;         // the input has ended: the scheduler has all of it
+    bool done = false;          // and everything has gone into the chain
+    size_t stretches_told = 0;  // stretches of skipped bytes warned about
+    bool told_dropped = false;
 };
 
 // What the producer reads: the chain's sources (one, or HP and LP), or the
@@ -50,7 +59,11 @@ class Producer {
 public:
     Producer(const Settings& s, Inputs& in, Ring& ring, Converter& conv, size_t elem)
         : s_(s), in_(in), ring_(ring), conv_(conv), elem_(elem) {}
-    std::atomic<long> nulls{0}, loops{0};
+    std::atomic<long> nulls{0}, loops{0}, dropped{0};
+    std::atomic<uint64_t> skipped{0};  // bytes of standard input that were not transport stream packets
+    // Why the input could not be played (it is not a transport stream), for
+    // the main thread once the producer has finished; empty when it could.
+    std::string error;
     std::atomic<uint64_t> limit{UINT64_MAX};  // samples the writer can still take in all
 
     // Produces until the inputs end, the limit is reached or the ring is stopped;
@@ -61,7 +74,9 @@ private:
     void run_live();
     void run_playback();
     bool feed(Source& src, dvbVect* in);
-    bool feed_live(Source& src, dvbVect* in);
+    bool read_file(Source& src);
+    bool read_live(Source& src);
+    void count(Source& src);
     size_t read_samples(uint8_t* dst, size_t bytes);
 
     const Settings& s_;

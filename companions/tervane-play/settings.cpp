@@ -34,8 +34,10 @@ const char kUsage[] =
     "  -loop N|inf   play the input N times in all, or without end\n"
     "  -play FILE    play a tervane output file (format and rate from -F, -b, -I or\n"
     "                its SigMF metadata), or - for samples on standard input\n"
+    "  Transport streams are re-paced onto the channel's useful rate, PCRs rewritten\n"
+    "  (as tsadapt does); -loop runs PCR, PTS, DTS and continuity counters on.\n"
     "  At the end: samples=N seconds=X rate=X underflows=N late=N clipped=N\n"
-    "  peak_dbfs=X rms_dbfs=X loops=N nulls=N on standard output.\n"
+    "  peak_dbfs=X rms_dbfs=X loops=N nulls=N dropped=N skipped=N on standard output.\n"
     "  Exit status: 0 normal end (also on SIGINT, SIGTERM, SIGHUP), 1 usage or input\n"
     "  error, 3 device error (not found, refused, lost or stalled).\n";
 

@@ -148,10 +148,10 @@ void print_summary(const Stats& st, const Converter& conv, const Producer& prod)
     const auto db = [](double x) { return x > 0 ? 10 * std::log10(x) : -999.0; };
     std::printf(
         "samples=%llu seconds=%.3f rate=%.1f underflows=%ld late=%ld clipped=%ld peak_dbfs=%.2f "
-        "rms_dbfs=%.2f loops=%ld nulls=%ld\n",
+        "rms_dbfs=%.2f loops=%ld nulls=%ld dropped=%ld skipped=%llu\n",
         static_cast<unsigned long long>(st.samples), secs, secs > 0 ? st.samples / secs : 0.0, underflows(st), st.late,
         conv.clipped.load(), db(st.peak * st.peak), db(st.samples > 0 ? st.power / st.samples : 0), prod.loops.load(),
-        prod.nulls.load());
+        prod.nulls.load(), prod.dropped.load(), static_cast<unsigned long long>(prod.skipped.load()));
 }
 
 }  // namespace play

@@ -44,6 +44,7 @@ int main(int argc, char** argv) {
     ring.stop();
     producer.join();
     d.close();
+    if (!prod.error.empty()) companion::fail("%s", prod.error.c_str());
     play::print_summary(st, conv, prod);
     if (!failure.empty()) companion::fail_status(play::kDeviceError, "stream failure: %s", failure.c_str());
     return 0;
