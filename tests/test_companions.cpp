@@ -146,8 +146,9 @@ TEST(Tsgen, BadArgumentsAndFailedWrites) {
 // command's build is the one under test, the test command is this suite, and
 // the player's device is the fake one with that device's format and gains.
 TEST(Readme, EveryCommandRuns) {
-    if (std::system("/usr/bin/python3 -c 'import numpy, matplotlib, gnuradio.dtv' >/dev/null 2>&1") != 0)
-        GTEST_SKIP() << "the tour needs Debian's python3-numpy, python3-matplotlib and gnuradio";
+    if (std::system("/usr/bin/python3 -c 'import numpy, matplotlib, gnuradio.dtv' >/dev/null 2>&1") != 0 ||
+        !tu::have_ffmpeg())
+        GTEST_SKIP() << "the tour needs Debian's python3-numpy, python3-matplotlib, gnuradio and ffmpeg";
     const std::string build = TERVANE_BUILD_DIR, prefix = "cmake -S . -B build && cmake --build build -j2 && ";
     std::istringstream readme(tu::read_text(TERVANE_SOURCE_DIR "/README.md"));
     tu::TempDir dir;
