@@ -230,7 +230,7 @@ TEST(Tscheck, FaultsInjectedIntoATsgenStream) {
 }
 
 // The whole chain with GNU Radio's receiver, tsgen -> tervane -> [tervane-channel]
-// -> tervane-rx -> tscheck. Without a channel: both modes the receiver has, every
+// -> tervane-rx-gnuradio -> tscheck. Without a channel: both modes the receiver has, every
 // constellation, guard interval and code rate, batch sizes that divide nothing in
 // the chain. Through the Gaussian and Ricean channels at 30 dB (one with a carrier
 // offset). Each gives the stream back without a bit or counter error, all of it
@@ -280,7 +280,7 @@ TEST(BenchChain, ReceiverDecodesTheStream) {
         }
         auto receive = [&](const std::string& out) {
             return tu::run(dir.path, "/usr/bin/timeout",
-                           with({"300", TERVANE_RX_EXE, "-i", signal, "-o", out, "-p", c.rx_rate}));
+                           with({"300", TERVANE_RX_GNURADIO_EXE, "-i", signal, "-o", out, "-p", c.rx_rate}));
         };
         const auto rx = receive("rx.ts");
         ASSERT_EQ(rx.status, 0) << tu::read_text(dir / "err.txt");
@@ -294,7 +294,7 @@ TEST(BenchChain, ReceiverDecodesTheStream) {
             std::filesystem::create_symlink("/dev/full", dir / "full.ts");
             EXPECT_EQ(receive("full.ts").status, 1);
             EXPECT_EQ(tu::read_text(dir / "err.txt"),
-                      "tervane-rx: writing \"full.ts\" failed after 0 bytes: No space left on device\n");
+                      "tervane-rx-gnuradio: writing \"full.ts\" failed after 0 bytes: No space left on device\n");
         }
     }
 }
