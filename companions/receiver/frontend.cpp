@@ -456,16 +456,24 @@ void track_symbol(FrontEnd& f, const CellSink& sink) {
     }
     const bool first = f.tracked == 0;
     const double phase = first ? 0.0 : std::arg(sum);
-    // The slope left: phase differences of neighbouring pilots over their spacing.
+    // The slope left: a weighted least-squares line through the pilots'
+    // phases against their reference, over their frequencies (small angles
+    // once the expected drift is taken out).
     double res_slope = 0;
     if (!first) {
+        double sw = 0, sb = 0;
+        for (size_t i = 0; i < ncp; ++i) {
+            const double wgt = std::norm(f.ref[i]);
+            sw += wgt, sb += wgt * f.freq[f.cps[i]];
+        }
+        const double mean_b = sw > 0 ? sb / sw : 0.0;
+        const cd back = std::polar(1.0, -phase);
         double num = 0, den = 0;
-        for (size_t i = 0; i + 1 < ncp; ++i) {
-            const cd a = z[i] * std::conj(cd(f.ref[i])), b = z[i + 1] * std::conj(cd(f.ref[i + 1]));
-            const cd d = b * std::conj(a);
-            const double wgt = std::abs(d);
-            const int gap = f.freq[f.cps[i + 1]] - f.freq[f.cps[i]];
-            if (wgt > 0) num += wgt * std::arg(d) * gap, den += wgt * gap * gap;
+        for (size_t i = 0; i < ncp; ++i) {
+            const double wgt = std::norm(f.ref[i]);
+            const double b = f.freq[f.cps[i]] - mean_b;
+            num += wgt * b * std::arg(z[i] * std::conj(cd(f.ref[i])) * back);
+            den += wgt * b * b;
         }
         res_slope = den > 0 ? num / den : 0.0;
     }
@@ -506,8 +514,8 @@ void track_symbol(FrontEnd& f, const CellSink& sink) {
         adv -= kTwoPi * std::round(adv / kTwoPi);
         f.eps += 0.1 * adv / kTwoPi * f.Fl / f.Sl;
         const double tau_err = -res_slope * f.Fl / kTwoPi;
-        f.tau = tau_pred + 0.15 * tau_err;
-        f.tau_rate += 0.004 * tau_err;
+        f.tau = tau_pred + 0.1 * tau_err;
+        f.tau_rate += 0.003 * tau_err;
     }
     f.last_phase = phase;
     // TPS: the differential bit of this symbol.

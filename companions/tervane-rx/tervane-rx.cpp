@@ -1,1 +1,286 @@
-int main() { return 0; }
+// tervane-rx: a DVB-T receiver with soft decisions, from complex baseband
+// samples to transport streams. It finds every transmission parameter by
+// itself, as a television does (the frequency mapping and the channel spacing
+// excepted), tracks the carrier, the clock and the channel over recordings of
+// any length, and prints what it measured: the parameters, the carrier and
+// clock offsets, the MER, the bit error ratios before and after the Viterbi
+// decoder and the packets corrected and lost.
+#include <algorithm>
+#include <cerrno>
+#include <cmath>
+#include <complex>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "companion.hpp"
+#include "decoder.hpp"
+#include "frame/options.hpp"
+#include "frame/params.hpp"
+#include "frame/version.hpp"
+#include "frontend.hpp"
+#include "input.hpp"
+#include "sigmf.hpp"
+
+namespace {
+
+// Exit statuses.
+constexpr int kOk = 0;
+constexpr int kBadInput = 1;  // usage, options, unreadable or malformed input
+constexpr int kNoLock = 2;    // no DVB-T signal found in the input
+constexpr int kLostLock = 3;  // the lock was lost during the run
+
+const char kUsage[] =
+    "usage: tervane-rx -i IN [-o OUT.ts] [-olp LP.ts] [-f MAP] [-b SPACING] [-I RATE] [-F FORMAT]\n"
+    "                  [-format NAME] [-rate HZ] [-est pilots|static] [-ref TS] [-reflp TS]\n"
+    "                  [-m MODE] [-D GUARD] [-M C] [-a ALPHA] [-p RATE | -php RATE] [-plp RATE]\n"
+    "                  [-idi] [-cid N]\n"
+    "  Receives the DVB-T signal in IN (a file, or - for standard input) and writes its\n"
+    "  transport stream. Everything the TPS signals is found in the signal; given, an\n"
+    "  option of tervane's forces its value.\n"
+    "  -i IN           complex baseband samples; SigMF metadata beside them (IN.sigmf-meta)\n"
+    "                  gives their format and rate\n"
+    "  -o OUT.ts       the transport stream (the HP stream in hierarchical mode); - for\n"
+    "                  standard output\n"
+    "  -olp LP.ts      the LP stream of a hierarchical transmission\n"
+    "  -f 0|BB|INV     frequency mapping of the transmission (default 0)\n"
+    "  -b 5|6|7|8      channel spacing in MHz (default 8)\n"
+    "  -I 1x|2x|4x     tervane's interpolation: the sample rate (default 1x)\n"
+    "  -F std|agi      tervane's sample format (default std)\n"
+    "  -format NAME    other recordings: cf32, cs16, cs8, cu8 (SoapySDR's names, any case)\n"
+    "                  or SigMF's (cf32_le, ci16_le, ci16_be, ci8, cu8)\n"
+    "  -rate HZ        their sample rate: 1, 2 or 4 times the elementary rate\n"
+    "  -est pilots     channel estimate from the scattered pilots, in time and frequency\n"
+    "                  (default: channels that change, and recordings of real hardware)\n"
+    "  -est static     a channel fixed over the recording, from every pilot of the run\n"
+    "                  (two passes: a file only)\n"
+    "  -ref TS         the stream sent: bit errors after the Viterbi decoder counted exactly\n"
+    "  -reflp TS       the same for the LP stream\n"
+    "  -m, -D          mode and guard interval: searched only among these\n"
+    "  -M, -a, -p, -php, -plp, -idi, -cid   forced over what the TPS says\n"
+    "  -h, -V          this help, the version\n"
+    "  The other options of tervane are accepted and ignored; any other word is an error.\n"
+    "  Exit status: 0 received, 1 bad usage or input, 2 no signal found, 3 lock lost.\n";
+
+char *g_olp, *g_est, *g_ref, *g_reflp, *g_format, *g_rate;
+const dvbOption kOwnOptions[] = {
+    {.name = "-olp", .kind = dvbString, .target = &g_olp},
+    {.name = "-est", .kind = dvbString, .target = &g_est},
+    {.name = "-ref", .kind = dvbString, .target = &g_ref},
+    {.name = "-reflp", .kind = dvbString, .target = &g_reflp},
+    {.name = "-format", .kind = dvbString, .target = &g_format},
+    {.name = "-rate", .kind = dvbString, .target = &g_rate},
+};
+
+std::string value_of(const char* text) { return text != nullptr ? text : ""; }
+
+struct Settings {
+    std::string in, out, out_lp, ref, ref_lp;
+    rx::Format format = rx::Format::cf32;
+    double rate = 0;
+    bool static_est = false;
+    bool from_sigmf = false;
+    rx::FrontEndConfig fe;
+};
+
+// The messages go to standard output, or to standard error when the stream does.
+FILE* g_msg = stdout;
+void say(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+void say(const char* fmt, ...) {
+    std::va_list ap;
+    va_start(ap, fmt);
+    std::vfprintf(g_msg, fmt, ap);
+    va_end(ap);
+}
+
+Settings settle() {
+    using companion::fail;
+    Settings s;
+    const dvbt_parms_t& p = dvbt_parms;
+    s.in = value_of(mpeg2ts_fname);
+    s.out = value_of(out_fname);
+    s.out_lp = value_of(g_olp);
+    s.ref = value_of(g_ref);
+    s.ref_lp = value_of(g_reflp);
+    if (s.in.empty()) fail("no input given (-i IN, - for standard input; %s -h for usage)", companion::prog());
+    const std::string est = value_of(g_est);
+    if (!est.empty() && est != "pilots" && est != "static")
+        fail("-est takes pilots or static, not \"%s\"", est.c_str());
+    s.static_est = est == "static";
+    if (s.static_est && s.in == "-") fail("-est static reads the input twice: it needs a file, not standard input");
+    if (s.in != "-") companion::input_size(s.in);
+    for (const std::string& o : {s.out, s.out_lp})
+        if (!o.empty() && o != "-" && s.in != "-") companion::check_not_input(o, s.in);
+    if (s.out == "-" && s.out_lp == "-") fail("only one stream can go to standard output");
+    if (s.out == "-" || s.out_lp == "-") g_msg = stderr;
+
+    // Format and rate: the options of other recordings, else SigMF, else tervane's.
+    const double fs = dvbSampleRate(p.band, 0);
+    if (p.dumpformat == 2) fail("-F agiold writes two files (I and Q): convert them to agi or std first");
+    s.format = p.dumpformat == 1 ? rx::Format::ci16_be : rx::Format::cf32;
+    s.rate = dvbSampleRate(p.band, p.interp);
+    if (s.in != "-") {
+        if (const auto meta = companion::read_sigmf(s.in)) {
+            const auto f = rx::format_of(meta->datatype);
+            if (!f)
+                fail("%s: the datatype \"%s\" is not one this receiver reads", meta->meta.c_str(),
+                     meta->datatype.c_str());
+            s.format = *f;
+            if (meta->sample_rate) s.rate = *meta->sample_rate;
+            s.from_sigmf = true;
+        }
+    }
+    if (const std::string f = value_of(g_format); !f.empty()) {
+        const auto fmt = rx::format_of(f);
+        if (!fmt)
+            fail("-format takes cf32, cs16, cs8, cu8, cf32_le, ci16_le, ci16_be, ci8 or std, agi; not \"%s\"",
+                 f.c_str());
+        s.format = *fmt;
+    }
+    if (const std::string r = value_of(g_rate); !r.empty()) {
+        errno = 0;
+        char* end = nullptr;
+        const double v = std::strtod(r.c_str(), &end);
+        if (end == r.c_str() || *end != '\0' || errno == ERANGE || !std::isfinite(v) || !(v > 0))
+            fail("-rate takes a sample rate in Hz, not \"%s\"", r.c_str());
+        s.rate = v;
+    }
+    int interp = -1;
+    for (int i = 0; i < 3; ++i)
+        if (std::fabs(s.rate - fs * (1 << i)) <= 1e-6 * s.rate) interp = i;
+    if (s.rate < fs * (1 - 1e-6))
+        fail("the sample rate %.6f MHz lies below the %s MHz channel's elementary rate, %.6f MHz", s.rate / 1e6,
+             dvbt_bandname[p.band], fs / 1e6);
+    if (interp < 0)
+        fail(
+            "the sample rate %.6f MHz is not 1, 2 or 4 times the %s MHz channel's elementary rate (%.6f MHz): "
+            "resample the recording to one of them",
+            s.rate / 1e6, dvbt_bandname[p.band], fs / 1e6);
+    s.fe.band = p.band;
+    s.fe.mapping = p.ifftmm;
+    s.fe.interp = static_cast<uint32_t>(interp);
+    if (companion::option_given("-m")) s.fe.mode = static_cast<int>(p.mode);
+    if (companion::option_given("-D")) s.fe.delta = static_cast<int>(p.delta);
+    return s;
+}
+
+// The TPS's parameters with the user's forced ones over them.
+rx::Transmission forced(rx::Transmission t) {
+    const dvbt_parms_t& p = dvbt_parms;
+    if (companion::option_given("-M")) t.M = p.M;
+    if (companion::option_given("-a")) t.alpha = p.alpha;
+    if (companion::option_given("-p")) t.rate_hp = p.rate;
+    if (companion::option_given("-php")) t.rate_hp = p.rate_hp;
+    if (companion::option_given("-plp")) t.rate_lp = p.rate_lp;
+    if (companion::option_given("-idi")) t.idi = p.idi;
+    if (companion::option_given("-cid")) t.cid = p.cid;
+    return t;
+}
+
+const char* constellation_name(uint32_t M) { return M == 0 ? "QPSK" : M == 1 ? "16-QAM" : "64-QAM"; }
+
+// Runs the front end over the whole input; returns the samples read.
+uint64_t run_pass(rx::SampleReader& in, const Settings& s, rx::FrontEnd& fe, const rx::CellSink& sink) {
+    std::vector<std::complex<float>> block(1 << 16);
+    size_t n;
+    while ((n = rx::reader_read(in, block)) > 0) {
+        for (const auto& v : std::span(block.data(), n))
+            if (!std::isfinite(v.real()) || !std::isfinite(v.imag()))
+                companion::fail(
+                    "sample %llu of \"%s\" is not a finite number",
+                    static_cast<unsigned long long>(in.samples - n + static_cast<uint64_t>(&v - block.data())),
+                    s.in.c_str());
+        rx::frontend_push(fe, std::span<const std::complex<float>>(block.data(), n), sink);
+    }
+    if (in.error) companion::fail("reading \"%s\" failed: %s", s.in.c_str(), std::strerror(errno));
+    return in.samples;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    companion::start("tervane-rx");
+    int32_t verbosity_arg = 0;
+    const auto tervane = tervane_options(&verbosity_arg);
+    companion::parse_options(argc, argv, {tervane, kOwnOptions});
+    if (help) {
+        std::fputs(kUsage, stdout);
+        return kOk;
+    }
+    if (version) {
+        companion::print_version();
+        return kOk;
+    }
+    const Settings s = settle();
+    rx::SampleReader in;
+    if (!rx::reader_open(in, s.in, s.format))
+        companion::fail("can't read \"%s\": %s", s.in.c_str(), std::strerror(errno));
+
+    say("%s %s: %s, %s at %.6f MHz (%s of the %s MHz channel), mapping %s%s\n", companion::prog(), TERVANE_VERSION,
+        s.in == "-" ? "standard input" : s.in.c_str(), rx::format_name(s.format), s.rate / 1e6,
+        dvbt_interpname[s.fe.interp], dvbt_bandname[s.fe.band], dvbt_ifftmmname[s.fe.mapping],
+        s.from_sigmf ? " (SigMF)" : "");
+
+    std::optional<rx::StaticChannel> fixed;
+    if (s.static_est) {
+        rx::FrontEndConfig c = s.fe;
+        c.collect_static = true;
+        auto first = rx::frontend_create(c);
+        run_pass(in, s, *first, [](const rx::Transmission&, const rx::SymbolCells&) {});
+        fixed = rx::frontend_static(*first);
+        if (!rx::reader_rewind(in)) companion::fail("can't read \"%s\" again: %s", s.in.c_str(), std::strerror(errno));
+    }
+    auto fe = rx::frontend_create(s.fe, fixed && !fixed->h.empty() ? &*fixed : nullptr);
+    uint64_t cells = 0;
+    rx::Transmission current;
+    bool have = false;
+    auto sink = [&](const rx::Transmission& tps, const rx::SymbolCells& sc) {
+        const rx::Transmission t = forced(tps);
+        (void)sc;
+        if (!have) current = t, have = true;
+        cells += sc.cells.size();
+    };
+    const uint64_t samples = run_pass(in, s, *fe, sink);
+    if (in.partial_end)
+        companion::fail("\"%s\" ends inside a sample: not %s samples", s.in.c_str(), rx::format_name(s.format));
+    if (samples == 0) companion::fail("\"%s\" holds no samples", s.in.c_str());
+
+    const rx::FrontEndStatus st = rx::frontend_status(*fe);
+    say("Input: %llu samples (%.6f s)\n", static_cast<unsigned long long>(samples), samples / s.rate);
+    if (!st.ever_locked) {
+        say("Lock: none: no DVB-T signal found\n");
+        say("status=nolock samples=%llu\n", static_cast<unsigned long long>(samples));
+        return kNoLock;
+    }
+    const rx::Transmission t = forced(st.tps);
+    const double fs = dvbSampleRate(s.fe.band, s.fe.interp);
+    say("Lock: %s, guard %s, at sample %llu (%.6f s)%s\n", dvbt_modename[t.mode], dvbt_deltaname[t.delta],
+        static_cast<unsigned long long>(st.lock_sample), st.lock_sample / fs,
+        st.losses ? (", lost " + std::to_string(st.losses) + " time(s)").c_str() : "");
+    char cid[32];
+    if (t.cid >= 0) std::snprintf(cid, sizeof cid, "0x%04X", static_cast<unsigned>(t.cid));
+    else std::snprintf(cid, sizeof cid, "none");
+    if (t.alpha == 0)
+        say("Transmission: %s, %s, non-hierarchical, code rate %s, guard %s, %s interleaving, cell id %s\n",
+            dvbt_modename[t.mode], constellation_name(t.M), dvbt_ratename[t.rate_hp], dvbt_deltaname[t.delta],
+            t.idi ? "in-depth" : "native", cid);
+    else
+        say("Transmission: %s, %s, hierarchical alpha %s, code rates HP %s LP %s, guard %s, %s interleaving, cell id "
+            "%s\n",
+            dvbt_modename[t.mode], constellation_name(t.M), dvbt_alphaname[t.alpha], dvbt_ratename[t.rate_hp],
+            dvbt_ratename[t.rate_lp], dvbt_deltaname[t.delta], t.idi ? "in-depth" : "native", cid);
+    say("Carrier offset: %.1f Hz\n", st.offset_hz);
+    say("Clock offset: %.2f ppm\n", st.clock_ppm);
+    say("MER: %.2f dB over %llu data cells (%llu symbols); pilots' C/N %.2f dB\n", st.mer_db,
+        static_cast<unsigned long long>(cells), static_cast<unsigned long long>(st.symbols), st.snr_db);
+    say("status=%s samples=%llu mode=%s M=%s alpha=%s guard=%s rate_hp=%s rate_lp=%s idi=%u cid=%d "
+        "offset_hz=%.1f clock_ppm=%.3f mer_db=%.2f symbols=%llu losses=%d\n",
+        st.losses ? "lost" : "ok", static_cast<unsigned long long>(samples), dvbt_modename[t.mode], dvbt_Mname[t.M],
+        dvbt_alphaname[t.alpha], dvbt_deltaname[t.delta], dvbt_ratename[t.rate_hp], dvbt_ratename[t.rate_lp], t.idi,
+        t.cid, st.offset_hz, st.clock_ppm, st.mer_db, static_cast<unsigned long long>(st.symbols), st.losses);
+    return st.losses ? kLostLock : kOk;
+}
