@@ -7,9 +7,9 @@
 #include "util.hpp"
 
 #ifdef TERVANE_RX_EXE
-#include "carriers.hpp"
-#include "frontend.hpp"
-#include "input.hpp"
+#include "receiver/carriers.hpp"
+#include "receiver/frontend.hpp"
+#include "receiver/input.hpp"
 
 namespace {
 

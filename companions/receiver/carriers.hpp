@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <optional>
 
-#include "decoder.hpp"
+#include "receiver/decoder.hpp"
 
 namespace rx {
 

@@ -1,4 +1,4 @@
-#include "frontend.hpp"
+#include "receiver/frontend.hpp"
 
 #include <fftw3.h>
 
@@ -8,7 +8,7 @@
 #include <map>
 #include <numbers>
 
-#include "carriers.hpp"
+#include "receiver/carriers.hpp"
 
 namespace rx {
 namespace {

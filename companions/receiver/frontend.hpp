@@ -24,7 +24,7 @@
 #include <span>
 #include <vector>
 
-#include "decoder.hpp"
+#include "receiver/decoder.hpp"
 
 namespace rx {
 

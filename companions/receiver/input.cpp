@@ -1,4 +1,4 @@
-#include "input.hpp"
+#include "receiver/input.hpp"
 
 #include <algorithm>
 #include <cctype>

@@ -18,12 +18,13 @@
 #include <vector>
 
 #include "companion.hpp"
-#include "decoder.hpp"
 #include "frame/options.hpp"
 #include "frame/params.hpp"
 #include "frame/version.hpp"
-#include "frontend.hpp"
-#include "input.hpp"
+#include "receiver/decoder.hpp"
+#include "receiver/frontend.hpp"
+#include "receiver/input.hpp"
+#include "receiver/reference.hpp"
 #include "sigmf.hpp"
 
 namespace {
@@ -181,6 +182,62 @@ rx::Transmission forced(rx::Transmission t) {
     return t;
 }
 
+// An output stream: a file or standard output, every write checked.
+struct Output {
+    std::string name;
+    FILE* fp = nullptr;
+    uint64_t bytes = 0;
+    bool own = false;
+    void open(const std::string& n) {
+        name = n;
+        if (n.empty()) return;
+        if (n == "-") {
+            fp = stdout;
+            return;
+        }
+        fp = std::fopen(n.c_str(), "wb"), own = true;
+        if (fp == nullptr) companion::fail("can't create \"%s\": %s", n.c_str(), std::strerror(errno));
+    }
+    void write(std::span<const uint8_t> b) {
+        if (fp == nullptr) return;
+        if (std::fwrite(b.data(), 1, b.size(), fp) != b.size())
+            companion::fail("writing \"%s\" failed after %llu bytes: %s", name.c_str(),
+                            static_cast<unsigned long long>(bytes), std::strerror(errno));
+        bytes += b.size();
+    }
+    void close() {
+        if (fp != nullptr && (std::fflush(fp) != 0 || (own && std::fclose(fp) != 0)))
+            companion::fail("writing \"%s\" failed: %s", name.c_str(), std::strerror(errno));
+        fp = nullptr;
+    }
+};
+
+// The stream sent, read whole, for the exact count of -ref.
+rx::ReferencePtr load_reference(const std::string& name) {
+    if (name.empty()) return nullptr;
+    const uint64_t size = companion::input_size(name);
+    if (size < 188) companion::fail("\"%s\" holds no whole transport packet", name.c_str());
+    std::vector<uint8_t> ts(static_cast<size_t>(size));
+    FILE* fp = std::fopen(name.c_str(), "rb");
+    if (fp == nullptr || std::fread(ts.data(), 1, ts.size(), fp) != ts.size())
+        companion::fail("can't read \"%s\": %s", name.c_str(), std::strerror(errno));
+    std::fclose(fp);
+    return rx::reference_create(ts);
+}
+
+bool same_transmission(const rx::Transmission& a, const rx::Transmission& b) {
+    return a.mode == b.mode && a.M == b.M && a.alpha == b.alpha && a.delta == b.delta && a.rate_hp == b.rate_hp &&
+           a.rate_lp == b.rate_lp && a.idi == b.idi;
+}
+
+void add(rx::DecoderCounts& sum, const rx::DecoderCounts& c) {
+    sum.packets += c.packets, sum.corrected += c.corrected, sum.uncorrectable += c.uncorrectable;
+    sum.bits_before_viterbi += c.bits_before_viterbi, sum.errors_before_viterbi += c.errors_before_viterbi;
+    sum.bits_after_viterbi += c.bits_after_viterbi, sum.errors_after_viterbi += c.errors_after_viterbi;
+}
+
+double ratio(uint64_t a, uint64_t b) { return b > 0 ? static_cast<double>(a) / static_cast<double>(b) : 0.0; }
+
 const char* constellation_name(uint32_t M) { return M == 0 ? "QPSK" : M == 1 ? "16-QAM" : "64-QAM"; }
 
 // Runs the front end over the whole input; returns the samples read.
@@ -235,20 +292,42 @@ int main(int argc, char** argv) {
         if (!rx::reader_rewind(in)) companion::fail("can't read \"%s\" again: %s", s.in.c_str(), std::strerror(errno));
     }
     auto fe = rx::frontend_create(s.fe, fixed && !fixed->h.empty() ? &*fixed : nullptr);
-    uint64_t cells = 0;
+    Output hp, lp;
+    hp.open(s.out);
+    lp.open(s.out_lp);
+    rx::ReferencePtr ref_hp = load_reference(s.ref), ref_lp = load_reference(s.ref_lp);
+    uint64_t cells = 0, packets_hp = 0, packets_lp = 0;
     rx::Transmission current;
-    bool have = false;
+    rx::DecoderPtr dec;
+    rx::DecoderCounts counts;  // of the decoders before the current one
+    std::vector<uint8_t> packet(188);
+    bool started = false;  // the stream starts at the first packet decoded (before it: the deinterleaver's start)
+    auto on_packet = [&](const rx::Packet& p) {
+        started = started || p.ok;
+        if (!started) return;
+        std::copy(p.ts.begin(), p.ts.end(), packet.begin());
+        if (!p.ok) packet[1] |= 0x80;  // transport error indicator: a packet the decoder could not correct
+        (p.lp ? lp : hp).write(packet);
+        ++(p.lp ? packets_lp : packets_hp);
+        if (rx::Reference* r = (p.lp ? ref_lp : ref_hp).get()) rx::reference_compare(*r, p);
+    };
     auto sink = [&](const rx::Transmission& tps, const rx::SymbolCells& sc) {
         const rx::Transmission t = forced(tps);
-        (void)sc;
-        if (!have) current = t, have = true;
+        if (!dec || !same_transmission(t, current)) {
+            if (dec) add(counts, rx::decoder_counts(*dec));
+            dec = rx::decoder_create(t);
+            current = t;
+        }
         cells += sc.cells.size();
+        rx::decoder_push(*dec, sc, on_packet);
     };
     const uint64_t samples = run_pass(in, s, *fe, sink);
     if (in.partial_end)
         companion::fail("\"%s\" ends inside a sample: not %s samples", s.in.c_str(), rx::format_name(s.format));
     if (samples == 0) companion::fail("\"%s\" holds no samples", s.in.c_str());
 
+    hp.close(), lp.close();
+    if (dec) add(counts, rx::decoder_counts(*dec));
     const rx::FrontEndStatus st = rx::frontend_status(*fe);
     say("Input: %llu samples (%.6f s)\n", static_cast<unsigned long long>(samples), samples / s.rate);
     if (!st.ever_locked) {
@@ -277,10 +356,39 @@ int main(int argc, char** argv) {
     say("Clock offset: %.2f ppm\n", st.clock_ppm);
     say("MER: %.2f dB over %llu data cells (%llu symbols); pilots' C/N %.2f dB\n", st.mer_db,
         static_cast<unsigned long long>(cells), static_cast<unsigned long long>(st.symbols), st.snr_db);
+    say("BER before Viterbi: %.3e (%llu errors in %llu bits, hard decisions against the re-encoded output)\n",
+        ratio(counts.errors_before_viterbi, counts.bits_before_viterbi),
+        static_cast<unsigned long long>(counts.errors_before_viterbi),
+        static_cast<unsigned long long>(counts.bits_before_viterbi));
+    double ber_after = ratio(counts.errors_after_viterbi, counts.bits_after_viterbi);
+    say("BER after Viterbi: %.3e (%llu bits corrected in %llu bits of packets decoded)\n", ber_after,
+        static_cast<unsigned long long>(counts.errors_after_viterbi),
+        static_cast<unsigned long long>(counts.bits_after_viterbi));
+    uint64_t ref_bits = 0, ref_errors = 0, ref_unplaced = 0;
+    for (const rx::Reference* r : {ref_hp.get(), ref_lp.get()}) {
+        if (r == nullptr) continue;
+        const rx::ReferenceCounts& c = rx::reference_counts(*r);
+        ref_bits += c.bits, ref_errors += c.errors, ref_unplaced += c.unplaced;
+    }
+    if (ref_hp || ref_lp) {
+        ber_after = ratio(ref_errors, ref_bits);
+        say("BER after Viterbi, against the stream sent: %.3e (%llu errors in %llu bits; %llu packets not found in "
+            "it)\n",
+            ber_after, static_cast<unsigned long long>(ref_errors), static_cast<unsigned long long>(ref_bits),
+            static_cast<unsigned long long>(ref_unplaced));
+    }
+    say("Packets: %llu (HP or NH %llu, LP %llu), %llu corrected, %llu uncorrectable\n",
+        static_cast<unsigned long long>(counts.packets), static_cast<unsigned long long>(packets_hp),
+        static_cast<unsigned long long>(packets_lp), static_cast<unsigned long long>(counts.corrected),
+        static_cast<unsigned long long>(counts.uncorrectable));
     say("status=%s samples=%llu mode=%s M=%s alpha=%s guard=%s rate_hp=%s rate_lp=%s idi=%u cid=%d "
-        "offset_hz=%.1f clock_ppm=%.3f mer_db=%.2f symbols=%llu losses=%d\n",
+        "offset_hz=%.1f clock_ppm=%.3f mer_db=%.2f symbols=%llu packets=%llu packets_lp=%llu corrected=%llu "
+        "uncorrectable=%llu ber_before_viterbi=%.6e ber_after_viterbi=%.6e losses=%d\n",
         st.losses ? "lost" : "ok", static_cast<unsigned long long>(samples), dvbt_modename[t.mode], dvbt_Mname[t.M],
         dvbt_alphaname[t.alpha], dvbt_deltaname[t.delta], dvbt_ratename[t.rate_hp], dvbt_ratename[t.rate_lp], t.idi,
-        t.cid, st.offset_hz, st.clock_ppm, st.mer_db, static_cast<unsigned long long>(st.symbols), st.losses);
+        t.cid, st.offset_hz, st.clock_ppm, st.mer_db, static_cast<unsigned long long>(st.symbols),
+        static_cast<unsigned long long>(packets_hp), static_cast<unsigned long long>(packets_lp),
+        static_cast<unsigned long long>(counts.corrected), static_cast<unsigned long long>(counts.uncorrectable),
+        ratio(counts.errors_before_viterbi, counts.bits_before_viterbi), ber_after, st.losses);
     return st.losses ? kLostLock : kOk;
 }

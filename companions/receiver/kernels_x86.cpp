@@ -1,0 +1,180 @@
+// The x86 vector forms of the demapper and the add-compare-select; kernels.cpp
+// holds the plain forms they equal, operation for operation.
+#include "receiver/kernels.hpp"
+
+#if RX_X86
+
+#if !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+// Vector values pass only between functions of the same target.
+#pragma GCC diagnostic ignored "-Wpsabi"
+#endif
+#include <immintrin.h>
+
+#define RX_AVX512 __attribute__((target("avx512f,avx512bw,avx512vl,avx512dq,bmi2")))
+#define RX_AVX __attribute__((target("avx")))
+
+namespace rx::detail {
+
+namespace {
+
+RX_AVX512 inline __m512 sq(__m512 v) { return _mm512_mul_ps(v, v); }
+RX_AVX512 inline __m512 dist(__m512 ax, float m) { return sq(_mm512_sub_ps(ax, _mm512_set1_ps(m))); }
+
+// The quantiser of the plain form: not a number to 0, clamped to +-127,
+// rounded to the nearest (even) integer.
+RX_AVX512 inline __m128i quantise(__m512 v) {
+    v = _mm512_maskz_mov_ps(_mm512_cmp_ps_mask(v, v, _CMP_ORD_Q), v);
+    v = _mm512_max_ps(_mm512_min_ps(v, _mm512_set1_ps(127.0f)), _mm512_set1_ps(-127.0f));
+    return _mm512_cvtepi32_epi8(_mm512_cvtps_epi32(v));
+}
+
+RX_AVX512 inline __m128i signed_soft(__m512 x, __m512 ds, __m512 w) {
+    const __m512 zero = _mm512_setzero_ps();
+    return quantise(_mm512_mul_ps(_mm512_mask_sub_ps(ds, _mm512_cmp_ps_mask(x, zero, _CMP_LT_OQ), zero, ds), w));
+}
+
+template <uint32_t L>
+RX_AVX512 inline void axis(const float* m, __m512 x, __m512 w, int8_t* s, size_t stride) {
+    const __m512 ax = _mm512_abs_ps(x);
+    if constexpr (L == 1) {
+        const __m512 d0 = dist(ax, m[0]);
+        const __m512 ds = _mm512_sub_ps(sq(_mm512_add_ps(ax, _mm512_set1_ps(m[0]))), d0);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(s), signed_soft(x, ds, w));
+    } else if constexpr (L == 2) {
+        const __m512 d0 = dist(ax, m[0]), d1 = dist(ax, m[1]);
+        const __m512 ds = _mm512_sub_ps(sq(_mm512_add_ps(ax, _mm512_set1_ps(m[1]))), _mm512_min_ps(d0, d1));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(s), signed_soft(x, ds, w));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(s + 2 * stride), quantise(_mm512_mul_ps(_mm512_sub_ps(d1, d0), w)));
+    } else {
+        const __m512 d0 = dist(ax, m[0]), d1 = dist(ax, m[1]), d2 = dist(ax, m[2]), d3 = dist(ax, m[3]);
+        const __m512 near = _mm512_min_ps(_mm512_min_ps(d0, d1), _mm512_min_ps(d2, d3));
+        const __m512 ds = _mm512_sub_ps(sq(_mm512_add_ps(ax, _mm512_set1_ps(m[2]))), near);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(s), signed_soft(x, ds, w));
+        const __m512 a = _mm512_sub_ps(_mm512_min_ps(d2, d3), _mm512_min_ps(d0, d1));
+        const __m512 b = _mm512_sub_ps(_mm512_min_ps(d1, d3), _mm512_min_ps(d0, d2));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(s + 2 * stride), quantise(_mm512_mul_ps(a, w)));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(s + 4 * stride), quantise(_mm512_mul_ps(b, w)));
+    }
+}
+
+template <uint32_t L>
+RX_AVX512 size_t demap_cells(const Constellation& c, const float* cells, const float* csi, size_t n, float scale,
+                             int8_t* planes, size_t stride) {
+    const __m512i even = _mm512_setr_epi32(0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24, 26, 28, 30);
+    const __m512i odd = _mm512_setr_epi32(1, 3, 5, 7, 9, 11, 13, 15, 17, 19, 21, 23, 25, 27, 29, 31);
+    size_t i = 0;
+    for (; i + 16 <= n; i += 16) {
+        const __m512 a = _mm512_loadu_ps(cells + 2 * i), b = _mm512_loadu_ps(cells + 2 * i + 16);
+        const __m512 re = _mm512_permutex2var_ps(a, even, b), im = _mm512_permutex2var_ps(a, odd, b);
+        const __m512 cs = _mm512_loadu_ps(csi + i);
+        const __m512 w =
+            _mm512_maskz_mul_ps(_mm512_cmp_ps_mask(cs, _mm512_setzero_ps(), _CMP_GT_OQ), cs, _mm512_set1_ps(scale));
+        axis<L>(c.level.data(), re, w, planes + i, stride);
+        axis<L>(c.level.data(), im, w, planes + stride + i, stride);
+    }
+    return i;
+}
+
+}  // namespace
+
+RX_AVX512 void demap_avx512(const Constellation& c, const float* cells, const float* csi, size_t n, float scale,
+                            int8_t* planes, size_t stride) {
+    size_t done = 0;
+    if (c.bits == 2) done = demap_cells<1>(c, cells, csi, n, scale, planes, stride);
+    if (c.bits == 4) done = demap_cells<2>(c, cells, csi, n, scale, planes, stride);
+    if (c.bits == 6) done = demap_cells<4>(c, cells, csi, n, scale, planes, stride);
+    // The last cells of a count that is not a multiple of 16 take the plain form.
+    demap_plain(c, cells + 2 * done, csi + done, n - done, scale, planes + done, stride);
+}
+
+namespace {
+
+// The four branch metrics of a step (code bits 00, 01, 10, 11) as 16-bit
+// values packed into one 64-bit word.
+inline uint64_t branch_metrics(const int8_t* p) {
+    const int sx = p[0], sy = p[1];
+    auto u = [](int v) { return static_cast<uint64_t>(static_cast<uint16_t>(v)); };
+    return u(sx + sy) | u(sx - sy) << 16 | u(-sx + sy) << 32 | u(-sx - sy) << 48;
+}
+
+}  // namespace
+
+// The 64 metrics as two registers of 32: states 0..31 (the predecessors n >> 1)
+// and 32..63 (their partners). The survivors of the even and the odd states
+// come out in two registers and are interleaved back into state order.
+RX_AVX512 void viterbi_acs_avx512(int16_t* metrics, const int8_t* pairs, size_t n, uint64_t* decisions) {
+    alignas(64) int16_t ie[32], io[32], il[32], ih[32];
+    for (int j = 0; j < 32; j++) {
+        ie[j] = branch_bits[2 * j], io[j] = branch_bits[2 * j + 1];
+        il[j] = static_cast<int16_t>((j & 1) * 32 + j / 2);
+        ih[j] = static_cast<int16_t>((j & 1) * 32 + 16 + j / 2);
+    }
+    const __m512i idx_e = _mm512_load_si512(ie), idx_o = _mm512_load_si512(io);
+    const __m512i idx_l = _mm512_load_si512(il), idx_h = _mm512_load_si512(ih);
+    __m512i lo = _mm512_loadu_si512(metrics), hi = _mm512_loadu_si512(metrics + 32);
+    for (size_t t = 0; t < n; t++) {
+        const __m512i tbl = _mm512_set1_epi64(static_cast<long long>(branch_metrics(pairs + 2 * t)));
+        const __m512i be = _mm512_permutexvar_epi16(idx_e, tbl), bo = _mm512_permutexvar_epi16(idx_o, tbl);
+        const __m512i ae = _mm512_add_epi16(lo, be), ce = _mm512_sub_epi16(hi, be);
+        const __m512i ao = _mm512_add_epi16(lo, bo), co = _mm512_sub_epi16(hi, bo);
+        const __m512i ne = _mm512_max_epi16(ae, ce), no = _mm512_max_epi16(ao, co);
+        const uint64_t ke = _cvtmask32_u32(_mm512_cmpgt_epi16_mask(ce, ae));
+        const uint64_t ko = _cvtmask32_u32(_mm512_cmpgt_epi16_mask(co, ao));
+        decisions[t] = _pdep_u64(ke, 0x5555555555555555u) | _pdep_u64(ko, 0xAAAAAAAAAAAAAAAAu);
+        lo = _mm512_permutex2var_epi16(ne, idx_l, no);
+        hi = _mm512_permutex2var_epi16(ne, idx_h, no);
+        if ((t & 31) == 31) {
+            const __m512i base = _mm512_broadcastw_epi16(_mm512_castsi512_si128(lo));
+            lo = _mm512_sub_epi16(lo, base), hi = _mm512_sub_epi16(hi, base);
+        }
+    }
+    _mm512_storeu_si512(metrics, lo);
+    _mm512_storeu_si512(metrics + 32, hi);
+}
+
+// The same with 128-bit registers: m[r] holds states 8 r .. 8 r + 7; the
+// survivors of states 16 c .. 16 c + 15 come from m[c] and m[c + 4], and the
+// interleave of the even and odd results stays within each register pair.
+RX_AVX void viterbi_acs_avx(int16_t* metrics, const int8_t* pairs, size_t n, uint64_t* decisions) {
+    __m128i m[8], ctl_e[4], ctl_o[4];
+    for (int r = 0; r < 8; r++) m[r] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(metrics + 8 * r));
+    for (int c = 0; c < 4; c++) {
+        alignas(16) uint8_t e[16], o[16];
+        for (int k = 0; k < 8; k++) {
+            const int j = 8 * c + k;
+            e[2 * k] = static_cast<uint8_t>(2 * branch_bits[2 * j]), e[2 * k + 1] = static_cast<uint8_t>(e[2 * k] + 1);
+            o[2 * k] = static_cast<uint8_t>(2 * branch_bits[2 * j + 1]),
+                  o[2 * k + 1] = static_cast<uint8_t>(o[2 * k] + 1);
+        }
+        ctl_e[c] = _mm_load_si128(reinterpret_cast<const __m128i*>(e));
+        ctl_o[c] = _mm_load_si128(reinterpret_cast<const __m128i*>(o));
+    }
+    for (size_t t = 0; t < n; t++) {
+        const __m128i tbl = _mm_set1_epi64x(static_cast<long long>(branch_metrics(pairs + 2 * t)));
+        __m128i next[8];
+        uint64_t dec = 0;
+        for (int c = 0; c < 4; c++) {
+            const __m128i be = _mm_shuffle_epi8(tbl, ctl_e[c]), bo = _mm_shuffle_epi8(tbl, ctl_o[c]);
+            const __m128i ae = _mm_add_epi16(m[c], be), ce = _mm_sub_epi16(m[c + 4], be);
+            const __m128i ao = _mm_add_epi16(m[c], bo), co = _mm_sub_epi16(m[c + 4], bo);
+            const __m128i ne = _mm_max_epi16(ae, ce), no = _mm_max_epi16(ao, co);
+            const __m128i de = _mm_cmpgt_epi16(ce, ae), dn = _mm_cmpgt_epi16(co, ao);
+            next[2 * c] = _mm_unpacklo_epi16(ne, no);
+            next[2 * c + 1] = _mm_unpackhi_epi16(ne, no);
+            const __m128i d = _mm_packs_epi16(_mm_unpacklo_epi16(de, dn), _mm_unpackhi_epi16(de, dn));
+            dec |= static_cast<uint64_t>(static_cast<uint32_t>(_mm_movemask_epi8(d))) << (16 * c);
+        }
+        decisions[t] = dec;
+        if ((t & 31) == 31) {
+            const __m128i base = _mm_set1_epi16(static_cast<int16_t>(_mm_extract_epi16(next[0], 0)));
+            for (int r = 0; r < 8; r++) next[r] = _mm_sub_epi16(next[r], base);
+        }
+        for (int r = 0; r < 8; r++) m[r] = next[r];
+    }
+    for (int r = 0; r < 8; r++) _mm_storeu_si128(reinterpret_cast<__m128i*>(metrics + 8 * r), m[r]);
+}
+
+}  // namespace rx::detail
+
+#endif
