@@ -300,11 +300,21 @@ int main(int argc, char** argv) {
     rx::Transmission current;
     rx::DecoderPtr dec;
     rx::DecoderCounts counts;  // of the decoders before the current one
+    rx::DecoderCounts mine;    // the packets out, counted from the first decoded
     std::vector<uint8_t> packet(188);
-    bool started = false;  // the stream starts at the first packet decoded (before it: the deinterleaver's start)
+    // Each stream starts at its first packet decoded (before it: the deinterleaver's start).
+    bool started[2] = {false, false};
     auto on_packet = [&](const rx::Packet& p) {
-        started = started || p.ok;
-        if (!started) return;
+        bool& on = started[p.lp ? 1 : 0];
+        on = on || p.ok;
+        if (!on) return;
+        ++mine.packets;
+        if (p.ok) {
+            mine.bits_after_viterbi += 204 * 8, mine.errors_after_viterbi += static_cast<uint64_t>(p.corrected_bits);
+            if (p.corrected_bytes > 0) ++mine.corrected;
+        } else {
+            ++mine.uncorrectable;
+        }
         std::copy(p.ts.begin(), p.ts.end(), packet.begin());
         if (!p.ok) packet[1] |= 0x80;  // transport error indicator: a packet the decoder could not correct
         (p.lp ? lp : hp).write(packet);
@@ -328,6 +338,8 @@ int main(int argc, char** argv) {
 
     hp.close(), lp.close();
     if (dec) add(counts, rx::decoder_counts(*dec));
+    counts.packets = mine.packets, counts.corrected = mine.corrected, counts.uncorrectable = mine.uncorrectable;
+    counts.bits_after_viterbi = mine.bits_after_viterbi, counts.errors_after_viterbi = mine.errors_after_viterbi;
     const rx::FrontEndStatus st = rx::frontend_status(*fe);
     say("Input: %llu samples (%.6f s)\n", static_cast<unsigned long long>(samples), samples / s.rate);
     if (!st.ever_locked) {
