@@ -2,6 +2,7 @@
 // equal the mapper's, symbol for symbol, whatever it had to find by itself.
 #include <complex>
 #include <cstring>
+#include <limits>
 #include <map>
 
 #include "util.hpp"
@@ -304,5 +305,73 @@ TEST(Receiver, DecodesThroughChannelsOffsetsAndAnyStart) {
     for (const RxRun& c : runs) receive_run(c);
 }
 
+// Bad input gets one line and its own status, never a crash or a hang: noise,
+// a signal of another kind, a wrong format or rate (no signal found, 2), a
+// signal that stops (lock lost, 3), files that are empty, cut inside a sample,
+// not finite, or a rate below the channel's (1).
+TEST(Receiver, BadInputHasItsMessageAndStatus) {
+    tu::TempDir dir;
+    ASSERT_EQ(tu::run(dir.path, TSGEN_EXE, {"-o", "in.ts", "-n", "1200"}).status, 0);
+    ASSERT_EQ(tu::tervane(dir.path, {"-i", "in.ts", "-o", "tx", "-d", "t", "-v", "0", "-M", "16"}).status, 0);
+    const tu::Bytes tx = tu::read_file(dir / "tx.bin");
+    // Noise at the signal's power, and QPSK on a single carrier, four samples a symbol.
+    std::vector<float> noise(2 * 600000), single(2 * 600000);
+    uint32_t x = 7;
+    auto uniform = [&x] { return (x = x * 1664525u + 1013904223u) / 4294967296.0f - 0.5f; };
+    for (float& v : noise) v = 10 * (uniform() + uniform() + uniform());
+    for (size_t k = 0; k < single.size(); k += 8) {
+        const float re = uniform() < 0 ? -5.f : 5.f, im = uniform() < 0 ? -5.f : 5.f;
+        for (size_t j = 0; j < 8; j += 2) single[k + j] = re, single[k + j + 1] = im;
+    }
+    auto bytes = [](const std::vector<float>& v) {
+        tu::Bytes b(4 * v.size());
+        std::memcpy(b.data(), v.data(), b.size());
+        return b;
+    };
+    tu::write_file(dir / "noise.bin", bytes(noise));
+    tu::write_file(dir / "single.bin", bytes(single));
+    tu::Bytes stops(tx.begin(), tx.begin() + static_cast<std::ptrdiff_t>(tx.size() / 2 / 8 * 8));
+    const tu::Bytes n = bytes(noise);
+    stops.insert(stops.end(), n.begin(), n.end());
+    tu::write_file(dir / "stops.bin", stops);
+    tu::write_file(dir / "empty.bin", {});
+    tu::write_file(dir / "odd.bin", tu::Bytes(tx.begin(), tx.begin() + 80003));
+    tu::Bytes nan = tx;
+    const float bad = std::numeric_limits<float>::quiet_NaN();
+    std::memcpy(nan.data() + 8 * 1000, &bad, 4);
+    tu::write_file(dir / "nan.bin", nan);
+    const std::vector<std::pair<std::vector<std::string>, int>> cases{
+        {{"-i", "noise.bin"}, 2},
+        {{"-i", "single.bin"}, 2},
+        {{"-i", "tx.bin", "-format", "cs16"}, 2},
+        {{"-i", "tx.bin", "-I", "2x"}, 2},
+        {{"-i", "stops.bin"}, 3},
+        {{"-i", "empty.bin"}, 1},
+        {{"-i", "odd.bin"}, 1},
+        {{"-i", "nan.bin"}, 1},
+        {{"-i", "none.bin"}, 1},
+        {{"-i", "tx.bin", "-rate", "5e6"}, 1},
+        {{"-i", "tx.bin", "-format", "cs12"}, 1},
+        {{"-i", "tx.bin", "-est", "later"}, 1},
+        {{"-i", "-", "-est", "static"}, 1},
+        {{"-i", "tx.bin", "-o", "tx.bin"}, 1},
+        {{"-i", "tx.bin", "-F", "agiold"}, 1},
+        {{"-i", "tx.bin", "-zz"}, 1},
+        {{}, 1},
+    };
+    for (const auto& [args, status] : cases) {
+        const auto r = tu::run(dir.path, TERVANE_RX_EXE, args);
+        EXPECT_EQ(r.status, status) << args[0] << " " << (args.size() > 1 ? args[1] : "") << r.out;
+        const std::string err = tu::read_text(dir / "err.txt");
+        if (status == 1) {
+            EXPECT_TRUE(err.rfind("tervane-rx: ", 0) == 0 && err.find('\n') == err.size() - 1) << err;
+        } else {
+            EXPECT_TRUE(tu::contains(r.out, status == 2 ? "status=nolock" : "status=lost losses=1") ||
+                        (tu::contains(r.out, "status=lost") && tu::contains(r.out, "losses=1")))
+                << r.out;
+        }
+    }
+    EXPECT_EQ(tu::read_file(dir / "tx.bin"), tx) << "the input is never written over";
+}
 }  // namespace
 #endif
