@@ -20,8 +20,6 @@ constexpr double kTwoPi = 2 * std::numbers::pi;
 // Elementary sample rates, Hz: 8 MHz x (5 + band) / 7.
 double elementary_rate(uint32_t band) { return 8e6 * (5.0 + band) / 7.0; }
 
-// Samples (at the elementary rate) that one search looks at, beyond the lag.
-constexpr int kSearchSpan = 131072;
 // Normalised guard correlation below which a search finds no signal.
 constexpr double kSearchThreshold = 0.12;
 // Normalised continual-pilot correlation of two symbols below which the
@@ -269,7 +267,7 @@ void set_mode(FrontEnd& f, int mode, int delta) {
 // One search over kSearchSpan samples from search_from: the mode and guard
 // whose guard-interval correlation, folded over the symbols, peaks highest.
 bool search(FrontEnd& f) {
-    const int span = f.L * kSearchSpan;
+    const int span = f.L * std::clamp(f.cfg.search_span, 4096, 1 << 20);
     const int Fmax = f.L * 8192;
     const int64_t need = f.search_from + span + Fmax;
     if (end_of(f) < need) return false;
@@ -305,7 +303,7 @@ bool search(FrontEnd& f) {
             for (int p = 0; p < Sl; ++p) {
                 if (!(W[p] > 0)) continue;
                 const double m = std::abs(C[p]) / W[p];
-                if (m > best)
+                if (m > best && std::isfinite(std::arg(C[p])))
                     best = m, best_mode = mode, best_delta = delta, best_start = p, best_eps = -std::arg(C[p]) / kTwoPi;
             }
         }
@@ -453,6 +451,13 @@ void track_symbol(FrontEnd& f, const CellSink& sink) {
         z[i] = v;
         sum += v * std::conj(cd(f.ref[i]));
         pw += std::norm(v), rp += std::norm(f.ref[i]);
+    }
+    // Samples so large that their powers overflow carry no usable pilots: the
+    // symbol is taken as one that does not match, and the loops keep their state.
+    if (!std::isfinite(pw) || !std::isfinite(std::abs(sum))) {
+        f.win += f.Sl;
+        if (++f.bad_symbols >= kBadSymbols) lose_lock(f);
+        return;
     }
     const bool first = f.tracked == 0;
     const double phase = first ? 0.0 : std::arg(sum);
@@ -660,7 +665,12 @@ FrontEndPtr frontend_create(const FrontEndConfig& c, const StaticChannel* fixed)
 }
 
 void frontend_push(FrontEnd& f, std::span<const std::complex<float>> samples, const CellSink& sink) {
+    // Values beyond any converter's range (and not numbers at all) are taken as
+    // zero, so that no power computed later can overflow.
+    const size_t from = f.buf.size();
     f.buf.insert(f.buf.end(), samples.begin(), samples.end());
+    for (auto it = f.buf.begin() + static_cast<std::ptrdiff_t>(from); it != f.buf.end(); ++it)
+        if (!(std::fabs(it->real()) < 1e12f && std::fabs(it->imag()) < 1e12f)) *it = {0, 0};
     for (;;) {
         if (f.state == FrontEnd::State::search) {
             drop_before(f, f.search_from);

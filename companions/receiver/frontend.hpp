@@ -35,6 +35,7 @@ struct FrontEndConfig {
     int mode = -1;                // forced mode, or -1 to acquire it
     int delta = -1;               // forced guard interval, or -1 to acquire it
     double max_offset_hz = 60e3;  // integer carrier offsets searched, either way
+    int search_span = 131072;     // samples (at the elementary rate) one search correlates
     // -est static: the first pass collects (collect_static) and emits nothing;
     // the second is given what it collected.
     bool collect_static = false;
