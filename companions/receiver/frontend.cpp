@@ -31,6 +31,8 @@ constexpr int kSyncSymbols = 3 * 68;
 constexpr int kBadWords = 2;
 constexpr int kBadSymbols = 24;
 
+void rotations(double a0, double a1, int n, float* re, float* im);
+
 // Frequency interpolators from every third carrier: windowed sincs for the
 // offsets 1/3 and 2/3, taps on the pilots j - half + 1 .. j + half.
 struct Interpolator {
@@ -64,43 +66,54 @@ Interpolator make_interpolator(int half, double beta) {
 
 // Fills h (all K carriers) from the estimates of every third carrier, h3[j] of
 // carrier 3j: the phase slope between pilots is removed first (the channel's
-// mean delay), so that what is interpolated varies slowly.
+// mean delay), so that what is interpolated varies slowly; each offset (1/3,
+// 2/3) is one FIR over the pilots, run along them (near the band's edges,
+// where the FIR would reach past the last pilot, straight lines).
 void interpolate(const Interpolator& ip, std::span<const cf> h3, std::span<cf> h) {
     const int J = static_cast<int>(h3.size());
+    const int K = static_cast<int>(h.size());
     cd acc{0, 0};
     for (int j = 0; j + 1 < J; ++j) acc += cd(h3[j + 1]) * std::conj(cd(h3[j]));
     const double step = std::arg(acc);  // radians per pilot spacing
-    static thread_local std::vector<cf> c;
-    c.resize(static_cast<size_t>(J));
-    const cd w = std::polar(1.0, -step);
-    cd z{1, 0};
+    static thread_local std::vector<float> c, v1, v2, rr, ri;
+    c.resize(2 * static_cast<size_t>(J)), v1.assign(2 * static_cast<size_t>(J), 0.0f),
+        v2.assign(2 * static_cast<size_t>(J), 0.0f);
+    rr.resize(static_cast<size_t>(std::max(J, K))), ri.resize(static_cast<size_t>(std::max(J, K)));
+    rotations(0, -step, J, rr.data(), ri.data());
+    const float* src = reinterpret_cast<const float*>(h3.data());
     for (int j = 0; j < J; ++j) {
-        if ((j & 255) == 0) z = std::polar(1.0, -step * j);
-        c[j] = h3[j] * cf(z);
-        z *= w;
+        const float a = src[2 * j], b = src[2 * j + 1];
+        c[2 * j] = a * rr[j] - b * ri[j], c[2 * j + 1] = a * ri[j] + b * rr[j];
     }
-    const cd w1 = std::polar(1.0, step / 3);
-    cd zr{1, 0};
-    const int K = static_cast<int>(h.size());
+    const int taps = 2 * ip.half;
+    const int lo = ip.half - 1, hi = J - ip.half;  // pilots j with every tap inside: lo <= j < hi
+    if (hi > lo) {
+        for (int t = 0; t < taps; ++t) {
+            const float a1 = ip.c1[t], a2 = ip.c2[t];
+            const float* __restrict in = c.data() + 2 * (t - ip.half + 1);
+            float* __restrict o1 = v1.data();
+            float* __restrict o2 = v2.data();
+            for (int i = 2 * lo; i < 2 * hi; ++i) o1[i] += a1 * in[i], o2[i] += a2 * in[i];
+        }
+    }
     for (int j = 0; j < J; ++j) {
-        const int k = 3 * j;
-        if ((j & 255) == 0) zr = std::polar(1.0, step * j);
-        h[k] = c[j] * cf(zr);
-        zr *= w1;
-        for (int r = 1; r <= 2 && k + r < K; ++r) {
-            cf v;
-            if (j - ip.half + 1 >= 0 && j + ip.half < J) {
-                const auto& co = r == 1 ? ip.c1 : ip.c2;
-                const cf* src = &c[j - ip.half + 1];
-                float re = 0, im = 0;
-                for (int t = 0; t < 2 * ip.half; ++t) re += co[t] * src[t].real(), im += co[t] * src[t].imag();
-                v = {re, im};
-            } else {  // near the band's edges: straight lines
-                const cf next = j + 1 < J ? c[j + 1] : c[j];
-                v = c[j] + (next - c[j]) * (r / 3.0f);
-            }
-            h[k + r] = v * cf(zr);
-            zr *= w1;
+        if (j >= lo && j < hi) continue;
+        const int n = std::min(j + 1, J - 1);
+        for (int comp = 0; comp < 2; ++comp) {
+            const float x0 = c[2 * j + comp], x1 = c[2 * n + comp];
+            v1[2 * j + comp] = x0 + (x1 - x0) * (1 / 3.0f);
+            v2[2 * j + comp] = x0 + (x1 - x0) * (2 / 3.0f);
+        }
+    }
+    // Back to the carriers, with the slope put back.
+    rotations(0, step / 3, K, rr.data(), ri.data());
+    float* out = reinterpret_cast<float*>(h.data());
+    const float* planes[3] = {c.data(), v1.data(), v2.data()};
+    for (int r = 0; r < 3; ++r) {
+        const float* __restrict v = planes[r];
+        for (int j = 0, k = r; k < K; ++j, k += 3) {
+            out[2 * k] = v[2 * j] * rr[k] - v[2 * j + 1] * ri[k];
+            out[2 * k + 1] = v[2 * j] * ri[k] + v[2 * j + 1] * rr[k];
         }
     }
 }
@@ -126,9 +139,11 @@ struct FrontEnd {
     double fs = 0;
     std::optional<StaticChannel> fixed;
 
-    // The input held: samples from absolute index buf0 on.
+    // The input held: buf[head ..] are the samples from absolute index buf0 on;
+    // what lies before head is dropped when it grows larger than what is kept.
     std::vector<cf> buf;
     int64_t buf0 = 0;
+    size_t head = 0;
 
     enum class State { search, freq, track } state = State::search;
     int64_t search_from = 0;
@@ -160,6 +175,7 @@ struct FrontEnd {
     double signal = 0;  // pilots' channel power (slow average)
     int bad_symbols = 0;
     std::vector<cf> cur, tps_prev;
+    std::vector<float> rot_re, rot_im;  // rotations of the oscillator and of the derotation
 
     // Frame sync from the TPS.
     std::array<uint8_t, 68> last_bits{};  // last 68 differential bits, newest last
@@ -193,6 +209,7 @@ struct FrontEnd {
     bool ever_locked = false;
     int losses = 0;
     uint64_t emitted = 0, tps_failures = 0, lock_sample = 0;
+    uint64_t pushed = 0, not_finite = 0, first_not_finite = 0;  // samples taken; values not numbers or infinite
     double mer_sig = 0, mer_err = 0;
     std::vector<float> levels;
     uint32_t levels_M = 99, levels_alpha = 99;
@@ -218,15 +235,18 @@ fftwf_plan plan_for(FrontEnd& f, int n) {
     return p;
 }
 
-const cf* at(const FrontEnd& f, int64_t n) { return f.buf.data() + (n - f.buf0); }
-int64_t end_of(const FrontEnd& f) { return f.buf0 + static_cast<int64_t>(f.buf.size()); }
+const cf* at(const FrontEnd& f, int64_t n) { return f.buf.data() + f.head + (n - f.buf0); }
+int64_t end_of(const FrontEnd& f) { return f.buf0 + static_cast<int64_t>(f.buf.size() - f.head); }
 
 // Drops the samples before n.
 void drop_before(FrontEnd& f, int64_t n) {
-    const int64_t k = std::clamp<int64_t>(n - f.buf0, 0, static_cast<int64_t>(f.buf.size()));
-    if (k == 0) return;
-    f.buf.erase(f.buf.begin(), f.buf.begin() + k);
+    const int64_t k = std::clamp<int64_t>(n - f.buf0, 0, static_cast<int64_t>(f.buf.size() - f.head));
+    f.head += static_cast<size_t>(k);
     f.buf0 += k;
+    if (f.head > (1u << 16) && f.head > f.buf.size() - f.head) {
+        f.buf.erase(f.buf.begin(), f.buf.begin() + static_cast<std::ptrdiff_t>(f.head));
+        f.head = 0;
+    }
 }
 
 // Sets the mode's tables for the mode and guard found.
@@ -322,29 +342,46 @@ bool search(FrontEnd& f) {
     return true;
 }
 
+// Writes v[m] = e^(j (a0 + a1 m)) for m = 0 .. n-1 into (re, im): a table of
+// 64 steps times one anchor per 64, each computed exactly in double precision.
+void rotations(double a0, double a1, int n, float* re, float* im) {
+    // Both the steps and the anchors by complex recursion in double precision:
+    // two sines and cosines a call, an error far below a float's.
+    float tr[64], ti[64];
+    const cd w1 = std::polar(1.0, a1);
+    cd z{1, 0};
+    for (int m = 0; m < 64; ++m) tr[m] = static_cast<float>(z.real()), ti[m] = static_cast<float>(z.imag()), z = z * w1;
+    const cd w64 = z;
+    cd anchor = std::polar(1.0, a0);
+    for (int b = 0; b < n; b += 64) {
+        const auto ar = static_cast<float>(anchor.real()), ai = static_cast<float>(anchor.imag());
+        const int e = std::min(64, n - b);
+        for (int m = 0; m < e; ++m) re[b + m] = ar * tr[m] - ai * ti[m], im[b + m] = ar * ti[m] + ai * tr[m];
+        anchor = anchor * w64;
+    }
+}
+
 // The transform of the window starting at n, the offset eps removed (the
 // oscillator's phase follows the samples); the bins land in fout.
 void transform(FrontEnd& f, int64_t n) {
     f.nco_phase += f.eps * static_cast<double>(n - f.nco_at) / f.Fl;
     f.nco_phase -= std::floor(f.nco_phase);
     f.nco_at = n;
-    const cf* x = at(f, n);
-    const double step = -kTwoPi * f.eps / f.Fl;
-    const cd w = std::polar(1.0, step);
-    cd z{1, 0};
+    const float* x = reinterpret_cast<const float*>(at(f, n));
+    f.rot_re.resize(static_cast<size_t>(f.Fl)), f.rot_im.resize(static_cast<size_t>(f.Fl));
+    rotations(-kTwoPi * f.nco_phase, -kTwoPi * f.eps / f.Fl, f.Fl, f.rot_re.data(), f.rot_im.data());
+    const float* __restrict rr = f.rot_re.data();
+    const float* __restrict ri = f.rot_im.data();
+    float* __restrict out = f.fin;
     for (int m = 0; m < f.Fl; ++m) {
-        if ((m & 63) == 0) z = std::polar(1.0, -kTwoPi * f.nco_phase + step * m);
-        const cf r = x[m] * cf(z);
-        f.fin[2 * m] = r.real(), f.fin[2 * m + 1] = r.imag();
-        z *= w;
+        const float a = x[2 * m], b = x[2 * m + 1];
+        out[2 * m] = a * rr[m] - b * ri[m];
+        out[2 * m + 1] = a * ri[m] + b * rr[m];
     }
     fftwf_execute(plan_for(f, f.Fl));
 }
 
-cf bin_value(const FrontEnd& f, int b) {
-    b = (b % f.Fl + f.Fl) % f.Fl;
-    return {f.fout[2 * b], f.fout[2 * b + 1]};
-}
+cf bin_value(const FrontEnd& f, int b) { return {f.fout[2 * b], f.fout[2 * b + 1]}; }
 
 // The integer offset: the shift at which the continual pilots of two
 // successive symbols agree best.
@@ -503,14 +540,17 @@ void track_symbol(FrontEnd& f, const CellSink& sink) {
     // All carriers, derotated alike, into carrier order.
     {
         const int sgn = f.cfg.mapping == 2 ? -1 : 1;
-        const double c1 = slope * sgn;  // phase per carrier
-        const double c0 = slope * f.freq[0] - phase;
-        const cd w = std::polar(1.0, c1);
-        cd zz{1, 0};
+        f.rot_re.resize(static_cast<size_t>(f.K)), f.rot_im.resize(static_cast<size_t>(f.K));
+        rotations(slope * f.freq[0] - phase, slope * sgn, f.K, f.rot_re.data(), f.rot_im.data());
+        const float* __restrict rr = f.rot_re.data();
+        const float* __restrict ri = f.rot_im.data();
+        const int* __restrict bins = f.bin.data();
+        const float* __restrict y = f.fout;
+        float* __restrict c = reinterpret_cast<float*>(f.cur.data());
         for (int k = 0; k < f.K; ++k) {
-            if ((k & 127) == 0) zz = std::polar(1.0, c0 + c1 * k);
-            f.cur[k] = bin_value(f, f.bin[k]) * cf(zz);
-            zz *= w;
+            const float a = y[2 * bins[k]], b = y[2 * bins[k] + 1];
+            c[2 * k] = a * rr[k] - b * ri[k];
+            c[2 * k + 1] = a * ri[k] + b * rr[k];
         }
     }
     // Loops: the offset from the phase's advance, the drift from the slope left.
@@ -615,31 +655,51 @@ void emit(FrontEnd& f, int slot, const CellSink& sink) {
         interpolate(f.ip_track, f.h3, f.h);
     }
     const auto& dc = f.data_carriers[ph];
-    f.cells.resize(dc.size());
-    f.csi.resize(dc.size());
+    const size_t n = dc.size();
+    f.cells.resize(n);
+    f.csi.resize(n);
     const float inv_noise = noise > 0 ? 1.0f / noise : 0.0f;
-    for (size_t i = 0; i < dc.size(); ++i) {
-        const cf hk = f.h[dc[i]];
-        const float p = std::norm(hk);
-        f.cells[i] = p > 0 ? y[dc[i]] * std::conj(hk) / p : cf{0, 0};
-        f.csi[i] = p * inv_noise;
+    {
+        const int* __restrict idx = dc.data();
+        const float* __restrict hh = reinterpret_cast<const float*>(f.h.data());
+        const float* __restrict yy = reinterpret_cast<const float*>(y.data());
+        float* __restrict out = reinterpret_cast<float*>(f.cells.data());
+        float* __restrict csi = f.csi.data();
+        for (size_t i = 0; i < n; ++i) {
+            const int k = idx[i];
+            const float hr = hh[2 * k], hi = hh[2 * k + 1], yr = yy[2 * k], yi = yy[2 * k + 1];
+            const float p = hr * hr + hi * hi;
+            const float inv = p > 0 ? 1.0f / p : 0.0f;
+            out[2 * i] = (yr * hr + yi * hi) * inv;
+            out[2 * i + 1] = (yi * hr - yr * hi) * inv;
+            csi[i] = p * inv_noise;
+        }
     }
     if (f.levels_M != f.tps.M || f.levels_alpha != f.tps.alpha) {
         f.levels = constellation_levels(f.tps.M, f.tps.alpha);
         f.levels_M = f.tps.M, f.levels_alpha = f.tps.alpha;
     }
-    auto decide = [&](float v) {
-        const float m = std::fabs(v);
-        float best = f.levels[0];
-        for (float l : f.levels)
-            if (std::fabs(m - l) < std::fabs(m - best)) best = l;
-        return v < 0 ? -best : best;
-    };
-    double es = 0, ee = 0;
-    for (const cf c : f.cells) {
-        const cf d{decide(c.real()), decide(c.imag())};
-        es += std::norm(d), ee += std::norm(c - d);
+    // The MER's decisions: the levels are (2i + 1 + d) s for i = 0 .. count-1.
+    const auto count = static_cast<float>(f.levels.size());
+    const float s_unit = f.levels.size() > 1 ? (f.levels[1] - f.levels[0]) / 2 : f.levels[0];
+    const float d = f.levels[0] / s_unit - 1;
+    const float inv_s = 1 / s_unit;
+    // Sixteen partial sums (2N is a multiple of 16 in every mode), so that the
+    // sums run in vector lanes; truncation is the floor of what is not negative.
+    float ps[16] = {}, pe[16] = {};
+    {
+        const float* __restrict c = reinterpret_cast<const float*>(f.cells.data());
+        for (size_t i = 0; i < 2 * n; i += 16)
+            for (size_t u = 0; u < 16; ++u) {
+                const float v = c[i + u];
+                const auto at = static_cast<float>(
+                    static_cast<int>(std::min(std::max((std::fabs(v) * inv_s - d) * 0.5f, 0.0f), count - 1)));
+                const float l = std::copysign((2 * at + 1 + d) * s_unit, v);
+                ps[u] += l * l, pe[u] += (v - l) * (v - l);
+            }
     }
+    double es = 0, ee = 0;
+    for (int u = 0; u < 16; ++u) es += ps[u], ee += pe[u];
     f.mer_sig += es, f.mer_err += ee;
     if (f.emitted == 0 && f.losses == 0) f.lock_sample = static_cast<uint64_t>(f.win);
     ++f.emitted;
@@ -669,8 +729,21 @@ void frontend_push(FrontEnd& f, std::span<const std::complex<float>> samples, co
     // zero, so that no power computed later can overflow.
     const size_t from = f.buf.size();
     f.buf.insert(f.buf.end(), samples.begin(), samples.end());
-    for (auto it = f.buf.begin() + static_cast<std::ptrdiff_t>(from); it != f.buf.end(); ++it)
-        if (!(std::fabs(it->real()) < 1e12f && std::fabs(it->imag()) < 1e12f)) *it = {0, 0};
+    float* v = reinterpret_cast<float*>(f.buf.data() + from);
+    const size_t nv = 2 * (f.buf.size() - from);
+    size_t bad = 0;
+    for (size_t i = 0; i < nv; ++i) {
+        bad += (v[i] - v[i]) == 0.0f ? 0u : 1u;  // zero for every finite value, not a number otherwise
+        v[i] = std::fabs(v[i]) < 1e12f ? v[i] : 0.0f;
+    }
+    if (bad > 0 && f.not_finite == 0)
+        for (size_t i = 0; i < nv; ++i)
+            if (v[i] == 0.0f && !std::isfinite(samples[i / 2].real() + samples[i / 2].imag())) {
+                f.first_not_finite = f.pushed + i / 2;
+                break;
+            }
+    f.not_finite += bad;
+    f.pushed += samples.size();
     for (;;) {
         if (f.state == FrontEnd::State::search) {
             drop_before(f, f.search_from);
@@ -700,6 +773,8 @@ FrontEndStatus frontend_status(const FrontEnd& f) {
     s.symbols = f.emitted;
     s.tps_failures = f.tps_failures;
     s.lock_sample = f.lock_sample;
+    s.not_finite = f.not_finite;
+    s.first_not_finite = f.first_not_finite;
     return s;
 }
 

@@ -54,14 +54,16 @@ struct FrontEndStatus {
     bool ever_locked = false;
     int losses = 0;  // times the lock was lost
     bool have_tps = false;
-    Transmission tps;           // as the last good TPS word says (cid: the whole identifier once both bytes came)
-    double offset_hz = 0;       // carrier frequency offset
-    double clock_ppm = 0;       // sample clock against the nominal rate
-    double mer_db = 0;          // over the data cells emitted
-    double snr_db = 0;          // pilots' carrier-to-noise ratio
-    uint64_t symbols = 0;       // symbols emitted
-    uint64_t tps_failures = 0;  // TPS words whose parity or sync failed while locked
-    uint64_t lock_sample = 0;   // input sample where the first lock's first symbol began
+    Transmission tps;               // as the last good TPS word says (cid: the whole identifier once both bytes came)
+    double offset_hz = 0;           // carrier frequency offset
+    double clock_ppm = 0;           // sample clock against the nominal rate
+    double mer_db = 0;              // over the data cells emitted
+    double snr_db = 0;              // pilots' carrier-to-noise ratio
+    uint64_t symbols = 0;           // symbols emitted
+    uint64_t tps_failures = 0;      // TPS words whose parity or sync failed while locked
+    uint64_t lock_sample = 0;       // input sample where the first lock's first symbol began
+    uint64_t not_finite = 0;        // sample values that were not finite numbers (taken as zero)
+    uint64_t first_not_finite = 0;  // the first sample that held one
 };
 
 // Each symbol's cells, with the transmission they belong to.

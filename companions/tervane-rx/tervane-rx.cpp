@@ -5,6 +5,8 @@
 // any length, and prints what it measured: the parameters, the carrier and
 // clock offsets, the MER, the bit error ratios before and after the Viterbi
 // decoder and the packets corrected and lost.
+#include <time.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cmath>
@@ -14,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -238,6 +241,13 @@ void add(rx::DecoderCounts& sum, const rx::DecoderCounts& c) {
 
 double ratio(uint64_t a, uint64_t b) { return b > 0 ? static_cast<double>(a) / static_cast<double>(b) : 0.0; }
 
+// Processor seconds of the process so far.
+double cpu_seconds() {
+    timespec t{};
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &t);
+    return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
+}
+
 const char* constellation_name(uint32_t M) { return M == 0 ? "QPSK" : M == 1 ? "16-QAM" : "64-QAM"; }
 
 // Runs the front end over the whole input; returns the samples read.
@@ -245,15 +255,14 @@ uint64_t run_pass(rx::SampleReader& in, const Settings& s, rx::FrontEnd& fe, con
     std::vector<std::complex<float>> block(1 << 16);
     size_t n;
     while ((n = rx::reader_read(in, block)) > 0) {
-        for (const auto& v : std::span(block.data(), n))
-            if (!std::isfinite(v.real()) || !std::isfinite(v.imag()))
-                companion::fail(
-                    "sample %llu of \"%s\" is not a finite number",
-                    static_cast<unsigned long long>(in.samples - n + static_cast<uint64_t>(&v - block.data())),
-                    s.in.c_str());
         rx::frontend_push(fe, std::span<const std::complex<float>>(block.data(), n), sink);
     }
     if (in.error) companion::fail("reading \"%s\" failed: %s", s.in.c_str(), std::strerror(errno));
+    const rx::FrontEndStatus st = rx::frontend_status(fe);
+    if (st.not_finite > 0)
+        companion::fail("sample %llu of \"%s\" is not a finite number (%llu values in all)",
+                        static_cast<unsigned long long>(st.first_not_finite), s.in.c_str(),
+                        static_cast<unsigned long long>(st.not_finite));
     return in.samples;
 }
 
@@ -282,6 +291,7 @@ int main(int argc, char** argv) {
         dvbt_interpname[s.fe.interp], dvbt_bandname[s.fe.band], dvbt_ifftmmname[s.fe.mapping],
         s.from_sigmf ? " (SigMF)" : "");
 
+    const double start_s = cpu_seconds();
     std::optional<rx::StaticChannel> fixed;
     if (s.static_est) {
         rx::FrontEndConfig c = s.fe;
@@ -299,6 +309,7 @@ int main(int argc, char** argv) {
     uint64_t cells = 0, packets_hp = 0, packets_lp = 0;
     rx::Transmission current;
     rx::DecoderPtr dec;
+    double decoder_s = 0;      // processor time in the decoder (and the writing of its packets)
     rx::DecoderCounts counts;  // of the decoders before the current one
     rx::DecoderCounts mine;    // the packets out, counted from the first decoded
     std::vector<uint8_t> packet(188);
@@ -329,9 +340,13 @@ int main(int argc, char** argv) {
             current = t;
         }
         cells += sc.cells.size();
+        const double t0 = cpu_seconds();
         rx::decoder_push(*dec, sc, on_packet);
+        decoder_s += cpu_seconds() - t0;
     };
     const uint64_t samples = run_pass(in, s, *fe, sink);
+    const double total_s = cpu_seconds() - start_s;
+    const double signal_s = static_cast<double>(samples) / s.rate;
     if (in.partial_end)
         companion::fail("\"%s\" ends inside a sample: not %s samples", s.in.c_str(), rx::format_name(s.format));
     if (samples == 0) companion::fail("\"%s\" holds no samples", s.in.c_str());
@@ -393,14 +408,18 @@ int main(int argc, char** argv) {
         static_cast<unsigned long long>(counts.packets), static_cast<unsigned long long>(packets_hp),
         static_cast<unsigned long long>(packets_lp), static_cast<unsigned long long>(counts.corrected),
         static_cast<unsigned long long>(counts.uncorrectable));
+    say("Processor time: %.3f s, front end %.3f s, decoder %.3f s: %.1f x real time\n", total_s, total_s - decoder_s,
+        decoder_s, total_s > 0 ? signal_s / total_s : 0.0);
     say("status=%s samples=%llu mode=%s M=%s alpha=%s guard=%s rate_hp=%s rate_lp=%s idi=%u cid=%d "
         "offset_hz=%.1f clock_ppm=%.3f mer_db=%.2f symbols=%llu packets=%llu packets_lp=%llu corrected=%llu "
-        "uncorrectable=%llu ber_before_viterbi=%.6e ber_after_viterbi=%.6e losses=%d\n",
+        "uncorrectable=%llu ber_before_viterbi=%.6e ber_after_viterbi=%.6e losses=%d signal_s=%.6f cpu_s=%.6f "
+        "frontend_s=%.6f decoder_s=%.6f\n",
         st.losses ? "lost" : "ok", static_cast<unsigned long long>(samples), dvbt_modename[t.mode], dvbt_Mname[t.M],
         dvbt_alphaname[t.alpha], dvbt_deltaname[t.delta], dvbt_ratename[t.rate_hp], dvbt_ratename[t.rate_lp], t.idi,
         t.cid, st.offset_hz, st.clock_ppm, st.mer_db, static_cast<unsigned long long>(st.symbols),
         static_cast<unsigned long long>(packets_hp), static_cast<unsigned long long>(packets_lp),
         static_cast<unsigned long long>(counts.corrected), static_cast<unsigned long long>(counts.uncorrectable),
-        ratio(counts.errors_before_viterbi, counts.bits_before_viterbi), ber_after, st.losses);
+        ratio(counts.errors_before_viterbi, counts.bits_before_viterbi), ber_after, st.losses, signal_s, total_s,
+        total_s - decoder_s, decoder_s);
     return st.losses ? kLostLock : kOk;
 }
