@@ -173,6 +173,7 @@ struct RxRun {
     size_t packets;                    // sent in each stream
     size_t skip = 0;                   // samples cut from the file's start
     std::string want;                  // what the key=value line must hold, in part
+    double sigmf_rate = 0;             // the recording's rate in SigMF metadata beside it, if any
 };
 
 void receive_run(const RxRun& c) {
@@ -206,6 +207,13 @@ void receive_run(const RxRun& c) {
         ASSERT_LT(bytes, all.size());
         tu::write_file(dir / "cut.bin", tu::Bytes(all.begin() + static_cast<std::ptrdiff_t>(bytes), all.end()));
         signal = "cut.bin";
+    }
+    if (c.sigmf_rate > 0) {  // described by SigMF metadata, at a rate of its own
+        tu::fs::rename(dir / signal, dir / "rec.sigmf-data");
+        signal = "rec.sigmf-data";
+        std::ofstream(dir / "rec.sigmf-meta")
+            << R"({"global": {"core:datatype": "cf32_le", "core:sample_rate": )" << std::to_string(c.sigmf_rate)
+            << R"(, "core:version": "1.0.0"}, "captures": [], "annotations": []})";
     }
     std::vector<std::string> rx{"-i", signal, "-o", "hp.out"};
     if (hier) rx.insert(rx.end(), {"-olp", "lp.out"});
@@ -297,10 +305,19 @@ TEST(Receiver, DecodesThroughChannelsOffsetsAndAnyStart) {
          "mode=2k M=16"},
         {{"-m", "8k", "-M", "64", "-p", "2/3", "-D", "1/4"},
          {},
-         {"-m", "8k", "-profile", "ricean", "-cn", "22", "-cfo", "-45000"},
+         {"-m", "8k", "-profile", "ricean", "-cn", "22", "-cfo", "-45000", "-ppm", "-45"},
          9000,
          777777,
          "mode=8k M=64 alpha=NH guard=1/4 rate_hp=2/3"},
+        // A recording at a rate of its own (tervane's 4x, 30 ppm above its
+        // nominal rate, as SigMF says): resampled to the elementary rate.
+        {{"-m", "2k", "-M", "64", "-p", "5/6", "-D", "1/16", "-I", "4x"},
+         {},
+         {"-m", "2k", "-I", "4x", "-profile", "gaussian", "-cn", "28", "-ppm", "30"},
+         2500,
+         0,
+         "mode=2k M=64",
+         4 * 64e6 / 7 * (1 + 30e-6) + 1500},
     };
     for (const RxRun& c : runs) receive_run(c);
 }

@@ -9,6 +9,7 @@
 #include <numbers>
 
 #include "receiver/carriers.hpp"
+#include "receiver/resample.hpp"
 
 namespace rx {
 namespace {
@@ -204,6 +205,14 @@ struct FrontEnd {
     std::vector<double> sq3;
     std::vector<uint32_t> n3;
     uint64_t static_symbols = 0;
+
+    // Resampling: of a rate that is not 1, 2 or 4 times the elementary one, and
+    // to take out a clock offset.
+    bool resampling = false;
+    double nominal_step = 1, step = 1;  // input samples per sample at the elementary rate times L
+    int corrections = 0;
+    Resampler rs;
+    std::vector<cf> incoming;
 
     // Figures.
     bool ever_locked = false;
@@ -444,6 +453,28 @@ void lose_lock(FrontEnd& f) {
     f.synced = false;
 }
 
+// Before the first lock is taken: once the drift has been tracked for 100
+// symbols, a clock offset beyond 2 ppm is taken out by resampling, and the
+// search starts again on the resampled signal (as often as three times).
+// Whether the lock may be taken now.
+bool hold_for_clock(FrontEnd& f) {
+    if (f.tracked < 100) return false;
+    const double ppm = f.tau_rate / f.Sl * 1e6;
+    if (std::fabs(ppm) <= 2 || f.corrections >= 3) return true;
+    ++f.corrections;
+    f.step *= 1 + ppm * 1e-6;
+    if (!f.resampling) resampler_init(f.rs, f.step);
+    resampler_retune(f.rs, f.step);
+    f.resampling = true;
+    // What is held was sampled at the old ratio: the search starts on what comes next.
+    f.buf0 = end_of(f);
+    f.buf.clear(), f.head = 0;
+    f.state = FrontEnd::State::search;
+    f.search_from = f.buf0;
+    f.synced = false;
+    return false;
+}
+
 // The word of the frame just completed: its parameters, or a failure.
 void read_word(FrontEnd& f) {
     const auto w = tps_parse(f.word);
@@ -458,6 +489,7 @@ void read_word(FrontEnd& f) {
     }
     f.bad_words = 0;
     f.frame = static_cast<int>(w->frame);
+    if (!f.have_tps && f.cfg.clock_correction && !hold_for_clock(f)) return;
     if (w->t.cid < 0) f.cid_high = f.cid_low = -1;
     else (w->cid_high ? f.cid_high : f.cid_low) = w->t.cid;
     f.tps = w->t;
@@ -559,8 +591,11 @@ void track_symbol(FrontEnd& f, const CellSink& sink) {
         adv -= kTwoPi * std::round(adv / kTwoPi);
         f.eps += 0.1 * adv / kTwoPi * f.Fl / f.Sl;
         const double tau_err = -res_slope * f.Fl / kTwoPi;
-        f.tau = tau_pred + 0.1 * tau_err;
-        f.tau_rate += 0.003 * tau_err;
+        // Wide at first, to pull in a clock offset of 50 ppm and more within a
+        // few symbols, then narrow, so that the noise moves the window little.
+        const double wide = std::exp(-static_cast<double>(f.tracked) / 16);
+        f.tau = tau_pred + (0.1 + 0.5 * wide) * tau_err;
+        f.tau_rate += (0.003 + 0.1 * wide) * tau_err;
     }
     f.last_phase = phase;
     // TPS: the differential bit of this symbol.
@@ -719,6 +754,12 @@ FrontEndPtr frontend_create(const FrontEndConfig& c, const StaticChannel* fixed)
     f->L = 1 << std::min<uint32_t>(c.interp, 2);
     f->fs = elementary_rate(c.band);
     if (fixed != nullptr) f->fixed = *fixed;
+    if (c.rate > 0) {
+        f->L = 1;
+        f->nominal_step = f->step = c.rate / f->fs;
+        f->resampling = true;
+        resampler_init(f->rs, f->step);
+    }
     f->fin = static_cast<float*>(fftwf_malloc(sizeof(float) * 2 * 4 * 8192));
     f->fout = static_cast<float*>(fftwf_malloc(sizeof(float) * 2 * 4 * 8192));
     return f;
@@ -727,23 +768,24 @@ FrontEndPtr frontend_create(const FrontEndConfig& c, const StaticChannel* fixed)
 void frontend_push(FrontEnd& f, std::span<const std::complex<float>> samples, const CellSink& sink) {
     // Values beyond any converter's range (and not numbers at all) are taken as
     // zero, so that no power computed later can overflow.
-    const size_t from = f.buf.size();
-    f.buf.insert(f.buf.end(), samples.begin(), samples.end());
-    float* v = reinterpret_cast<float*>(f.buf.data() + from);
-    const size_t nv = 2 * (f.buf.size() - from);
+    f.incoming.assign(samples.begin(), samples.end());
+    float* v = reinterpret_cast<float*>(f.incoming.data());
+    const size_t nv = 2 * f.incoming.size();
     size_t bad = 0;
     for (size_t i = 0; i < nv; ++i) {
         bad += (v[i] - v[i]) == 0.0f ? 0u : 1u;  // zero for every finite value, not a number otherwise
         v[i] = std::fabs(v[i]) < 1e12f ? v[i] : 0.0f;
     }
     if (bad > 0 && f.not_finite == 0)
-        for (size_t i = 0; i < nv; ++i)
-            if (v[i] == 0.0f && !std::isfinite(samples[i / 2].real() + samples[i / 2].imag())) {
-                f.first_not_finite = f.pushed + i / 2;
+        for (size_t i = 0; i < samples.size(); ++i)
+            if (!std::isfinite(samples[i].real()) || !std::isfinite(samples[i].imag())) {
+                f.first_not_finite = f.pushed + i;
                 break;
             }
     f.not_finite += bad;
     f.pushed += samples.size();
+    if (f.resampling) resample(f.rs, f.incoming, f.buf);
+    else f.buf.insert(f.buf.end(), f.incoming.begin(), f.incoming.end());
     for (;;) {
         if (f.state == FrontEnd::State::search) {
             drop_before(f, f.search_from);
@@ -767,7 +809,8 @@ FrontEndStatus frontend_status(const FrontEnd& f) {
     s.have_tps = f.have_tps;
     s.tps = f.tps;
     s.offset_hz = f.F > 0 ? f.eps * f.fs / f.F : 0.0;
-    s.clock_ppm = f.Sl > 0 ? f.tau_rate / f.Sl * 1e6 : 0.0;
+    s.corrected_ppm = (f.step / f.nominal_step - 1) * 1e6;
+    s.clock_ppm = s.corrected_ppm + (f.Sl > 0 ? f.tau_rate / f.Sl * 1e6 : 0.0);
     s.mer_db = f.mer_err > 0 ? 10 * std::log10(f.mer_sig / f.mer_err) : 0.0;
     s.snr_db = f.noise > 0 ? 10 * std::log10(f.signal / f.noise) : 0.0;
     s.symbols = f.emitted;

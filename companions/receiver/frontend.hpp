@@ -36,6 +36,13 @@ struct FrontEndConfig {
     int delta = -1;               // forced guard interval, or -1 to acquire it
     double max_offset_hz = 60e3;  // integer carrier offsets searched, either way
     int search_span = 131072;     // samples (at the elementary rate) one search correlates
+    // The input's sample rate in Hz when it is not 1, 2 or 4 times the
+    // elementary rate (interp is then 1x and the input is resampled to it); 0
+    // when it is.
+    double rate = 0;
+    // Resampling, to take out a sampling-clock offset found beyond 2 ppm (the
+    // first lock then waits for the offset to be measured).
+    bool clock_correction = true;
     // -est static: the first pass collects (collect_static) and emits nothing;
     // the second is given what it collected.
     bool collect_static = false;
@@ -57,6 +64,7 @@ struct FrontEndStatus {
     Transmission tps;               // as the last good TPS word says (cid: the whole identifier once both bytes came)
     double offset_hz = 0;           // carrier frequency offset
     double clock_ppm = 0;           // sample clock against the nominal rate
+    double corrected_ppm = 0;       // of which the resampler takes out
     double mer_db = 0;              // over the data cells emitted
     double snr_db = 0;              // pilots' carrier-to-noise ratio
     uint64_t symbols = 0;           // symbols emitted

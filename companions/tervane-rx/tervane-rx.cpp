@@ -159,14 +159,10 @@ Settings settle() {
     if (s.rate < fs * (1 - 1e-6))
         fail("the sample rate %.6f MHz lies below the %s MHz channel's elementary rate, %.6f MHz", s.rate / 1e6,
              dvbt_bandname[p.band], fs / 1e6);
-    if (interp < 0)
-        fail(
-            "the sample rate %.6f MHz is not 1, 2 or 4 times the %s MHz channel's elementary rate (%.6f MHz): "
-            "resample the recording to one of them",
-            s.rate / 1e6, dvbt_bandname[p.band], fs / 1e6);
     s.fe.band = p.band;
     s.fe.mapping = p.ifftmm;
-    s.fe.interp = static_cast<uint32_t>(interp);
+    s.fe.interp = static_cast<uint32_t>(std::max(interp, 0));
+    if (interp < 0) s.fe.rate = s.rate;  // resampled to the elementary rate
     if (companion::option_given("-m")) s.fe.mode = static_cast<int>(p.mode);
     if (companion::option_given("-D")) s.fe.delta = static_cast<int>(p.delta);
     return s;
@@ -288,8 +284,8 @@ int main(int argc, char** argv) {
 
     say("%s %s: %s, %s at %.6f MHz (%s of the %s MHz channel), mapping %s%s\n", companion::prog(), TERVANE_VERSION,
         s.in == "-" ? "standard input" : s.in.c_str(), rx::format_name(s.format), s.rate / 1e6,
-        dvbt_interpname[s.fe.interp], dvbt_bandname[s.fe.band], dvbt_ifftmmname[s.fe.mapping],
-        s.from_sigmf ? " (SigMF)" : "");
+        s.fe.rate > 0 ? "resampled to 1x" : dvbt_interpname[s.fe.interp], dvbt_bandname[s.fe.band],
+        dvbt_ifftmmname[s.fe.mapping], s.from_sigmf ? " (SigMF)" : "");
 
     const double start_s = cpu_seconds();
     std::optional<rx::StaticChannel> fixed;
@@ -364,8 +360,9 @@ int main(int argc, char** argv) {
     }
     const rx::Transmission t = forced(st.tps);
     const double fs = dvbSampleRate(s.fe.band, s.fe.interp);
-    say("Lock: %s, guard %s, at sample %llu (%.6f s)%s\n", dvbt_modename[t.mode], dvbt_deltaname[t.delta],
-        static_cast<unsigned long long>(st.lock_sample), st.lock_sample / fs,
+    const double lock_s = static_cast<double>(st.lock_sample) / fs;  // fs: the rate the front end works at
+    say("Lock: %s, guard %s, at %.6f s (input sample %llu)%s\n", dvbt_modename[t.mode], dvbt_deltaname[t.delta], lock_s,
+        static_cast<unsigned long long>(lock_s * s.rate),
         st.losses ? (", lost " + std::to_string(st.losses) + " time(s)").c_str() : "");
     char cid[32];
     if (t.cid >= 0) std::snprintf(cid, sizeof cid, "0x%04X", static_cast<unsigned>(t.cid));
@@ -380,7 +377,10 @@ int main(int argc, char** argv) {
             dvbt_modename[t.mode], constellation_name(t.M), dvbt_alphaname[t.alpha], dvbt_ratename[t.rate_hp],
             dvbt_ratename[t.rate_lp], dvbt_deltaname[t.delta], t.idi ? "in-depth" : "native", cid);
     say("Carrier offset: %.1f Hz\n", st.offset_hz);
-    say("Clock offset: %.2f ppm\n", st.clock_ppm);
+    char taken[64] = "";
+    if (st.corrected_ppm != 0)
+        std::snprintf(taken, sizeof taken, " (%.2f ppm of it taken out by resampling)", st.corrected_ppm);
+    say("Clock offset: %.2f ppm%s\n", st.clock_ppm, taken);
     say("MER: %.2f dB over %llu data cells (%llu symbols); pilots' C/N %.2f dB\n", st.mer_db,
         static_cast<unsigned long long>(cells), static_cast<unsigned long long>(st.symbols), st.snr_db);
     say("BER before Viterbi: %.3e (%llu errors in %llu bits, hard decisions against the re-encoded output)\n",
