@@ -5,6 +5,7 @@
 #include <limits>
 #include <map>
 
+#include "frame/version.hpp"
 #include "util.hpp"
 
 #ifdef TERVANE_RX_EXE
@@ -389,6 +390,12 @@ TEST(Receiver, BadInputHasItsMessageAndStatus) {
         }
     }
     EXPECT_EQ(tu::read_file(dir / "tx.bin"), tx) << "the input is never written over";
+    const auto v = tu::run(dir.path, TERVANE_RX_EXE, {"-V"});
+    EXPECT_EQ(v.out, "tervane-rx " TERVANE_VERSION "\n");
+    EXPECT_EQ(v.status, 0);
+    const auto h = tu::run(dir.path, TERVANE_RX_EXE, {"-h"});
+    EXPECT_TRUE(tu::contains(h.out, "Exit status: 0 received, 1 bad usage or input, 2 no signal found, 3 lock lost"));
+    EXPECT_EQ(h.status, 0);
 }
 }  // namespace
 #endif
