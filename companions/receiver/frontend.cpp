@@ -175,6 +175,7 @@ struct FrontEnd {
     double noise = 0;   // noise power per carrier (slow average)
     double signal = 0;  // pilots' channel power (slow average)
     int bad_symbols = 0;
+    int since_bad = 0;  // symbols since the last whose pilots did not match
     std::vector<cf> cur, tps_prev;
     std::vector<float> rot_re, rot_im;  // rotations of the oscillator and of the derotation
 
@@ -427,7 +428,8 @@ void acquire_frequency(FrontEnd& f) {
     }
     f.eps = frac + best_q;
     f.state = FrontEnd::State::track;
-    f.tracked = 0, f.tau = 0, f.tau_rate = 0, f.shift = 0, f.noise = 0, f.signal = 0, f.bad_symbols = 0;
+    f.tracked = 0, f.tau = 0, f.tau_rate = 0, f.shift = 0, f.noise = 0, f.signal = 0, f.bad_symbols = 0,
+    f.since_bad = 0;
     f.synced = false, f.frame = -1, f.bad_words = 0, f.est_start = -1;
     f.last_bits.fill(0);
     f.ref.assign(f.cps.size(), cf{0, 0});
@@ -638,6 +640,7 @@ void track_symbol(FrontEnd& f, const CellSink& sink) {
         return;
     }
     f.bad_symbols = corr < 0.3 ? f.bad_symbols + 1 : 0;
+    f.since_bad = corr < 0.3 ? 0 : f.since_bad + 1;
     if (f.bad_symbols >= kBadSymbols) {
         lose_lock(f);
         return;
@@ -673,7 +676,10 @@ void track_symbol(FrontEnd& f, const CellSink& sink) {
 
 // Equalises the symbol held in the ring's slot and hands it out.
 void emit(FrontEnd& f, int slot, const CellSink& sink) {
-    if (f.cfg.collect_static || !f.have_tps || f.ring_frame[slot] < 0) return;
+    // A symbol whose own pilots, or those of the three after it (which its
+    // estimate is made of), did not match (a fade, the signal gone) is not
+    // handed out: the decoder starts again at the next superframe.
+    if (f.cfg.collect_static || !f.have_tps || f.ring_frame[slot] < 0 || f.since_bad < 4) return;
     const int sym = f.ring_sym[slot];
     const int ph = sym & 3;
     const std::vector<cf>& y = f.ring[slot];
