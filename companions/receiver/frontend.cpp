@@ -38,10 +38,13 @@ void rotations(double a0, double a1, int n, float* re, float* im);
 // offsets 1/3 and 2/3, taps on the pilots j - half + 1 .. j + half.
 struct Interpolator {
     int half = 0;
-    std::vector<float> c1, c2;
+    std::vector<float> c0, c1, c2;  // offsets 0 (empty: the pilots as they are), 1/3, 2/3
 };
 
-Interpolator make_interpolator(int half, double beta) {
+// A low-pass of the given band (1: all the delays that pilots every third
+// carrier can tell apart; less for a shorter guard interval, so that the
+// noise of the pilots is smoothed too), a Kaiser-windowed sinc.
+Interpolator make_interpolator(int half, double beta, double band) {
     Interpolator ip;
     ip.half = half;
     auto i0 = [](double x) {
@@ -49,14 +52,16 @@ Interpolator make_interpolator(int half, double beta) {
         for (int k = 1; term > 1e-12 * sum; ++k) term *= (x / (2 * k)) * (x / (2 * k)), sum += term;
         return sum;
     };
-    for (int r = 1; r <= 2; ++r) {
-        auto& c = r == 1 ? ip.c1 : ip.c2;
+    band = std::min(band, 1.0);
+    for (int r = band < 1 ? 0 : 1; r <= 2; ++r) {
+        auto& c = r == 0 ? ip.c0 : r == 1 ? ip.c1 : ip.c2;
         double sum = 0;
         for (int t = 0; t < 2 * half; ++t) {
             const double x = (t - half + 1) - r / 3.0;  // pilot position against the carrier, in pilot spacings
             const double u = x / (half + 0.5);
             const double w = i0(beta * std::sqrt(std::max(0.0, 1 - u * u))) / i0(beta);
-            const double s = std::sin(std::numbers::pi * x) / (std::numbers::pi * x);
+            const double bx = std::numbers::pi * band * x;
+            const double s = bx == 0 ? 1.0 : std::sin(bx) / bx;
             c.push_back(static_cast<float>(w * s));
             sum += w * s;
         }
@@ -76,9 +81,11 @@ void interpolate(const Interpolator& ip, std::span<const cf> h3, std::span<cf> h
     cd acc{0, 0};
     for (int j = 0; j + 1 < J; ++j) acc += cd(h3[j + 1]) * std::conj(cd(h3[j]));
     const double step = std::arg(acc);  // radians per pilot spacing
-    static thread_local std::vector<float> c, v1, v2, rr, ri;
+    static thread_local std::vector<float> c, v0, v1, v2, rr, ri;
     c.resize(2 * static_cast<size_t>(J)), v1.assign(2 * static_cast<size_t>(J), 0.0f),
         v2.assign(2 * static_cast<size_t>(J), 0.0f);
+    const bool smooth = !ip.c0.empty();
+    if (smooth) v0.assign(2 * static_cast<size_t>(J), 0.0f);
     rr.resize(static_cast<size_t>(std::max(J, K))), ri.resize(static_cast<size_t>(std::max(J, K)));
     rotations(0, -step, J, rr.data(), ri.data());
     const float* src = reinterpret_cast<const float*>(h3.data());
@@ -95,6 +102,11 @@ void interpolate(const Interpolator& ip, std::span<const cf> h3, std::span<cf> h
             float* __restrict o1 = v1.data();
             float* __restrict o2 = v2.data();
             for (int i = 2 * lo; i < 2 * hi; ++i) o1[i] += a1 * in[i], o2[i] += a2 * in[i];
+            if (smooth) {
+                const float a0 = ip.c0[t];
+                float* __restrict o0 = v0.data();
+                for (int i = 2 * lo; i < 2 * hi; ++i) o0[i] += a0 * in[i];
+            }
         }
     }
     for (int j = 0; j < J; ++j) {
@@ -102,6 +114,7 @@ void interpolate(const Interpolator& ip, std::span<const cf> h3, std::span<cf> h
         const int n = std::min(j + 1, J - 1);
         for (int comp = 0; comp < 2; ++comp) {
             const float x0 = c[2 * j + comp], x1 = c[2 * n + comp];
+            if (smooth) v0[2 * j + comp] = x0;
             v1[2 * j + comp] = x0 + (x1 - x0) * (1 / 3.0f);
             v2[2 * j + comp] = x0 + (x1 - x0) * (2 / 3.0f);
         }
@@ -109,7 +122,7 @@ void interpolate(const Interpolator& ip, std::span<const cf> h3, std::span<cf> h
     // Back to the carriers, with the slope put back.
     rotations(0, step / 3, K, rr.data(), ri.data());
     float* out = reinterpret_cast<float*>(h.data());
-    const float* planes[3] = {c.data(), v1.data(), v2.data()};
+    const float* planes[3] = {smooth ? v0.data() : c.data(), v1.data(), v2.data()};
     for (int r = 0; r < 3; ++r) {
         const float* __restrict v = planes[r];
         for (int j = 0, k = r; k < K; ++j, k += 3) {
@@ -199,7 +212,7 @@ struct FrontEnd {
     std::vector<cf> h3, h, cells;
     std::vector<float> csi;
     std::array<std::vector<int>, 4> data_carriers;
-    Interpolator ip_track = make_interpolator(4, 5.0), ip_static = make_interpolator(16, 8.0);
+    Interpolator ip_track, ip_static = make_interpolator(16, 8.0, 1.0);
 
     // Static collection: sums of every pilot of every third carrier.
     std::vector<cd> sum3;
@@ -291,6 +304,10 @@ void set_mode(FrontEnd& f, int mode, int delta) {
         for (int k = 0; k < f.K; ++k)
             if (!special[k]) f.data_carriers[ph].push_back(k);
     }
+    // The channel's delays lie within the guard (and the eighth of it the
+    // window starts early): the pilots' interpolation passes that, and a margin.
+    const double band = 3.0 * 1.3 / kGuardDivisor[delta] + 0.1;
+    f.ip_track = band >= 1 ? make_interpolator(4, 5.0, 1.0) : make_interpolator(8, 6.0, band);
     plan_for(f, f.Fl);
 }
 
