@@ -84,6 +84,7 @@ TEST(ReceiverFrontEnd, CellsEqualTheMappersWithNothingGiven) {
         rx::FrontEndConfig cfg;
         rx::Format format;
         rx::Transmission want;
+        int packets = 2500;
     };
     auto cfg = [](uint32_t mapping, uint32_t interp) {
         rx::FrontEndConfig c;
@@ -96,7 +97,8 @@ TEST(ReceiverFrontEnd, CellsEqualTheMappersWithNothingGiven) {
         {{"-m", "8k", "-M", "64", "-D", "1/32", "-p", "7/8", "-f", "INV", "-cid", "4660"},
          cfg(2, 0),
          rx::Format::cf32,
-         T{2, 2, 0, 3, 4, 0, 0, 4660}},
+         T{2, 2, 0, 3, 4, 0, 0, 4660},
+         6000},
         {{"-m", "4k", "-M", "4", "-D", "1/8", "-p", "1/2", "-idi", "-I", "2x", "-F", "agi"},
          cfg(0, 1),
          rx::Format::ci16_be,
@@ -115,7 +117,7 @@ TEST(ReceiverFrontEnd, CellsEqualTheMappersWithNothingGiven) {
         std::string desc;
         for (const auto& a : c.tx) desc += a + " ";
         SCOPED_TRACE(desc);
-        ASSERT_EQ(tu::run(dir.path, TSGEN_EXE, {"-o", "in.ts", "-n", "6000"}).status, 0);
+        ASSERT_EQ(tu::run(dir.path, TSGEN_EXE, {"-o", "in.ts", "-n", std::to_string(c.packets)}).status, 0);
         const bool hier = std::find(c.tx.begin(), c.tx.end(), "-a") != c.tx.end();
         std::vector<std::string> args{"-o", "out", "-d", "tm", "-v", "0"};
         for (const char* a : hier ? std::vector<const char*>{"-ihp", "in.ts", "-ilp", "in.ts"}
