@@ -188,8 +188,9 @@ struct FrontEnd {
     double noise = 0;   // noise power per carrier (slow average)
     double signal = 0;  // pilots' channel power (slow average)
     int bad_symbols = 0;
-    int since_bad = 0;  // symbols since the last whose pilots did not match
-    std::vector<cf> cur, tps_prev;
+    int since_bad = 0;               // symbols since the last whose pilots did not match
+    std::vector<cf>* cur = nullptr;  // the symbol being tracked: one of the ring's
+    std::vector<cf> tps_prev;
     std::vector<float> rot_re, rot_im;  // rotations of the oscillator and of the derotation
 
     // Frame sync from the TPS.
@@ -210,6 +211,7 @@ struct FrontEnd {
     std::vector<cf> last_p, prev_p;
     int64_t est_start = -1;  // symbol count where estimation began
     std::vector<cf> h3, h, cells;
+    std::vector<float> eq, pk;  // each carrier's equaliser and reliability
     std::vector<float> csi;
     std::array<std::vector<int>, 4> data_carriers;
     Interpolator ip_track, ip_static = make_interpolator(16, 8.0, 1.0);
@@ -450,7 +452,6 @@ void acquire_frequency(FrontEnd& f) {
     f.synced = false, f.frame = -1, f.bad_words = 0, f.est_start = -1;
     f.last_bits.fill(0);
     f.ref.assign(f.cps.size(), cf{0, 0});
-    f.cur.resize(static_cast<size_t>(f.K));
     f.tps_prev.assign(f.tpc.size(), cf{0, 0});
     for (auto& r : f.ring) r.resize(static_cast<size_t>(f.K));
     f.last_p.assign(static_cast<size_t>(f.J), cf{0, 0});
@@ -527,6 +528,10 @@ void track_symbol(FrontEnd& f, const CellSink& sink) {
     // The timing drift expected at this symbol, less the window's moves.
     const double tau_pred = f.tau + f.tau_rate;
     const double slope = kTwoPi * (tau_pred - f.shift) / f.Fl;  // radians per bin to add back
+    // The drift's rotation of every carrier (bins in carrier order).
+    const int sgn = f.cfg.mapping == 2 ? -1 : 1;
+    f.rot_re.resize(static_cast<size_t>(f.K)), f.rot_im.resize(static_cast<size_t>(f.K));
+    rotations(slope * f.freq[0], slope * sgn, f.K, f.rot_re.data(), f.rot_im.data());
     // Continual pilots against their reference.
     const size_t ncp = f.cps.size();
     cd sum{0, 0};
@@ -535,7 +540,7 @@ void track_symbol(FrontEnd& f, const CellSink& sink) {
     z.resize(ncp);
     for (size_t i = 0; i < ncp; ++i) {
         const int k = f.cps[i];
-        const cd v = cd(bin_value(f, f.bin[k])) * std::polar(1.0, slope * f.freq[k]) / double(f.cp_value[i]);
+        const cd v = cd(bin_value(f, f.bin[k])) * cd(f.rot_re[k], f.rot_im[k]) / double(f.cp_value[i]);
         z[i] = v;
         sum += v * std::conj(cd(f.ref[i]));
         pw += std::norm(v), rp += std::norm(f.ref[i]);
@@ -588,20 +593,21 @@ void track_symbol(FrontEnd& f, const CellSink& sink) {
         f.noise += g * (nv - f.noise);
         f.signal += g * (sv - f.signal);
     }
-    // All carriers, derotated alike, into carrier order.
+    // All carriers, derotated alike, into carrier order, straight into the
+    // estimator's ring.
+    f.cur = &f.ring[static_cast<size_t>(f.tracked & 3)];
     {
-        const int sgn = f.cfg.mapping == 2 ? -1 : 1;
-        f.rot_re.resize(static_cast<size_t>(f.K)), f.rot_im.resize(static_cast<size_t>(f.K));
-        rotations(slope * f.freq[0] - phase, slope * sgn, f.K, f.rot_re.data(), f.rot_im.data());
+        const auto pr = static_cast<float>(std::cos(phase)), pi = static_cast<float>(-std::sin(phase));
         const float* __restrict rr = f.rot_re.data();
         const float* __restrict ri = f.rot_im.data();
         const int* __restrict bins = f.bin.data();
         const float* __restrict y = f.fout;
-        float* __restrict c = reinterpret_cast<float*>(f.cur.data());
+        float* __restrict c = reinterpret_cast<float*>(f.cur->data());
         for (int k = 0; k < f.K; ++k) {
             const float a = y[2 * bins[k]], b = y[2 * bins[k] + 1];
-            c[2 * k] = a * rr[k] - b * ri[k];
-            c[2 * k + 1] = a * ri[k] + b * rr[k];
+            const float u = a * rr[k] - b * ri[k], v = a * ri[k] + b * rr[k];
+            c[2 * k] = u * pr - v * pi;
+            c[2 * k + 1] = u * pi + v * pr;
         }
     }
     // Loops: the offset from the phase's advance, the drift from the slope left.
@@ -621,7 +627,7 @@ void track_symbol(FrontEnd& f, const CellSink& sink) {
     {
         cd d{0, 0};
         for (size_t j = 0; j < f.tpc.size(); ++j) {
-            const cf v = f.cur[f.tpc[j]];
+            const cf v = (*f.cur)[f.tpc[j]];
             d += cd(v) * std::conj(cd(f.tps_prev[j]));
             f.tps_prev[j] = v;
         }
@@ -665,24 +671,23 @@ void track_symbol(FrontEnd& f, const CellSink& sink) {
     // Channel estimation: this symbol into the ring and the pilots' memory.
     if (f.synced && f.state == FrontEnd::State::track) {
         const int64_t n = f.tracked - f.est_start;  // symbols since estimation began
-        const int slot = static_cast<int>(n & 3);
-        std::copy(f.cur.begin(), f.cur.end(), f.ring[slot].begin());
+        const int slot = static_cast<int>(f.tracked & 3);
         f.ring_sym[slot] = f.sym;
         f.ring_frame[slot] = f.frame;
         const int ph = f.sym & 3;
         for (int k = 3 * ph; k < f.K; k += 12) {
             const int j = k / 3;
             f.prev_p[j] = f.last_p[j];
-            f.last_p[j] = f.cur[k] / pilot_value(k);
+            f.last_p[j] = (*f.cur)[k] / pilot_value(k);
         }
         if (f.cfg.collect_static) {
             for (int k = 3 * ph; k < f.K; k += 12) {
-                const cd v = cd(f.cur[k] / pilot_value(k));
+                const cd v = cd((*f.cur)[k] / pilot_value(k));
                 f.sum3[k / 3] += v, f.sq3[k / 3] += std::norm(v), ++f.n3[k / 3];
             }
             ++f.static_symbols;
         }
-        if (n >= 7) emit(f, static_cast<int>((n - 3) & 3), sink);
+        if (n >= 7) emit(f, static_cast<int>((f.tracked - 3) & 3), sink);
     }
     ++f.tracked;
     // The next window, moved by a sample when the drift has grown by one.
@@ -723,14 +728,22 @@ void emit(FrontEnd& f, int slot, const CellSink& sink) {
         const float* __restrict yy = reinterpret_cast<const float*>(y.data());
         float* __restrict out = reinterpret_cast<float*>(f.cells.data());
         float* __restrict csi = f.csi.data();
-        for (size_t i = 0; i < n; ++i) {
-            const int k = idx[i];
-            const float hr = hh[2 * k], hi = hh[2 * k + 1], yr = yy[2 * k], yi = yy[2 * k + 1];
+        // The equaliser of every carrier first, conj(H) / |H|^2, in vector lanes.
+        f.eq.resize(2 * static_cast<size_t>(f.K)), f.pk.resize(static_cast<size_t>(f.K));
+        float* __restrict g = f.eq.data();
+        float* __restrict pk = f.pk.data();
+        for (int k = 0; k < f.K; ++k) {
+            const float hr = hh[2 * k], hi = hh[2 * k + 1];
             const float p = hr * hr + hi * hi;
             const float inv = p > 0 ? 1.0f / p : 0.0f;
-            out[2 * i] = (yr * hr + yi * hi) * inv;
-            out[2 * i + 1] = (yi * hr - yr * hi) * inv;
-            csi[i] = p * inv_noise;
+            g[2 * k] = hr * inv, g[2 * k + 1] = -hi * inv, pk[k] = p * inv_noise;
+        }
+        for (size_t i = 0; i < n; ++i) {
+            const int k = idx[i];
+            const float gr = g[2 * k], gi = g[2 * k + 1], yr = yy[2 * k], yi = yy[2 * k + 1];
+            out[2 * i] = yr * gr - yi * gi;
+            out[2 * i + 1] = yr * gi + yi * gr;
+            csi[i] = pk[k];
         }
     }
     if (f.levels_M != f.tps.M || f.levels_alpha != f.tps.alpha) {
@@ -791,14 +804,22 @@ FrontEndPtr frontend_create(const FrontEndConfig& c, const StaticChannel* fixed)
 void frontend_push(FrontEnd& f, std::span<const std::complex<float>> samples, const CellSink& sink) {
     // Values beyond any converter's range (and not numbers at all) are taken as
     // zero, so that no power computed later can overflow.
-    f.incoming.assign(samples.begin(), samples.end());
-    float* v = reinterpret_cast<float*>(f.incoming.data());
-    const size_t nv = 2 * f.incoming.size();
+    std::vector<cf>& dst = f.resampling ? f.incoming : f.buf;
+    if (f.resampling) f.incoming.clear();
+    const size_t from = dst.size();
+    dst.insert(dst.end(), samples.begin(), samples.end());
+    float* v = reinterpret_cast<float*>(dst.data() + from);
+    const size_t nv = 2 * samples.size();
+    // First whether every value is in range (a reduction that runs in vector
+    // lanes); only when one is not, the values are counted and replaced.
+    int in_range = 1;
+    for (size_t i = 0; i < nv; ++i) in_range &= std::fabs(v[i]) < 1e12f ? 1 : 0;
     size_t bad = 0;
-    for (size_t i = 0; i < nv; ++i) {
-        bad += (v[i] - v[i]) == 0.0f ? 0u : 1u;  // zero for every finite value, not a number otherwise
-        v[i] = std::fabs(v[i]) < 1e12f ? v[i] : 0.0f;
-    }
+    if (!in_range)
+        for (size_t i = 0; i < nv; ++i) {
+            bad += std::isfinite(v[i]) ? 0u : 1u;
+            v[i] = std::fabs(v[i]) < 1e12f ? v[i] : 0.0f;
+        }
     if (bad > 0 && f.not_finite == 0)
         for (size_t i = 0; i < samples.size(); ++i)
             if (!std::isfinite(samples[i].real()) || !std::isfinite(samples[i].imag())) {
@@ -808,7 +829,6 @@ void frontend_push(FrontEnd& f, std::span<const std::complex<float>> samples, co
     f.not_finite += bad;
     f.pushed += samples.size();
     if (f.resampling) resample(f.rs, f.incoming, f.buf);
-    else f.buf.insert(f.buf.end(), f.incoming.begin(), f.incoming.end());
     for (;;) {
         if (f.state == FrontEnd::State::search) {
             drop_before(f, f.search_from);
