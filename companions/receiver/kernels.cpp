@@ -52,10 +52,14 @@ namespace {
 inline float minf(float a, float b) { return a < b ? a : b; }
 inline float maxf(float a, float b) { return a > b ? a : b; }
 
+// Rounds to the nearest integer within +-127; a value that is not 0 stays
+// so (its sign is the hard decision), and what is not a number becomes 0.
 inline int8_t quantise(float v) {
     v = v == v ? v : 0.0f;
     v = maxf(minf(v, 127.0f), -127.0f);
-    return static_cast<int8_t>(std::lrint(v));
+    long r = std::lrint(v);
+    if (r == 0) r = v > 0.0f ? 1 : v < 0.0f ? -1 : 0;
+    return static_cast<int8_t>(r);
 }
 
 inline float sq(float v) { return v * v; }

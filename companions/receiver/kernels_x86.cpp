@@ -22,11 +22,16 @@ RX_AVX512 inline __m512 sq(__m512 v) { return _mm512_mul_ps(v, v); }
 RX_AVX512 inline __m512 dist(__m512 ax, float m) { return sq(_mm512_sub_ps(ax, _mm512_set1_ps(m))); }
 
 // The quantiser of the plain form: not a number to 0, clamped to +-127,
-// rounded to the nearest (even) integer.
+// rounded to the nearest (even) integer, at least 1 in size when not 0.
 RX_AVX512 inline __m128i quantise(__m512 v) {
     v = _mm512_maskz_mov_ps(_mm512_cmp_ps_mask(v, v, _CMP_ORD_Q), v);
     v = _mm512_max_ps(_mm512_min_ps(v, _mm512_set1_ps(127.0f)), _mm512_set1_ps(-127.0f));
-    return _mm512_cvtepi32_epi8(_mm512_cvtps_epi32(v));
+    __m512i r = _mm512_cvtps_epi32(v);
+    const __mmask16 z = _mm512_cmpeq_epi32_mask(r, _mm512_setzero_si512());
+    const __m512 zero = _mm512_setzero_ps();
+    r = _mm512_mask_mov_epi32(r, z & _mm512_cmp_ps_mask(v, zero, _CMP_GT_OQ), _mm512_set1_epi32(1));
+    r = _mm512_mask_mov_epi32(r, z & _mm512_cmp_ps_mask(v, zero, _CMP_LT_OQ), _mm512_set1_epi32(-1));
+    return _mm512_cvtepi32_epi8(r);
 }
 
 RX_AVX512 inline __m128i signed_soft(__m512 x, __m512 ds, __m512 w) {
