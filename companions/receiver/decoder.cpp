@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <deque>
 #include <vector>
 
@@ -95,11 +96,9 @@ struct Stream {
     alignas(64) std::array<int16_t, 64> metrics{};
     std::vector<int8_t> pairs = std::vector<int8_t>(2 * viterbi_span);
     std::vector<uint64_t> decisions = std::vector<uint64_t>(viterbi_span);
-    std::vector<uint8_t> bits = std::vector<uint8_t>(viterbi_span);
+    std::vector<uint8_t> bytes = std::vector<uint8_t>(traceback_chunk / 8);
     size_t pending = 0;
-
-    uint32_t encoder = 0, encoder_steps = 0;  // the decoded bits re-encoded
-    uint32_t byte = 0, byte_bits = 0;
+    uint64_t decided = 0;  // steps decided since the restart
 
     std::array<std::vector<uint8_t>, 12> fifo;  // the outer deinterleaver: branch j delays 17 (11 - j) bytes
     std::array<uint32_t, 12> fifo_pos{};
@@ -135,8 +134,7 @@ namespace {
 void reset(Stream& s) {
     s.metrics.fill(0);
     s.pending = 0;
-    s.encoder = s.encoder_steps = 0;
-    s.byte = s.byte_bits = 0;
+    s.decided = 0;
     for (uint32_t j = 0; j < 12; j++) s.fifo[j].assign(17 * (11 - j), 0);
     s.fifo_pos.fill(0);
     s.branch = 0;
@@ -239,43 +237,54 @@ void byte_out(Decoder& d, Stream& s, uint8_t b) {
     }
 }
 
-constexpr uint32_t parity7(uint32_t v) {
-    v ^= v >> 4;
-    v ^= v >> 2;
-    v ^= v >> 1;
-    return v & 1;
-}
+// The code bits X (bit 1) and Y (bit 0) of the encoder's 7-bit register.
+constexpr auto code_bits = [] {
+    std::array<uint8_t, 128> t{};
+    for (unsigned r = 0; r < 128; r++) {
+        const unsigned x = std::popcount(r & 0x4Fu) & 1u, y = std::popcount(r & 0x6Du) & 1u;
+        t[r] = static_cast<uint8_t>(x << 1 | y);
+    }
+    return t;
+}();
 
-// Decides the oldest n pending steps: traceback from the best state through
-// all pending decisions, then the bits re-encoded against the hard decisions
-// of what was received, packed into bytes and passed on.
+// Decides the oldest n pending steps (a multiple of 64): traceback from the
+// best state through all pending decisions. On the way through those n
+// steps, each state and its decision give the encoder's register, so the
+// decoded bits are re-encoded there and compared with the hard decisions of
+// what was received; the bits go out packed into bytes.
 void decide(Decoder& d, Stream& s, size_t n) {
+    static_assert(traceback_chunk % 64 == 0);
     uint32_t state = 0;
     for (uint32_t k = 1; k < 64; k++)
         if (s.metrics[k] > s.metrics[state]) state = k;
-    for (size_t t = s.pending; t-- > 0;) {
-        s.bits[t] = static_cast<uint8_t>(state & 1);
-        state = state >> 1 | static_cast<uint32_t>(s.decisions[t] >> state & 1) << 5;
+    const uint64_t* dec = s.decisions.data();
+    size_t t = s.pending;
+    while (t > n) {
+        --t;
+        state = state >> 1 | static_cast<uint32_t>(dec[t] >> state & 1) << 5;
     }
-    uint64_t bits = 0, errors = 0;
-    for (size_t t = 0; t < n; t++) {
-        s.encoder = (s.encoder << 1 | s.bits[t]) & 0x7F;
-        if (s.encoder_steps >= 6) {
-            const int8_t x = s.pairs[2 * t], y = s.pairs[2 * t + 1];
-            bits += (x != 0) + (y != 0);
-            errors += (x != 0 && (x < 0) != (parity7(s.encoder & 0x4F) != 0)) +
-                      (y != 0 && (y < 0) != (parity7(s.encoder & 0x6D) != 0));
-        } else {
-            s.encoder_steps++;
-        }
-        s.byte = s.byte << 1 | s.bits[t];
-        if (++s.byte_bits == 8) {
-            byte_out(d, s, static_cast<uint8_t>(s.byte));
-            s.byte = s.byte_bits = 0;
-        }
+    const int8_t* pr = s.pairs.data();
+    uint8_t* out = s.bytes.data();
+    const uint64_t decided = s.decided;
+    uint64_t word = 0, bits = 0, errors = 0;
+    while (t > 0) {
+        --t;
+        const auto back = static_cast<uint32_t>(dec[t] >> state & 1);
+        const uint32_t cb = code_bits[state | back << 6];
+        word = word >> 1 | static_cast<uint64_t>(state & 1) << 63;
+        state = state >> 1 | back << 5;
+        if ((t & 63) == 0)
+            for (uint32_t k = 0; k < 8; k++) out[t / 8 + k] = static_cast<uint8_t>(word >> (56 - 8 * k));
+        // The first 6 steps after a restart have no known register.
+        const uint32_t known = decided + t >= 6;
+        const int x = pr[2 * t], y = pr[2 * t + 1];
+        bits += known * ((x != 0) + (y != 0));
+        errors += known * ((x != 0 && (x < 0) != ((cb >> 1) != 0)) + (y != 0 && (y < 0) != ((cb & 1) != 0)));
     }
+    s.decided += n;
     d.counts.bits_before_viterbi += bits;
     d.counts.errors_before_viterbi += errors;
+    for (size_t k = 0; k < n / 8; k++) byte_out(d, s, s.bytes[k]);
     std::copy(s.decisions.begin() + static_cast<ptrdiff_t>(n), s.decisions.begin() + static_cast<ptrdiff_t>(s.pending),
               s.decisions.begin());
     std::copy(s.pairs.begin() + static_cast<ptrdiff_t>(2 * n), s.pairs.begin() + static_cast<ptrdiff_t>(2 * s.pending),
@@ -290,7 +299,8 @@ void decode_block(Decoder& d, Stream& s, uint32_t parity) {
         const size_t k = std::min(steps - done, viterbi_span - s.pending);
         int8_t* p = s.pairs.data() + 2 * s.pending;
         const uint16_t* src = g.data() + 2 * done;
-        for (size_t i = 0; i < 2 * k; i++) p[i] = d.planes[src[i]];
+        const int8_t* planes = d.planes.data();
+        for (size_t i = 0; i < 2 * k; i++) p[i] = planes[src[i]];
         viterbi_acs(s.metrics.data(), p, k, s.decisions.data() + s.pending);
         s.pending += k;
         done += k;

@@ -109,20 +109,21 @@ inline uint64_t branch_metrics(const int8_t* p) {
 // and 32..63 (their partners). The survivors of the even and the odd states
 // come out in two registers and are interleaved back into state order.
 RX_AVX512 void viterbi_acs_avx512(int16_t* metrics, const int8_t* pairs, size_t n, uint64_t* decisions) {
-    alignas(64) int16_t ie[32], io[32], il[32], ih[32];
+    alignas(64) int16_t ie[32], il[32], ih[32];
     for (int j = 0; j < 32; j++) {
-        ie[j] = branch_bits[2 * j], io[j] = branch_bits[2 * j + 1];
+        ie[j] = branch_bits[2 * j];
         il[j] = static_cast<int16_t>((j & 1) * 32 + j / 2);
         ih[j] = static_cast<int16_t>((j & 1) * 32 + 16 + j / 2);
     }
-    const __m512i idx_e = _mm512_load_si512(ie), idx_o = _mm512_load_si512(io);
+    const __m512i idx_e = _mm512_load_si512(ie);
     const __m512i idx_l = _mm512_load_si512(il), idx_h = _mm512_load_si512(ih);
     __m512i lo = _mm512_loadu_si512(metrics), hi = _mm512_loadu_si512(metrics + 32);
     for (size_t t = 0; t < n; t++) {
         const __m512i tbl = _mm512_set1_epi64(static_cast<long long>(branch_metrics(pairs + 2 * t)));
-        const __m512i be = _mm512_permutexvar_epi16(idx_e, tbl), bo = _mm512_permutexvar_epi16(idx_o, tbl);
+        // The odd state's branch carries the even one's code bits inverted.
+        const __m512i be = _mm512_permutexvar_epi16(idx_e, tbl);
         const __m512i ae = _mm512_add_epi16(lo, be), ce = _mm512_sub_epi16(hi, be);
-        const __m512i ao = _mm512_add_epi16(lo, bo), co = _mm512_sub_epi16(hi, bo);
+        const __m512i ao = _mm512_sub_epi16(lo, be), co = _mm512_add_epi16(hi, be);
         const __m512i ne = _mm512_max_epi16(ae, ce), no = _mm512_max_epi16(ao, co);
         const uint64_t ke = _cvtmask32_u32(_mm512_cmpgt_epi16_mask(ce, ae));
         const uint64_t ko = _cvtmask32_u32(_mm512_cmpgt_epi16_mask(co, ao));
