@@ -19,11 +19,15 @@ namespace rx {
 
 namespace {
 
-// Steps of the Viterbi decoder's traceback before a bit is decided, and the
-// steps decided at a time.
-constexpr size_t traceback_depth = 192;
-constexpr size_t traceback_chunk = 4096;
-constexpr size_t viterbi_span = traceback_depth + traceback_chunk;
+// The Viterbi decoder works on windows of the coded stream: each decides
+// window_bits steps, after a start of window_lead steps (from all states
+// equally likely, which the path forgets long before the window's bits) and
+// followed by window_trail steps that its traceback starts from (from the
+// best state at the end). Two neighbouring windows run at once, their
+// add-compare-selects and tracebacks interleaved, two chains of dependent
+// operations instead of one.
+constexpr size_t window_bits = 4096, window_lead = 192, window_trail = 192;
+constexpr size_t window_span = window_lead + window_bits + window_trail;
 
 // The soft values of a uniform constellation's nearest neighbours, at the mean
 // csi, before saturation: the Viterbi decoder's metrics are invariant to a
@@ -93,12 +97,12 @@ struct Stream {
     // the mother code, as an index into the bit planes (the last index holds 0).
     std::array<std::vector<uint16_t>, 2> gather;
 
-    alignas(64) std::array<int16_t, 64> metrics{};
-    std::vector<int8_t> pairs = std::vector<int8_t>(2 * viterbi_span);
-    std::vector<uint64_t> decisions = std::vector<uint64_t>(viterbi_span);
-    std::vector<uint8_t> bytes = std::vector<uint8_t>(traceback_chunk / 8);
-    size_t pending = 0;
+    std::vector<int8_t> pairs;  // the soft X and Y of the steps from step `first` on
+    uint64_t first = 0;
     uint64_t decided = 0;  // steps decided since the restart
+    alignas(64) std::array<std::array<int16_t, 64>, 2> metrics{};
+    std::array<std::vector<uint64_t>, 2> decisions{std::vector<uint64_t>(window_span),
+                                                   std::vector<uint64_t>(window_span)};
 
     std::array<std::vector<uint8_t>, 12> fifo;  // the outer deinterleaver: branch j delays 17 (11 - j) bytes
     std::array<uint32_t, 12> fifo_pos{};
@@ -132,9 +136,8 @@ void DecoderDeleter::operator()(Decoder* d) const { delete d; }
 namespace {
 
 void reset(Stream& s) {
-    s.metrics.fill(0);
-    s.pending = 0;
-    s.decided = 0;
+    s.pairs.clear();
+    s.first = s.decided = 0;
     for (uint32_t j = 0; j < 12; j++) s.fifo[j].assign(17 * (11 - j), 0);
     s.fifo_pos.fill(0);
     s.branch = 0;
@@ -237,75 +240,100 @@ void byte_out(Decoder& d, Stream& s, uint8_t b) {
     }
 }
 
-// The code bits X (bit 1) and Y (bit 0) of the encoder's 7-bit register.
-constexpr auto code_bits = [] {
-    std::array<uint8_t, 128> t{};
-    for (unsigned r = 0; r < 128; r++) {
-        const unsigned x = std::popcount(r & 0x4Fu) & 1u, y = std::popcount(r & 0x6Du) & 1u;
-        t[r] = static_cast<uint8_t>(x << 1 | y);
-    }
-    return t;
-}();
-
-// Decides the oldest n pending steps (a multiple of 64): traceback from the
-// best state through all pending decisions. On the way through those n
-// steps, each state and its decision give the encoder's register, so the
-// decoded bits are re-encoded there and compared with the hard decisions of
-// what was received; the bits go out packed into bytes.
-void decide(Decoder& d, Stream& s, size_t n) {
-    static_assert(traceback_chunk % 64 == 0);
-    uint32_t state = 0;
-    for (uint32_t k = 1; k < 64; k++)
-        if (s.metrics[k] > s.metrics[state]) state = k;
-    const uint64_t* dec = s.decisions.data();
-    size_t t = s.pending;
-    while (t > n) {
-        --t;
-        state = state >> 1 | static_cast<uint32_t>(dec[t] >> state & 1) << 5;
-    }
-    const int8_t* pr = s.pairs.data();
-    uint8_t* out = s.bytes.data();
-    const uint64_t decided = s.decided;
-    uint64_t word = 0, bits = 0, errors = 0;
-    while (t > 0) {
-        --t;
-        const auto back = static_cast<uint32_t>(dec[t] >> state & 1);
-        const uint32_t cb = code_bits[state | back << 6];
-        word = word >> 1 | static_cast<uint64_t>(state & 1) << 63;
-        state = state >> 1 | back << 5;
-        if ((t & 63) == 0)
-            for (uint32_t k = 0; k < 8; k++) out[t / 8 + k] = static_cast<uint8_t>(word >> (56 - 8 * k));
+// The bits of a window before the Viterbi decoder: its decided bits (words of
+// 64, the first bit highest; prev holds the 6 bits before them, the latest
+// lowest) re-encoded, 64 steps at a time, and compared with the hard
+// decisions of what was received, where anything was.
+void count_before(Decoder& d, const uint64_t* words, uint64_t prev, const int8_t* pairs, bool restart) {
+    constexpr size_t n = window_bits / 64;
+    std::array<uint64_t, n> neg_x, any_x, neg_y, any_y;
+    hard_decisions(pairs, window_bits, neg_x.data(), any_x.data(), neg_y.data(), any_y.data());
+    uint64_t bits = 0, errors = 0;
+    for (size_t k = 0; k < n; k++) {
+        const uint64_t w = words[k];
+        auto older = [&](unsigned j) { return w >> j | prev << (64 - j); };
+        const uint64_t x = w ^ older(1) ^ older(2) ^ older(3) ^ older(6);
+        const uint64_t y = w ^ older(2) ^ older(3) ^ older(5) ^ older(6);
         // The first 6 steps after a restart have no known register.
-        const uint32_t known = decided + t >= 6;
-        const int x = pr[2 * t], y = pr[2 * t + 1];
-        bits += known * ((x != 0) + (y != 0));
-        errors += known * ((x != 0 && (x < 0) != ((cb >> 1) != 0)) + (y != 0 && (y < 0) != ((cb & 1) != 0)));
+        const uint64_t known = restart && k == 0 ? ~uint64_t{0} >> 6 : ~uint64_t{0};
+        bits += static_cast<uint64_t>(std::popcount(any_x[k] & known) + std::popcount(any_y[k] & known));
+        errors += static_cast<uint64_t>(std::popcount((neg_x[k] ^ x) & any_x[k] & known) +
+                                        std::popcount((neg_y[k] ^ y) & any_y[k] & known));
+        prev = w;
     }
-    s.decided += n;
     d.counts.bits_before_viterbi += bits;
     d.counts.errors_before_viterbi += errors;
-    for (size_t k = 0; k < n / 8; k++) byte_out(d, s, s.bytes[k]);
-    std::copy(s.decisions.begin() + static_cast<ptrdiff_t>(n), s.decisions.begin() + static_cast<ptrdiff_t>(s.pending),
-              s.decisions.begin());
-    std::copy(s.pairs.begin() + static_cast<ptrdiff_t>(2 * n), s.pairs.begin() + static_cast<ptrdiff_t>(2 * s.pending),
-              s.pairs.begin());
-    s.pending -= n;
+}
+
+// The traceback of the two windows, in step: from the best state at each
+// window's end back through its trail, then through its bits, which go out
+// packed into bytes, the first window's first. bits_at[w] is the window's
+// first bit in its decisions and soft values.
+void traceback(Decoder& d, Stream& s, const std::array<size_t, 2>& bits_at, const std::array<const int8_t*, 2>& pairs) {
+    static_assert(window_bits % 64 == 0);
+    // r is decision_bit(state), the bit of the state's decision; the state is
+    // r rotated left, and the previous step's r comes from r and the decision.
+    std::array<uint32_t, 2> best{};
+    for (uint32_t w = 0; w < 2; w++)
+        for (uint32_t k = 1; k < 64; k++)
+            if (s.metrics[w][k] > s.metrics[w][best[w]]) best[w] = k;
+    uint32_t r0 = decision_bit(best[0]), r1 = decision_bit(best[1]);
+    const uint64_t* dec0 = s.decisions[0].data() + bits_at[0];
+    const uint64_t* dec1 = s.decisions[1].data() + bits_at[1];
+    for (size_t t = window_bits + window_trail; t-- > window_bits;) {
+        r0 = (r0 & 31) >> 1 | (r0 & 1) << 5 | static_cast<uint32_t>(dec0[t] >> r0 & 1) << 4;
+        r1 = (r1 & 31) >> 1 | (r1 & 1) << 5 | static_cast<uint32_t>(dec1[t] >> r1 & 1) << 4;
+    }
+    std::array<std::array<uint64_t, window_bits / 64>, 2> words;
+    uint64_t w0 = 0, w1 = 0;
+    for (size_t t = window_bits; t-- > 0;) {
+        w0 = w0 >> 1 | static_cast<uint64_t>(r0 >> 5) << 63;
+        w1 = w1 >> 1 | static_cast<uint64_t>(r1 >> 5) << 63;
+        r0 = (r0 & 31) >> 1 | (r0 & 1) << 5 | static_cast<uint32_t>(dec0[t] >> r0 & 1) << 4;
+        r1 = (r1 & 31) >> 1 | (r1 & 1) << 5 | static_cast<uint32_t>(dec1[t] >> r1 & 1) << 4;
+        if ((t & 63) == 0) words[0][t / 64] = w0, words[1][t / 64] = w1;
+    }
+    // Now r is the state before each window: its last 6 bits.
+    count_before(d, words[0].data(), (r0 << 1 | r0 >> 5) & 63, pairs[0] + 2 * bits_at[0], s.decided == 0);
+    count_before(d, words[1].data(), (r1 << 1 | r1 >> 5) & 63, pairs[1] + 2 * bits_at[1], false);
+    for (const auto& ws : words)
+        for (uint64_t w : ws)
+            for (uint32_t k = 0; k < 8; k++) byte_out(d, s, static_cast<uint8_t>(w >> (56 - 8 * k)));
+}
+
+// Decides the next two windows' bits.
+void decide(Decoder& d, Stream& s) {
+    std::array<size_t, 2> bits_at{}, len{};
+    std::array<const int8_t*, 2> p{};
+    for (uint32_t w = 0; w < 2; w++) {
+        const uint64_t start = s.decided + w * window_bits;
+        const uint64_t lead = start >= window_lead ? window_lead : start;
+        bits_at[w] = lead, len[w] = lead + window_bits + window_trail;
+        p[w] = s.pairs.data() + 2 * (start - lead - s.first);
+        s.metrics[w].fill(0);
+    }
+    // The second window is never the shorter: its extra lead runs alone first.
+    const size_t extra = len[1] - len[0];
+    viterbi_acs(s.metrics[1].data(), p[1], extra, s.decisions[1].data());
+    viterbi_acs2(s.metrics[0].data(), p[0], s.decisions[0].data(), s.metrics[1].data(), p[1] + 2 * extra,
+                 s.decisions[1].data() + extra, len[0]);
+    traceback(d, s, bits_at, p);
+    s.decided += 2 * window_bits;
+    // Keep what the next windows need: from the next lead on.
+    const uint64_t keep = s.decided - window_lead;
+    s.pairs.erase(s.pairs.begin(), s.pairs.begin() + static_cast<ptrdiff_t>(2 * (keep - s.first)));
+    s.first = keep;
 }
 
 void decode_block(Decoder& d, Stream& s, uint32_t parity) {
     const std::vector<uint16_t>& g = s.gather[parity];
-    const size_t steps = g.size() / 2;
-    for (size_t done = 0; done < steps;) {
-        const size_t k = std::min(steps - done, viterbi_span - s.pending);
-        int8_t* p = s.pairs.data() + 2 * s.pending;
-        const uint16_t* src = g.data() + 2 * done;
-        const int8_t* planes = d.planes.data();
-        for (size_t i = 0; i < 2 * k; i++) p[i] = planes[src[i]];
-        viterbi_acs(s.metrics.data(), p, k, s.decisions.data() + s.pending);
-        s.pending += k;
-        done += k;
-        if (s.pending == viterbi_span) decide(d, s, traceback_chunk);
-    }
+    const size_t at = s.pairs.size();
+    s.pairs.resize(at + g.size());
+    int8_t* p = s.pairs.data() + at;
+    const int8_t* planes = d.planes.data();
+    const uint16_t* src = g.data();
+    for (size_t i = 0; i < g.size(); i++) p[i] = planes[src[i]];
+    while (s.first + s.pairs.size() / 2 >= s.decided + 2 * window_bits + window_trail) decide(d, s);
 }
 
 void restart(Decoder& d) {

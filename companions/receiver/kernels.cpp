@@ -125,7 +125,7 @@ void viterbi_acs_plain(int16_t* metrics, const int8_t* pairs, size_t n, uint64_t
             const int b = bm[branch_bits[s]];
             const int a = metrics[s >> 1] + b, c = metrics[(s >> 1) | 32] - b;
             next[s] = static_cast<int16_t>(c > a ? c : a);
-            dec |= static_cast<uint64_t>(c > a) << s;
+            dec |= static_cast<uint64_t>(c > a) << decision_bit(s);
         }
         decisions[t] = dec;
         if ((t & 31) == 31) {
@@ -142,6 +142,34 @@ void viterbi_acs(int16_t* metrics, const int8_t* pairs, size_t n, uint64_t* deci
     if (kernel_isa >= ISA_AVX) return detail::viterbi_acs_avx(metrics, pairs, n, decisions);
 #endif
     viterbi_acs_plain(metrics, pairs, n, decisions);
+}
+
+void viterbi_acs2(int16_t* m0, const int8_t* p0, uint64_t* d0, int16_t* m1, const int8_t* p1, uint64_t* d1, size_t n) {
+#if RX_X86
+    if (kernel_isa >= ISA_AVX512) return detail::viterbi_acs2_avx512(m0, p0, d0, m1, p1, d1, n);
+#endif
+    viterbi_acs(m0, p0, n, d0);
+    viterbi_acs(m1, p1, n, d1);
+}
+
+void hard_decisions_plain(const int8_t* pairs, size_t n, uint64_t* neg_x, uint64_t* any_x, uint64_t* neg_y,
+                          uint64_t* any_y) {
+    for (size_t k = 0; k < n / 64; k++) {
+        uint64_t nx = 0, ax = 0, ny = 0, ay = 0;
+        for (size_t i = 0; i < 64; i++) {
+            const int8_t x = pairs[128 * k + 2 * i], y = pairs[128 * k + 2 * i + 1];
+            nx = nx << 1 | (x < 0), ax = ax << 1 | (x != 0);
+            ny = ny << 1 | (y < 0), ay = ay << 1 | (y != 0);
+        }
+        neg_x[k] = nx, any_x[k] = ax, neg_y[k] = ny, any_y[k] = ay;
+    }
+}
+
+void hard_decisions(const int8_t* pairs, size_t n, uint64_t* neg_x, uint64_t* any_x, uint64_t* neg_y, uint64_t* any_y) {
+#if RX_X86
+    if (kernel_isa >= ISA_AVX512) return detail::hard_decisions_avx512(pairs, n, neg_x, any_x, neg_y, any_y);
+#endif
+    hard_decisions_plain(pairs, n, neg_x, any_x, neg_y, any_y);
 }
 
 }  // namespace rx

@@ -6,12 +6,13 @@
 
 #if !defined(__clang__)
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#pragma GCC diagnostic ignored "-Wuninitialized"
 // Vector values pass only between functions of the same target.
 #pragma GCC diagnostic ignored "-Wpsabi"
 #endif
 #include <immintrin.h>
 
-#define RX_AVX512 __attribute__((target("avx512f,avx512bw,avx512vl,avx512dq,bmi2")))
+#define RX_AVX512 __attribute__((target("avx512f,avx512bw,avx512vl,avx512dq,bmi,bmi2")))
 #define RX_AVX __attribute__((target("avx")))
 
 namespace rx::detail {
@@ -105,38 +106,122 @@ inline uint64_t branch_metrics(const int8_t* p) {
 
 }  // namespace
 
+// The branch metrics of up to 32 steps, four 16-bit values a step (code bits
+// 00, 01, 10, 11: x + y, x - y, -x + y, -x - y), from the soft values.
+RX_AVX512 void branch_tables(const int8_t* pairs, size_t m, uint64_t* tbl) {
+    const __m512i v = _mm512_maskz_loadu_epi8(_bzhi_u64(~uint64_t{0}, static_cast<uint32_t>(2 * m)), pairs);
+    alignas(64) int16_t ix[32], iy[32];
+    for (int l = 0; l < 32; l++)
+        ix[l] = static_cast<int16_t>(2 * (l / 4)), iy[l] = static_cast<int16_t>(2 * (l / 4) + 1);
+    const __m512i idx_x = _mm512_load_si512(ix), idx_y = _mm512_load_si512(iy);
+    const __m512i eight = _mm512_set1_epi16(16), zero = _mm512_setzero_si512();
+    // Lanes 2 and 3 of each step negate x, lanes 1 and 3 negate y.
+    const __mmask32 nx = 0xCCCCCCCCu, ny = 0xAAAAAAAAu;
+    for (int h = 0; h < 2; h++) {
+        const __m512i w = _mm512_cvtepi8_epi16(h == 0 ? _mm512_castsi512_si256(v) : _mm512_extracti64x4_epi64(v, 1));
+        for (int q = 0; q < 2; q++) {
+            const __m512i ox = q == 0 ? idx_x : _mm512_add_epi16(idx_x, eight);
+            const __m512i oy = q == 0 ? idx_y : _mm512_add_epi16(idx_y, eight);
+            const __m512i x = _mm512_permutexvar_epi16(ox, w), y = _mm512_permutexvar_epi16(oy, w);
+            const __m512i r =
+                _mm512_add_epi16(_mm512_mask_sub_epi16(x, nx, zero, x), _mm512_mask_sub_epi16(y, ny, zero, y));
+            _mm512_store_si512(tbl + 16 * h + 8 * q, r);
+        }
+    }
+}
+
 // The 64 metrics as two registers of 32: states 0..31 (the predecessors n >> 1)
 // and 32..63 (their partners). The survivors of the even and the odd states
-// come out in two registers and are interleaved back into state order.
-RX_AVX512 void viterbi_acs_avx512(int16_t* metrics, const int8_t* pairs, size_t n, uint64_t* decisions) {
+// come out in two registers and are interleaved back into state order; their
+// decisions are the two halves of the step's decision word.
+struct Acs {
+    __m512i idx_e, idx_l, idx_h;
+};
+
+RX_AVX512 inline Acs acs_tables() {
     alignas(64) int16_t ie[32], il[32], ih[32];
     for (int j = 0; j < 32; j++) {
         ie[j] = branch_bits[2 * j];
         il[j] = static_cast<int16_t>((j & 1) * 32 + j / 2);
         ih[j] = static_cast<int16_t>((j & 1) * 32 + 16 + j / 2);
     }
-    const __m512i idx_e = _mm512_load_si512(ie);
-    const __m512i idx_l = _mm512_load_si512(il), idx_h = _mm512_load_si512(ih);
+    return {_mm512_load_si512(ie), _mm512_load_si512(il), _mm512_load_si512(ih)};
+}
+
+RX_AVX512 inline void acs_step(const Acs& a, uint64_t tbl, __m512i& lo, __m512i& hi, uint64_t* decision) {
+    // The odd state's branch carries the even one's code bits inverted.
+    const __m512i be = _mm512_permutexvar_epi16(a.idx_e, _mm512_set1_epi64(static_cast<long long>(tbl)));
+    const __m512i ae = _mm512_add_epi16(lo, be), ce = _mm512_sub_epi16(hi, be);
+    const __m512i ao = _mm512_sub_epi16(lo, be), co = _mm512_add_epi16(hi, be);
+    const __m512i ne = _mm512_max_epi16(ae, ce), no = _mm512_max_epi16(ao, co);
+    *decision = _cvtmask64_u64(_mm512_kunpackd(_mm512_cmpgt_epi16_mask(co, ao), _mm512_cmpgt_epi16_mask(ce, ae)));
+    lo = _mm512_permutex2var_epi16(ne, a.idx_l, no);
+    hi = _mm512_permutex2var_epi16(ne, a.idx_h, no);
+}
+
+RX_AVX512 inline void renormalise(__m512i& lo, __m512i& hi) {
+    const __m512i b = _mm512_broadcastw_epi16(_mm512_castsi512_si128(lo));
+    lo = _mm512_sub_epi16(lo, b), hi = _mm512_sub_epi16(hi, b);
+}
+
+RX_AVX512 void viterbi_acs_avx512(int16_t* metrics, const int8_t* pairs, size_t n, uint64_t* decisions) {
+    const Acs a = acs_tables();
     __m512i lo = _mm512_loadu_si512(metrics), hi = _mm512_loadu_si512(metrics + 32);
-    for (size_t t = 0; t < n; t++) {
-        const __m512i tbl = _mm512_set1_epi64(static_cast<long long>(branch_metrics(pairs + 2 * t)));
-        // The odd state's branch carries the even one's code bits inverted.
-        const __m512i be = _mm512_permutexvar_epi16(idx_e, tbl);
-        const __m512i ae = _mm512_add_epi16(lo, be), ce = _mm512_sub_epi16(hi, be);
-        const __m512i ao = _mm512_sub_epi16(lo, be), co = _mm512_add_epi16(hi, be);
-        const __m512i ne = _mm512_max_epi16(ae, ce), no = _mm512_max_epi16(ao, co);
-        const uint64_t ke = _cvtmask32_u32(_mm512_cmpgt_epi16_mask(ce, ae));
-        const uint64_t ko = _cvtmask32_u32(_mm512_cmpgt_epi16_mask(co, ao));
-        decisions[t] = _pdep_u64(ke, 0x5555555555555555u) | _pdep_u64(ko, 0xAAAAAAAAAAAAAAAAu);
-        lo = _mm512_permutex2var_epi16(ne, idx_l, no);
-        hi = _mm512_permutex2var_epi16(ne, idx_h, no);
-        if ((t & 31) == 31) {
-            const __m512i base = _mm512_broadcastw_epi16(_mm512_castsi512_si128(lo));
-            lo = _mm512_sub_epi16(lo, base), hi = _mm512_sub_epi16(hi, base);
-        }
+    alignas(64) uint64_t tbl[32];
+    for (size_t base = 0; base < n; base += 32) {
+        const size_t m = n - base < 32 ? n - base : 32;
+        branch_tables(pairs + 2 * base, m, tbl);
+        for (size_t t = 0; t < m; t++) acs_step(a, tbl[t], lo, hi, decisions + base + t);
+        if (m == 32) renormalise(lo, hi);
     }
     _mm512_storeu_si512(metrics, lo);
     _mm512_storeu_si512(metrics + 32, hi);
+}
+
+// Two decoders step by step: each step's operations depend on the step before
+// in the same decoder only, so the processor overlaps the two.
+RX_AVX512 void viterbi_acs2_avx512(int16_t* m0, const int8_t* p0, uint64_t* d0, int16_t* m1, const int8_t* p1,
+                                   uint64_t* d1, size_t n) {
+    const Acs a = acs_tables();
+    __m512i lo0 = _mm512_loadu_si512(m0), hi0 = _mm512_loadu_si512(m0 + 32);
+    __m512i lo1 = _mm512_loadu_si512(m1), hi1 = _mm512_loadu_si512(m1 + 32);
+    alignas(64) uint64_t tbl0[32], tbl1[32];
+    for (size_t base = 0; base < n; base += 32) {
+        const size_t m = n - base < 32 ? n - base : 32;
+        branch_tables(p0 + 2 * base, m, tbl0);
+        branch_tables(p1 + 2 * base, m, tbl1);
+        for (size_t t = 0; t < m; t++) {
+            acs_step(a, tbl0[t], lo0, hi0, d0 + base + t);
+            acs_step(a, tbl1[t], lo1, hi1, d1 + base + t);
+        }
+        if (m == 32) renormalise(lo0, hi0), renormalise(lo1, hi1);
+    }
+    _mm512_storeu_si512(m0, lo0);
+    _mm512_storeu_si512(m0 + 32, hi0);
+    _mm512_storeu_si512(m1, lo1);
+    _mm512_storeu_si512(m1 + 32, hi1);
+}
+
+// 32 steps at a time: the 64 bytes reversed, so that the first step's X sign
+// lands in the mask's highest bit, X in the odd bits and Y in the even ones.
+RX_AVX512 void hard_decisions_avx512(const int8_t* pairs, size_t n, uint64_t* neg_x, uint64_t* any_x, uint64_t* neg_y,
+                                     uint64_t* any_y) {
+    const __m512i rev =
+        _mm512_set_epi64(0x0001020304050607, 0x08090A0B0C0D0E0F, 0x0001020304050607, 0x08090A0B0C0D0E0F,
+                         0x0001020304050607, 0x08090A0B0C0D0E0F, 0x0001020304050607, 0x08090A0B0C0D0E0F);
+    constexpr uint64_t odd = 0xAAAAAAAAAAAAAAAAu, even = 0x5555555555555555u;
+    for (size_t k = 0; k < n / 64; k++) {
+        uint64_t nx = 0, ax = 0, ny = 0, ay = 0;
+        for (size_t h = 0; h < 2; h++) {
+            __m512i v = _mm512_loadu_si512(pairs + 128 * k + 64 * h);
+            v = _mm512_shuffle_i64x2(_mm512_shuffle_epi8(v, rev), _mm512_shuffle_epi8(v, rev), 0x1B);
+            const uint64_t neg = _cvtmask64_u64(_mm512_movepi8_mask(v)),
+                           any = _cvtmask64_u64(_mm512_test_epi8_mask(v, v));
+            nx = nx << 32 | _pext_u64(neg, odd), ax = ax << 32 | _pext_u64(any, odd);
+            ny = ny << 32 | _pext_u64(neg, even), ay = ay << 32 | _pext_u64(any, even);
+        }
+        neg_x[k] = nx, any_x[k] = ax, neg_y[k] = ny, any_y[k] = ay;
+    }
 }
 
 // The same with 128-bit registers: m[r] holds states 8 r .. 8 r + 7; the
@@ -168,8 +253,8 @@ RX_AVX void viterbi_acs_avx(int16_t* metrics, const int8_t* pairs, size_t n, uin
             const __m128i de = _mm_cmpgt_epi16(ce, ae), dn = _mm_cmpgt_epi16(co, ao);
             next[2 * c] = _mm_unpacklo_epi16(ne, no);
             next[2 * c + 1] = _mm_unpackhi_epi16(ne, no);
-            const __m128i d = _mm_packs_epi16(_mm_unpacklo_epi16(de, dn), _mm_unpackhi_epi16(de, dn));
-            dec |= static_cast<uint64_t>(static_cast<uint32_t>(_mm_movemask_epi8(d))) << (16 * c);
+            const auto d = static_cast<uint64_t>(_mm_movemask_epi8(_mm_packs_epi16(de, dn)));
+            dec |= (d & 0xFF) << (8 * c) | (d >> 8) << (32 + 8 * c);
         }
         decisions[t] = dec;
         if ((t & 31) == 31) {
