@@ -135,6 +135,28 @@ void BM_RxViterbi(benchmark::State& state) {
     state.SetLabel("decoded bits");
 }
 
+// Two decoders at once, as the decoder runs its windows (bits of both).
+void BM_RxViterbiTwo(benchmark::State& state) {
+    rx::kernel_isa = static_cast<rx::Isa>(state.range(0));
+    if (rx::kernel_isa > rx::cpu_isa()) {
+        state.SkipWithError("not available on this processor");
+        return;
+    }
+    const size_t n = 4096;
+    std::vector<int8_t> pairs(4 * n);
+    std::mt19937 g(3);
+    for (auto& p : pairs) p = static_cast<int8_t>(static_cast<int>(g() % 255) - 127);
+    std::vector<uint64_t> d0(n), d1(n);
+    std::array<int16_t, 64> m0{}, m1{};
+    for (auto _ : state) {
+        rx::viterbi_acs2(m0.data(), pairs.data(), d0.data(), m1.data(), pairs.data() + 2 * n, d1.data(), n);
+        benchmark::DoNotOptimize(d1.data());
+    }
+    rx::kernel_isa = rx::cpu_isa();
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * 2 * n));
+    state.SetLabel("decoded bits");
+}
+
 void BM_RxReedSolomonClean(benchmark::State& state) {
     std::array<uint8_t, 204> cw{};
     for (size_t i = 0; i < 188; i++) cw[i] = static_cast<uint8_t>(i * 7);
@@ -169,5 +191,6 @@ void isa_args(benchmark::internal::Benchmark* b) {
 BENCHMARK(BM_RxDecoder8k64)->Arg(rx::ISA_AVX)->Arg(rx::ISA_AVX512)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_RxDemap64)->Apply(isa_args);
 BENCHMARK(BM_RxViterbi)->Apply(isa_args);
+BENCHMARK(BM_RxViterbiTwo)->Apply(isa_args);
 BENCHMARK(BM_RxReedSolomonClean);
 BENCHMARK(BM_RxReedSolomonEightErrors);

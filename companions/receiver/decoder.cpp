@@ -1,13 +1,14 @@
-// The decoder: soft demapping of each symbol's cells into bit planes, one
-// gather per stream that undoes the symbol interleaver, the bit interleaver and
-// the demultiplexer and puts erasures where the puncturer dropped bits, the
-// Viterbi decoder, the outer deinterleaver, the Reed-Solomon decoder and the
-// energy dispersal.
+// The decoder: the cells of each interleaver block taken in the order of the
+// symbol interleaver's input, soft demapping into bit planes, one gather per
+// stream that undoes the bit interleaver and the demultiplexer and puts
+// erasures where the puncturer dropped bits, the Viterbi decoder, the outer
+// deinterleaver, the Reed-Solomon decoder and the energy dispersal.
 #include "receiver/decoder.hpp"
 
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <complex>
 #include <deque>
 #include <vector>
 
@@ -93,9 +94,9 @@ struct Ready {
 struct Stream {
     bool lp = false;
     uint32_t rate = 0;
-    // For even and odd interleaver blocks: the soft value of each X and Y of
-    // the mother code, as an index into the bit planes (the last index holds 0).
-    std::array<std::vector<uint16_t>, 2> gather;
+    // The soft value of each X and Y of the mother code in an interleaver
+    // block, as an index into the bit planes (the last index holds 0).
+    std::vector<uint16_t> gather;
 
     std::vector<int8_t> pairs;  // the soft X and Y of the steps from step `first` on
     uint64_t first = 0;
@@ -122,7 +123,13 @@ struct Decoder {
     Transmission t;
     uint32_t N = 0, v = 0, block = 0, per_block = 1;  // cells a symbol, bits a cell, cells a block, symbols a block
     Constellation con;
-    std::vector<int8_t> planes;  // v planes of block soft values, then the 0 of the erasures
+    // The cell of each word of the symbol interleaver, in even and odd blocks.
+    std::array<std::vector<uint16_t>, 2> cell_of;
+    // A block of several symbols (in-depth interleaving): its cells and their
+    // csi times the demapper's scale; then the block's cells in word order.
+    std::vector<std::complex<float>> block_cells, word_cells;
+    std::vector<float> block_csi, word_csi;
+    std::vector<int8_t> planes;  // v planes of soft values in word order, then the 0 of the erasures
     bool running = false;
     uint32_t next_frame = 0, next_symbol = 0;
     uint64_t symbols = 0, blocks = 0;
@@ -146,31 +153,23 @@ void reset(Stream& s) {
     s.group = 0;
 }
 
-// Builds the stream's gathers: its bits of each word as the demultiplexer
+// Builds the stream's gather: its bits of each word as the demultiplexer
 // routed them (route[i] is the sub-stream of the i-th bit the stream gives to
 // a word), then the puncturing pattern with erasures.
 void build_gather(const Decoder& d, Stream& s, std::span<const uint32_t> route) {
-    const uint32_t m = d.block == 6048 ? 2 : d.t.mode;
-    const std::vector<uint16_t> h = symbol_permutation(m);
-    std::vector<uint16_t> hinv(h.size());
-    for (uint32_t q = 0; q < h.size(); q++) hinv[h[q]] = static_cast<uint16_t>(q);
     const auto erased = static_cast<uint16_t>(d.v * d.block);
-    for (uint32_t parity = 0; parity < 2; parity++) {
-        // Even blocks carry word q in cell H(q), odd blocks in cell H^-1(q).
-        const std::vector<uint16_t>& cell = parity == 0 ? h : hinv;
-        std::vector<uint16_t> sent;
-        for (uint32_t b = 0; b < d.block / bit_block; b++)
-            for (uint32_t k = 0; k < bit_block; k++)
-                for (uint32_t e : route) {
-                    const uint32_t w = b * bit_block + (k + bit_block - bit_shift[e]) % bit_block;
-                    sent.push_back(static_cast<uint16_t>(e * d.block + cell[w]));
-                }
-        std::vector<uint16_t>& g = s.gather[parity];
-        g.clear();
-        size_t next = 0;
-        for (size_t p = 0; p < sent.size() / period_out[s.rate]; p++)
-            for (uint32_t k = 0; k < period_in[s.rate]; k++) g.push_back(kept[s.rate][k] != 0 ? sent[next++] : erased);
-    }
+    std::vector<uint16_t> sent;
+    for (uint32_t b = 0; b < d.block / bit_block; b++)
+        for (uint32_t k = 0; k < bit_block; k++)
+            for (uint32_t e : route) {
+                const uint32_t w = b * bit_block + (k + bit_block - bit_shift[e]) % bit_block;
+                sent.push_back(static_cast<uint16_t>(e * d.block + w));
+            }
+    s.gather.clear();
+    size_t next = 0;
+    for (size_t p = 0; p < sent.size() / period_out[s.rate]; p++)
+        for (uint32_t k = 0; k < period_in[s.rate]; k++)
+            s.gather.push_back(kept[s.rate][k] != 0 ? sent[next++] : erased);
 }
 
 void emit(Decoder& d, Stream& s, const OutPacket& o, bool phased, uint32_t group) {
@@ -325,14 +324,15 @@ void decide(Decoder& d, Stream& s) {
     s.first = keep;
 }
 
-void decode_block(Decoder& d, Stream& s, uint32_t parity) {
-    const std::vector<uint16_t>& g = s.gather[parity];
+void decode_block(Decoder& d, Stream& s) {
+    const std::vector<uint16_t>& g = s.gather;
     const size_t at = s.pairs.size();
     s.pairs.resize(at + g.size());
     int8_t* p = s.pairs.data() + at;
     const int8_t* planes = d.planes.data();
     const uint16_t* src = g.data();
-    for (size_t i = 0; i < g.size(); i++) p[i] = planes[src[i]];
+    const size_t n = g.size();
+    for (size_t i = 0; i < n; i++) p[i] = planes[src[i]];
     while (s.first + s.pairs.size() / 2 >= s.decided + 2 * window_bits + window_trail) decide(d, s);
 }
 
@@ -379,6 +379,16 @@ DecoderPtr decoder_create(const Transmission& t) {
     d->per_block = d->block / d->N;
     d->con = constellation(d->t.M, d->t.alpha);
     d->planes.assign(d->v * d->block + 1, 0);
+    // Even blocks carry word q in cell H(q), odd blocks in cell H^-1(q).
+    d->cell_of[0] = symbol_permutation(d->block == 6048 ? 2 : d->t.mode);
+    d->cell_of[1].resize(d->block);
+    for (uint32_t q = 0; q < d->block; q++) d->cell_of[1][d->cell_of[0][q]] = static_cast<uint16_t>(q);
+    d->word_cells.resize(d->block);
+    d->word_csi.resize(d->block);
+    if (d->per_block > 1) {
+        d->block_cells.resize(d->block);
+        d->block_csi.resize(d->block);
+    }
     // The demultiplexer's routes: the sub-stream of each bit a stream gives a word.
     static constexpr std::array<std::array<uint32_t, 6>, 3> nh{{{0, 1}, {0, 2, 1, 3}, {0, 2, 4, 1, 3, 5}}};
     static constexpr std::array<uint32_t, 2> hp{0, 1};
@@ -407,14 +417,28 @@ void decoder_push(Decoder& d, const SymbolCells& c, const std::function<void(con
     d.next_symbol = c.symbol == 67 ? 0 : c.symbol + 1;
     d.next_frame = c.symbol == 67 ? (c.frame + 1) % 4 : c.frame;
 
-    const auto at = static_cast<uint32_t>(d.symbols++ % d.per_block);
+    // The symbol's csi times the demapper's scale: a block of several symbols
+    // keeps each symbol's own scale.
     const float scale = soft_scale(d, c.csi);
-    demap(d.con, reinterpret_cast<const float*>(c.cells.data()), c.csi.data(), d.N, scale, d.planes.data() + at * d.N,
-          d.block);
+    const auto at = static_cast<uint32_t>(d.symbols++ % d.per_block);
+    const std::complex<float>* cells = c.cells.data();
+    const float* csi = c.csi.data();
+    float csi_scale = scale;
+    if (d.per_block > 1) {
+        std::copy(c.cells.begin(), c.cells.end(), d.block_cells.begin() + at * d.N);
+        for (uint32_t i = 0; i < d.N; i++) d.block_csi[at * d.N + i] = c.csi[i] * scale;
+        cells = d.block_cells.data(), csi = d.block_csi.data(), csi_scale = 1.0f;
+    }
     if (at + 1 == d.per_block) {
-        const auto parity = static_cast<uint32_t>(d.blocks++ & 1);
-        decode_block(d, d.hp, parity);
-        if (d.t.alpha != 0) decode_block(d, d.lp, parity);
+        // The cells in the order of the words: each stream's gather then
+        // reads its bits from within blocks of 126 words.
+        const uint16_t* cell = d.cell_of[d.blocks++ & 1].data();
+        std::complex<float>* wc = d.word_cells.data();
+        float* ws = d.word_csi.data();
+        for (uint32_t q = 0; q < d.block; q++) wc[q] = cells[cell[q]], ws[q] = csi[cell[q]];
+        demap(d.con, reinterpret_cast<const float*>(wc), ws, d.block, csi_scale, d.planes.data(), d.block);
+        decode_block(d, d.hp);
+        if (d.t.alpha != 0) decode_block(d, d.lp);
     }
     for (Stream* s : {&d.hp, &d.lp}) {
         for (const Ready& r : s->ready) {
