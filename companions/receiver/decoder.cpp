@@ -352,12 +352,17 @@ void restart(Decoder& d) {
 // of the noise level and leaves the weights of the cells of a symbol, and of
 // neighbouring symbols, as the csi gives them.
 float soft_scale(Decoder& d, std::span<const float> csi) {
-    double sum = 0.0;
+    // Four partial sums, so that the additions overlap.
+    std::array<double, 4> sum{};
     size_t n = 0;
-    for (float c : csi)
-        if (c > 0.0f && c <= 3.0e38f) sum += c, n++;
+    for (size_t i = 0; i < csi.size(); i++) {
+        const float c = csi[i];
+        const bool usable = c > 0.0f && c <= 3.0e38f;
+        sum[i % 4] += usable ? c : 0.0f;
+        n += usable;
+    }
     if (n > 0) {
-        const auto mean = static_cast<float>(sum / static_cast<double>(csi.size()));
+        const auto mean = static_cast<float>((sum[0] + sum[1] + sum[2] + sum[3]) / static_cast<double>(csi.size()));
         d.mean_csi = d.mean_csi > 0.0f ? 0.875f * d.mean_csi + 0.125f * mean : mean;
     }
     if (!(d.mean_csi > 0.0f)) return 0.0f;
