@@ -244,6 +244,45 @@ TEST(ReceiverDecoder, SurvivesAnyInputAndRestartsAtTheNextSuperframe) {
         EXPECT_EQ(got[i], tu::Bytes(sent[0].begin() + 188 * (i - start), sent[0].begin() + 188 * (i - start + 1)));
 }
 
+// The count against the stream sent: each packet placed by its content (the
+// one after the last placed first, among packets that repeat), a failed one
+// after the last placed, and its codeword compared with the one sent from
+// there, dispersed at its place in its group.
+TEST(ReceiverReference, PlacesPacketsAndCountsTheirBitErrors) {
+    tu::Bytes ts = tu::make_ts(40, 9);
+    for (size_t i : {12u, 21u, 30u})
+        std::copy_n(ts.begin() + 188 * 3, 188, ts.begin() + 188 * i);  // repeats of packet 3
+    rx::ReferencePtr ref = rx::reference_create(ts);
+    auto sent = [&](size_t i) {
+        std::array<uint8_t, 204> c{};
+        std::copy_n(ts.begin() + 188 * i, 188, c.begin());
+        rx::disperse(std::span<uint8_t, 188>(c.data(), 188), i % 8);
+        rx::rs_encode(std::span<const uint8_t, 188>(c.data(), 188), std::span<uint8_t, 16>(c.data() + 188, 16));
+        return c;
+    };
+    auto compare = [&](size_t i, bool ok, int flips) {
+        std::array<uint8_t, 204> coded = sent(i);
+        for (int k = 0; k < flips; k++) coded[(37 * k + 5) % 204] ^= static_cast<uint8_t>(1u << (k % 8));
+        tu::Bytes out(ts.begin() + 188 * i, ts.begin() + 188 * (i + 1));
+        if (!ok) out[100] ^= 0xFF;
+        rx::Packet p;
+        p.coded = coded, p.ts = out, p.ok = ok;
+        return rx::reference_compare(*ref, p);
+    };
+    EXPECT_EQ(compare(7, false, 0), -1);  // failed, nothing placed yet
+    EXPECT_EQ(compare(9, true, 3), 3);
+    EXPECT_EQ(compare(10, false, 20), 20);  // failed: after 9
+    EXPECT_EQ(compare(11, true, 0), 0);
+    EXPECT_EQ(compare(12, true, 1), 1);  // packet 3's content: 12 comes next
+    EXPECT_EQ(compare(21, true, 2), 2);  // the same content where 13 was due: the first one after, 21
+    EXPECT_EQ(compare(22, true, 5), 5);  // which is so: 22 follows
+    const rx::ReferenceCounts& c = rx::reference_counts(*ref);
+    EXPECT_EQ(c.packets, 6u);
+    EXPECT_EQ(c.unplaced, 1u);
+    EXPECT_EQ(c.bits, 6u * 1632);
+    EXPECT_EQ(c.errors, 31u);
+}
+
 }  // namespace
 
 namespace {
