@@ -57,7 +57,9 @@ inline float maxf(float a, float b) { return a > b ? a : b; }
 inline int8_t quantise(float v) {
     v = v == v ? v : 0.0f;
     v = maxf(minf(v, 127.0f), -127.0f);
-    long r = std::lrint(v);
+    // Adding and taking away 1.5 x 2^23 rounds to the nearest integer, ties
+    // to even, as the processor's conversion does.
+    int r = static_cast<int>((v + 12582912.0f) - 12582912.0f);
     if (r == 0) r = v > 0.0f ? 1 : v < 0.0f ? -1 : 0;
     return static_cast<int8_t>(r);
 }
