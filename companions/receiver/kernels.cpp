@@ -112,6 +112,7 @@ void demap(const Constellation& c, const float* cells, const float* csi, size_t 
            size_t stride) {
 #if RX_X86
     if (kernel_isa >= ISA_AVX512) return detail::demap_avx512(c, cells, csi, n, scale, planes, stride);
+    if (kernel_isa >= ISA_AVX) return detail::demap_avx(c, cells, csi, n, scale, planes, stride);
 #endif
     demap_plain(c, cells, csi, n, scale, planes, stride);
 }

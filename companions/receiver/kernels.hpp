@@ -99,6 +99,8 @@ void hard_decisions_avx512(const int8_t* pairs, size_t n, uint64_t* neg_x, uint6
                            uint64_t* any_y);
 void demap_avx512(const Constellation& c, const float* cells, const float* csi, size_t n, float scale, int8_t* planes,
                   size_t stride);
+void demap_avx(const Constellation& c, const float* cells, const float* csi, size_t n, float scale, int8_t* planes,
+               size_t stride);
 void viterbi_acs_avx512(int16_t* metrics, const int8_t* pairs, size_t n, uint64_t* decisions);
 void viterbi_acs2_avx512(int16_t* m0, const int8_t* p0, uint64_t* d0, int16_t* m1, const int8_t* p1, uint64_t* d1,
                          size_t n);

@@ -96,6 +96,79 @@ RX_AVX512 void demap_avx512(const Constellation& c, const float* cells, const fl
 
 namespace {
 
+// The same with 256-bit floats (AVX), 8 cells at a time.
+RX_AVX inline __m256 sq8(__m256 v) { return _mm256_mul_ps(v, v); }
+RX_AVX inline __m256 dist8(__m256 ax, float m) { return sq8(_mm256_sub_ps(ax, _mm256_set1_ps(m))); }
+RX_AVX inline __m256 min8(__m256 a, __m256 b) { return _mm256_min_ps(a, b); }
+
+RX_AVX inline void quantise8(__m256 v, int8_t* out) {
+    const __m256 zero = _mm256_setzero_ps();
+    v = _mm256_and_ps(v, _mm256_cmp_ps(v, v, _CMP_ORD_Q));
+    v = _mm256_max_ps(_mm256_min_ps(v, _mm256_set1_ps(127.0f)), _mm256_set1_ps(-127.0f));
+    __m256 r = _mm256_round_ps(v, _MM_FROUND_TO_NEAREST_INT | _MM_FROUND_NO_EXC);
+    const __m256 none = _mm256_cmp_ps(r, zero, _CMP_EQ_OQ);
+    r = _mm256_blendv_ps(r, _mm256_set1_ps(1.0f), _mm256_and_ps(none, _mm256_cmp_ps(v, zero, _CMP_GT_OQ)));
+    r = _mm256_blendv_ps(r, _mm256_set1_ps(-1.0f), _mm256_and_ps(none, _mm256_cmp_ps(v, zero, _CMP_LT_OQ)));
+    const __m256i i = _mm256_cvttps_epi32(r);
+    const __m128i w = _mm_packs_epi32(_mm256_castsi256_si128(i), _mm256_extractf128_si256(i, 1));
+    _mm_storel_epi64(reinterpret_cast<__m128i*>(out), _mm_packs_epi16(w, w));
+}
+
+RX_AVX inline void signed_soft8(__m256 x, __m256 ds, __m256 w, int8_t* out) {
+    const __m256 zero = _mm256_setzero_ps();
+    const __m256 neg = _mm256_cmp_ps(x, zero, _CMP_LT_OQ);
+    quantise8(_mm256_mul_ps(_mm256_blendv_ps(ds, _mm256_sub_ps(zero, ds), neg), w), out);
+}
+
+template <uint32_t L>
+RX_AVX inline void axis8(const float* m, __m256 x, __m256 w, int8_t* s, size_t stride) {
+    const __m256 ax = _mm256_and_ps(x, _mm256_castsi256_ps(_mm256_set1_epi32(0x7FFFFFFF)));
+    if constexpr (L == 1) {
+        const __m256 d0 = dist8(ax, m[0]);
+        signed_soft8(x, _mm256_sub_ps(sq8(_mm256_add_ps(ax, _mm256_set1_ps(m[0]))), d0), w, s);
+    } else if constexpr (L == 2) {
+        const __m256 d0 = dist8(ax, m[0]), d1 = dist8(ax, m[1]);
+        signed_soft8(x, _mm256_sub_ps(sq8(_mm256_add_ps(ax, _mm256_set1_ps(m[1]))), min8(d0, d1)), w, s);
+        quantise8(_mm256_mul_ps(_mm256_sub_ps(d1, d0), w), s + 2 * stride);
+    } else {
+        const __m256 d0 = dist8(ax, m[0]), d1 = dist8(ax, m[1]), d2 = dist8(ax, m[2]), d3 = dist8(ax, m[3]);
+        const __m256 near = min8(min8(d0, d1), min8(d2, d3));
+        signed_soft8(x, _mm256_sub_ps(sq8(_mm256_add_ps(ax, _mm256_set1_ps(m[2]))), near), w, s);
+        quantise8(_mm256_mul_ps(_mm256_sub_ps(min8(d2, d3), min8(d0, d1)), w), s + 2 * stride);
+        quantise8(_mm256_mul_ps(_mm256_sub_ps(min8(d1, d3), min8(d0, d2)), w), s + 4 * stride);
+    }
+}
+
+template <uint32_t L>
+RX_AVX size_t demap_cells8(const Constellation& c, const float* cells, const float* csi, size_t n, float scale,
+                           int8_t* planes, size_t stride) {
+    size_t i = 0;
+    for (; i + 8 <= n; i += 8) {
+        const __m256 a = _mm256_loadu_ps(cells + 2 * i), b = _mm256_loadu_ps(cells + 2 * i + 8);
+        const __m256 lo = _mm256_permute2f128_ps(a, b, 0x20), hi = _mm256_permute2f128_ps(a, b, 0x31);
+        const __m256 re = _mm256_shuffle_ps(lo, hi, 0x88), im = _mm256_shuffle_ps(lo, hi, 0xDD);
+        const __m256 cs = _mm256_loadu_ps(csi + i);
+        const __m256 w =
+            _mm256_and_ps(_mm256_mul_ps(cs, _mm256_set1_ps(scale)), _mm256_cmp_ps(cs, _mm256_setzero_ps(), _CMP_GT_OQ));
+        axis8<L>(c.level.data(), re, w, planes + i, stride);
+        axis8<L>(c.level.data(), im, w, planes + stride + i, stride);
+    }
+    return i;
+}
+
+}  // namespace
+
+RX_AVX void demap_avx(const Constellation& c, const float* cells, const float* csi, size_t n, float scale,
+                      int8_t* planes, size_t stride) {
+    size_t done = 0;
+    if (c.bits == 2) done = demap_cells8<1>(c, cells, csi, n, scale, planes, stride);
+    if (c.bits == 4) done = demap_cells8<2>(c, cells, csi, n, scale, planes, stride);
+    if (c.bits == 6) done = demap_cells8<4>(c, cells, csi, n, scale, planes, stride);
+    demap_plain(c, cells + 2 * done, csi + done, n - done, scale, planes + done, stride);
+}
+
+namespace {
+
 // The four branch metrics of a step (code bits 00, 01, 10, 11) as 16-bit
 // values packed into one 64-bit word.
 inline uint64_t branch_metrics(const int8_t* p) {
