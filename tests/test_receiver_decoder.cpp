@@ -101,7 +101,7 @@ void expect_sent(const Config& c, const Cells& cells, const Received& got, const
         const double carried = static_cast<double>(symbols) * static_cast<double>(dvbt_N[c.t.mode]) * bits *
                                dvbt_punrate[rate] / (204.0 * 8.0);
         const auto& ts = got.ts[s];
-        EXPECT_GE(ts.size() + 7.0, carried) << "stream " << s;
+        EXPECT_GE(ts.size() + 13.0, carried) << "stream " << s;
         ASSERT_GT(ts.size(), 16u) << "stream " << s;
         size_t exact = 0;
         for (size_t i = 11; i < ts.size() && i - 11 < c.packets; i++) {
@@ -328,19 +328,27 @@ TEST(ReceiverKernels, EveryViterbiFormDecidesAsThePlainOne) {
             rx::viterbi_acs(m.data(), pairs.data() + 2 * at, n, got.data() + at);
         EXPECT_EQ(got, want) << "isa " << isa;
     }
-    // Two decoders at once decide as each alone.
-    for (rx::Isa isa : rx_isas()) {
-        RxIsaScope scope(isa);
-        std::array<int16_t, 64> m0{}, m1{};
-        std::vector<uint64_t> d0(2500), d1(2500);
-        rx::viterbi_acs2(m0.data(), pairs.data(), d0.data(), m1.data(), pairs.data() + 5000, d1.data(), 2500);
-        std::array<int16_t, 64> w1{};
-        std::vector<uint64_t> want1(2500);
-        rx::viterbi_acs_plain(w1.data(), pairs.data() + 5000, 2500, want1.data());
-        EXPECT_TRUE(std::equal(d0.begin(), d0.end(), want.begin())) << "isa " << isa;
-        EXPECT_EQ(d1, want1) << "isa " << isa;
-        EXPECT_EQ(m1, w1) << "isa " << isa;
-    }
+    // Up to four decoders at once decide as each alone.
+    for (rx::Isa isa : rx_isas())
+        for (size_t count = 1; count <= rx::viterbi_many; count++) {
+            RxIsaScope scope(isa);
+            std::array<std::array<int16_t, 64>, 4> m{};
+            std::array<std::vector<uint64_t>, 4> d;
+            rx::ViterbiSet v;
+            v.count = count;
+            for (size_t k = 0; k < count; k++) {
+                d[k].resize(1200);
+                v.metrics[k] = m[k].data(), v.pairs[k] = pairs.data() + 2400 * k, v.decisions[k] = d[k].data();
+            }
+            rx::viterbi_acs_set(v, 1200);
+            for (size_t k = 0; k < count; k++) {
+                std::array<int16_t, 64> wm{};
+                std::vector<uint64_t> wd(1200);
+                rx::viterbi_acs_plain(wm.data(), pairs.data() + 2400 * k, 1200, wd.data());
+                EXPECT_EQ(d[k], wd) << "isa " << isa << " count " << count << " decoder " << k;
+                EXPECT_EQ(m[k], wm) << "isa " << isa << " count " << count << " decoder " << k;
+            }
+        }
     // Calls restart the every-32nd-step renormalisation, so only the decisions
     // and the metrics' differences are comparable after random call lengths.
     for (rx::Isa isa : rx_isas()) {

@@ -24,10 +24,11 @@ namespace {
 // window_bits steps, after a start of window_lead steps (from all states
 // equally likely, which the path forgets long before the window's bits) and
 // followed by window_trail steps that its traceback starts from (from the
-// best state at the end). Two neighbouring windows run at once, their
-// add-compare-selects and tracebacks interleaved, two chains of dependent
-// operations instead of one.
-constexpr size_t window_bits = 4096, window_lead = 192, window_trail = 192;
+// best state at the end). Neighbouring windows run at once, their
+// add-compare-selects and tracebacks interleaved, several chains of dependent
+// operations instead of one. The stream's first window has a lead of
+// erasures.
+constexpr size_t window_bits = 4096, window_lead = 192, window_trail = 192, windows = viterbi_many;
 constexpr size_t window_span = window_lead + window_bits + window_trail;
 
 // The soft values of a uniform constellation's nearest neighbours, at the mean
@@ -100,10 +101,9 @@ struct Stream {
 
     std::vector<int8_t> pairs;  // the soft X and Y of the steps from step `first` on
     uint64_t first = 0;
-    uint64_t decided = 0;  // steps decided since the restart
-    alignas(64) std::array<std::array<int16_t, 64>, 2> metrics{};
-    std::array<std::vector<uint64_t>, 2> decisions{std::vector<uint64_t>(window_span),
-                                                   std::vector<uint64_t>(window_span)};
+    uint64_t decided = 0;  // steps decided since the restart, and the lead of erasures before them
+    alignas(64) std::array<std::array<int16_t, 64>, windows> metrics{};
+    std::array<std::vector<uint64_t>, windows> decisions;
 
     std::array<std::vector<uint8_t>, 12> fifo;  // the outer deinterleaver: branch j delays 17 (11 - j) bytes
     std::array<uint32_t, 12> fifo_pos{};
@@ -143,8 +143,10 @@ void DecoderDeleter::operator()(Decoder* d) const { delete d; }
 namespace {
 
 void reset(Stream& s) {
-    s.pairs.clear();
-    s.first = s.decided = 0;
+    s.pairs.assign(2 * window_lead, 0);
+    s.first = 0;
+    s.decided = window_lead;
+    for (auto& d : s.decisions) d.resize(window_span);
     for (uint32_t j = 0; j < 12; j++) s.fifo[j].assign(17 * (11 - j), 0);
     s.fifo_pos.fill(0);
     s.branch = 0;
@@ -264,60 +266,61 @@ void count_before(Decoder& d, const uint64_t* words, uint64_t prev, const int8_t
     d.counts.errors_before_viterbi += errors;
 }
 
-// The traceback of the two windows, in step: from the best state at each
+// The traceback of the windows, in step: from the best state at each
 // window's end back through its trail, then through its bits, which go out
-// packed into bytes, the first window's first. bits_at[w] is the window's
-// first bit in its decisions and soft values.
-void traceback(Decoder& d, Stream& s, const std::array<size_t, 2>& bits_at, const std::array<const int8_t*, 2>& pairs) {
+// packed into bytes, the first window's first. Window w's decisions and soft
+// values start at its lead.
+void traceback(Decoder& d, Stream& s, const std::array<const int8_t*, windows>& pairs) {
     static_assert(window_bits % 64 == 0);
     // r is decision_bit(state), the bit of the state's decision; the state is
     // r rotated left, and the previous step's r comes from r and the decision.
-    std::array<uint32_t, 2> best{};
-    for (uint32_t w = 0; w < 2; w++)
+    std::array<uint32_t, windows> r{};
+    std::array<const uint64_t*, windows> dec{};
+    for (size_t w = 0; w < windows; w++) {
+        uint32_t best = 0;
         for (uint32_t k = 1; k < 64; k++)
-            if (s.metrics[w][k] > s.metrics[w][best[w]]) best[w] = k;
-    uint32_t r0 = decision_bit(best[0]), r1 = decision_bit(best[1]);
-    const uint64_t* dec0 = s.decisions[0].data() + bits_at[0];
-    const uint64_t* dec1 = s.decisions[1].data() + bits_at[1];
-    for (size_t t = window_bits + window_trail; t-- > window_bits;) {
-        r0 = (r0 & 31) >> 1 | (r0 & 1) << 5 | static_cast<uint32_t>(dec0[t] >> r0 & 1) << 4;
-        r1 = (r1 & 31) >> 1 | (r1 & 1) << 5 | static_cast<uint32_t>(dec1[t] >> r1 & 1) << 4;
+            if (s.metrics[w][k] > s.metrics[w][best]) best = k;
+        r[w] = decision_bit(best);
+        dec[w] = s.decisions[w].data() + window_lead;
     }
-    std::array<std::array<uint64_t, window_bits / 64>, 2> words;
-    uint64_t w0 = 0, w1 = 0;
+    for (size_t t = window_bits + window_trail; t-- > window_bits;) {
+#pragma GCC unroll 4
+        for (size_t w = 0; w < windows; w++)
+            r[w] = (r[w] & 31) >> 1 | (r[w] & 1) << 5 | static_cast<uint32_t>(dec[w][t] >> r[w] & 1) << 4;
+    }
+    std::array<std::array<uint64_t, window_bits / 64>, windows> words;
+    std::array<uint64_t, windows> word{};
     for (size_t t = window_bits; t-- > 0;) {
-        w0 = w0 >> 1 | static_cast<uint64_t>(r0 >> 5) << 63;
-        w1 = w1 >> 1 | static_cast<uint64_t>(r1 >> 5) << 63;
-        r0 = (r0 & 31) >> 1 | (r0 & 1) << 5 | static_cast<uint32_t>(dec0[t] >> r0 & 1) << 4;
-        r1 = (r1 & 31) >> 1 | (r1 & 1) << 5 | static_cast<uint32_t>(dec1[t] >> r1 & 1) << 4;
-        if ((t & 63) == 0) words[0][t / 64] = w0, words[1][t / 64] = w1;
+#pragma GCC unroll 4
+        for (size_t w = 0; w < windows; w++) {
+            word[w] = word[w] >> 1 | static_cast<uint64_t>(r[w] >> 5) << 63;
+            r[w] = (r[w] & 31) >> 1 | (r[w] & 1) << 5 | static_cast<uint32_t>(dec[w][t] >> r[w] & 1) << 4;
+        }
+        if ((t & 63) == 0)
+            for (size_t w = 0; w < windows; w++) words[w][t / 64] = word[w];
     }
     // Now r is the state before each window: its last 6 bits.
-    count_before(d, words[0].data(), (r0 << 1 | r0 >> 5) & 63, pairs[0] + 2 * bits_at[0], s.decided == 0);
-    count_before(d, words[1].data(), (r1 << 1 | r1 >> 5) & 63, pairs[1] + 2 * bits_at[1], false);
+    for (size_t w = 0; w < windows; w++)
+        count_before(d, words[w].data(), (r[w] << 1 | r[w] >> 5) & 63, pairs[w] + 2 * window_lead,
+                     w == 0 && s.decided == window_lead);
     for (const auto& ws : words)
         for (uint64_t w : ws)
             for (uint32_t k = 0; k < 8; k++) byte_out(d, s, static_cast<uint8_t>(w >> (56 - 8 * k)));
 }
 
-// Decides the next two windows' bits.
+// Decides the next windows' bits.
 void decide(Decoder& d, Stream& s) {
-    std::array<size_t, 2> bits_at{}, len{};
-    std::array<const int8_t*, 2> p{};
-    for (uint32_t w = 0; w < 2; w++) {
-        const uint64_t start = s.decided + w * window_bits;
-        const uint64_t lead = start >= window_lead ? window_lead : start;
-        bits_at[w] = lead, len[w] = lead + window_bits + window_trail;
-        p[w] = s.pairs.data() + 2 * (start - lead - s.first);
+    ViterbiSet v;
+    std::array<const int8_t*, windows> p{};
+    for (size_t w = 0; w < windows; w++) {
+        p[w] = s.pairs.data() + 2 * (s.decided + w * window_bits - window_lead - s.first);
         s.metrics[w].fill(0);
+        v.metrics[w] = s.metrics[w].data(), v.pairs[w] = p[w], v.decisions[w] = s.decisions[w].data();
     }
-    // The second window is never the shorter: its extra lead runs alone first.
-    const size_t extra = len[1] - len[0];
-    viterbi_acs(s.metrics[1].data(), p[1], extra, s.decisions[1].data());
-    viterbi_acs2(s.metrics[0].data(), p[0], s.decisions[0].data(), s.metrics[1].data(), p[1] + 2 * extra,
-                 s.decisions[1].data() + extra, len[0]);
-    traceback(d, s, bits_at, p);
-    s.decided += 2 * window_bits;
+    v.count = windows;
+    viterbi_acs_set(v, window_span);
+    traceback(d, s, p);
+    s.decided += windows * window_bits;
     // Keep what the next windows need: from the next lead on.
     const uint64_t keep = s.decided - window_lead;
     s.pairs.erase(s.pairs.begin(), s.pairs.begin() + static_cast<ptrdiff_t>(2 * (keep - s.first)));
@@ -333,7 +336,7 @@ void decode_block(Decoder& d, Stream& s) {
     const uint16_t* src = g.data();
     const size_t n = g.size();
     for (size_t i = 0; i < n; i++) p[i] = planes[src[i]];
-    while (s.first + s.pairs.size() / 2 >= s.decided + 2 * window_bits + window_trail) decide(d, s);
+    while (s.first + s.pairs.size() / 2 >= s.decided + windows * window_bits + window_trail) decide(d, s);
 }
 
 void restart(Decoder& d) {

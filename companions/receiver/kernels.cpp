@@ -147,12 +147,12 @@ void viterbi_acs(int16_t* metrics, const int8_t* pairs, size_t n, uint64_t* deci
     viterbi_acs_plain(metrics, pairs, n, decisions);
 }
 
-void viterbi_acs2(int16_t* m0, const int8_t* p0, uint64_t* d0, int16_t* m1, const int8_t* p1, uint64_t* d1, size_t n) {
+void viterbi_acs_set(const ViterbiSet& v, size_t n) {
+    if (v.count == 0 || v.count > viterbi_many) return;
 #if RX_X86
-    if (kernel_isa >= ISA_AVX512) return detail::viterbi_acs2_avx512(m0, p0, d0, m1, p1, d1, n);
+    if (kernel_isa >= ISA_AVX512) return detail::viterbi_acs_set_avx512(v, n);
 #endif
-    viterbi_acs(m0, p0, n, d0);
-    viterbi_acs(m1, p1, n, d1);
+    for (size_t k = 0; k < v.count; k++) viterbi_acs(v.metrics[k], v.pairs[k], n, v.decisions[k]);
 }
 
 void hard_decisions_plain(const int8_t* pairs, size_t n, uint64_t* neg_x, uint64_t* any_x, uint64_t* neg_y,

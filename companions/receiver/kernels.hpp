@@ -83,8 +83,17 @@ constexpr uint32_t decision_bit(uint32_t s) { return (s & 1) << 5 | s >> 1; }
 void viterbi_acs(int16_t* metrics, const int8_t* pairs, size_t n, uint64_t* decisions);
 void viterbi_acs_plain(int16_t* metrics, const int8_t* pairs, size_t n, uint64_t* decisions);
 
-// The same for two independent decoders at once, n steps each.
-void viterbi_acs2(int16_t* m0, const int8_t* p0, uint64_t* d0, int16_t* m1, const int8_t* p1, uint64_t* d1, size_t n);
+// The same for up to four independent decoders at once (viterbi_many), n
+// steps each: metrics[k], pairs[k] and decisions[k] are decoder k's (a count
+// of 0 or more than four does nothing).
+inline constexpr size_t viterbi_many = 4;
+struct ViterbiSet {
+    std::array<int16_t*, viterbi_many> metrics{};
+    std::array<const int8_t*, viterbi_many> pairs{};
+    std::array<uint64_t*, viterbi_many> decisions{};
+    size_t count = 0;
+};
+void viterbi_acs_set(const ViterbiSet& v, size_t n);
 
 // The hard decisions of n steps (a multiple of 64) of soft X and Y values, 64
 // steps a word, the first step in the word's highest bit: neg_x[k] has the bit
@@ -102,8 +111,7 @@ void demap_avx512(const Constellation& c, const float* cells, const float* csi, 
 void demap_avx(const Constellation& c, const float* cells, const float* csi, size_t n, float scale, int8_t* planes,
                size_t stride);
 void viterbi_acs_avx512(int16_t* metrics, const int8_t* pairs, size_t n, uint64_t* decisions);
-void viterbi_acs2_avx512(int16_t* m0, const int8_t* p0, uint64_t* d0, int16_t* m1, const int8_t* p1, uint64_t* d1,
-                         size_t n);
+void viterbi_acs_set_avx512(const ViterbiSet& v, size_t n);
 void viterbi_acs_avx(int16_t* metrics, const int8_t* pairs, size_t n, uint64_t* decisions);
 }  // namespace detail
 

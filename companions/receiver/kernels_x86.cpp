@@ -251,28 +251,37 @@ RX_AVX512 void viterbi_acs_avx512(int16_t* metrics, const int8_t* pairs, size_t 
     _mm512_storeu_si512(metrics + 32, hi);
 }
 
-// Two decoders step by step: each step's operations depend on the step before
-// in the same decoder only, so the processor overlaps the two.
-RX_AVX512 void viterbi_acs2_avx512(int16_t* m0, const int8_t* p0, uint64_t* d0, int16_t* m1, const int8_t* p1,
-                                   uint64_t* d1, size_t n) {
+// K decoders step by step: each step's operations depend on the step before
+// in the same decoder only, so the processor overlaps the K chains.
+template <size_t K>
+RX_AVX512 void acs_set(const ViterbiSet& v, size_t n) {
     const Acs a = acs_tables();
-    __m512i lo0 = _mm512_loadu_si512(m0), hi0 = _mm512_loadu_si512(m0 + 32);
-    __m512i lo1 = _mm512_loadu_si512(m1), hi1 = _mm512_loadu_si512(m1 + 32);
-    alignas(64) uint64_t tbl0[32], tbl1[32];
+    __m512i lo[K], hi[K];
+    alignas(64) uint64_t tbl[K][32];
+    for (size_t k = 0; k < K; k++)
+        lo[k] = _mm512_loadu_si512(v.metrics[k]), hi[k] = _mm512_loadu_si512(v.metrics[k] + 32);
     for (size_t base = 0; base < n; base += 32) {
         const size_t m = n - base < 32 ? n - base : 32;
-        branch_tables(p0 + 2 * base, m, tbl0);
-        branch_tables(p1 + 2 * base, m, tbl1);
+        for (size_t k = 0; k < K; k++) branch_tables(v.pairs[k] + 2 * base, m, tbl[k]);
         for (size_t t = 0; t < m; t++) {
-            acs_step(a, tbl0[t], lo0, hi0, d0 + base + t);
-            acs_step(a, tbl1[t], lo1, hi1, d1 + base + t);
+#pragma GCC unroll 4
+            for (size_t k = 0; k < K; k++) acs_step(a, tbl[k][t], lo[k], hi[k], v.decisions[k] + base + t);
         }
-        if (m == 32) renormalise(lo0, hi0), renormalise(lo1, hi1);
+        if (m == 32)
+            for (size_t k = 0; k < K; k++) renormalise(lo[k], hi[k]);
     }
-    _mm512_storeu_si512(m0, lo0);
-    _mm512_storeu_si512(m0 + 32, hi0);
-    _mm512_storeu_si512(m1, lo1);
-    _mm512_storeu_si512(m1 + 32, hi1);
+    for (size_t k = 0; k < K; k++)
+        _mm512_storeu_si512(v.metrics[k], lo[k]), _mm512_storeu_si512(v.metrics[k] + 32, hi[k]);
+}
+
+RX_AVX512 void viterbi_acs_set_avx512(const ViterbiSet& v, size_t n) {
+    switch (v.count) {
+    case 1: return acs_set<1>(v, n);
+    case 2: return acs_set<2>(v, n);
+    case 3: return acs_set<3>(v, n);
+    case 4: return acs_set<4>(v, n);
+    default: return;
+    }
 }
 
 // 32 steps at a time: the 64 bytes reversed, so that the first step's X sign
