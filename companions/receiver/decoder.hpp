@@ -77,9 +77,9 @@ DecoderPtr decoder_create(const Transmission& t);
 // all begin); a symbol that does not follow the previous one restarts it there.
 // Every packet completed is handed to the sink, in order (HP before LP).
 // A symbol whose spans do not hold N cells and N reliabilities, or whose
-// numbers are out of range, does not follow. Packets come out about 8400 bits
-// of each stream after their last bit was received (the Viterbi decoder
-// decides two windows of 4096 bits at a time), and after the first packet of
+// numbers are out of range, does not follow. Packets come out up to about
+// 16600 bits of each stream after their last bit was received (the Viterbi
+// decoder decides four windows of 4096 bits at a time), and after the first packet of
 // an 8-packet group was decoded (its inverted sync byte gives the group's
 // phase; up to 64 packets wait for it, and those still waiting at a restart
 // go out as failed).
