@@ -1,12 +1,14 @@
-// The decoder: soft demapping of each symbol's cells into bit planes, one
-// gather per stream that undoes the symbol interleaver, the bit interleaver and
-// the demultiplexer and puts erasures where the puncturer dropped bits, the
-// Viterbi decoder, the outer deinterleaver, the Reed-Solomon decoder and the
-// energy dispersal.
+// The decoder: the cells of each interleaver block taken in the order of the
+// symbol interleaver's input, soft demapping into bit planes, one gather per
+// stream that undoes the bit interleaver and the demultiplexer and puts
+// erasures where the puncturer dropped bits, the Viterbi decoder, the outer
+// deinterleaver, the Reed-Solomon decoder and the energy dispersal.
 #include "receiver/decoder.hpp"
 
 #include <algorithm>
 #include <array>
+#include <bit>
+#include <complex>
 #include <deque>
 #include <vector>
 
@@ -18,11 +20,16 @@ namespace rx {
 
 namespace {
 
-// Steps of the Viterbi decoder's traceback before a bit is decided, and the
-// steps decided at a time.
-constexpr size_t traceback_depth = 192;
-constexpr size_t traceback_chunk = 4096;
-constexpr size_t viterbi_span = traceback_depth + traceback_chunk;
+// The Viterbi decoder works on windows of the coded stream: each decides
+// window_bits steps, after a start of window_lead steps (from all states
+// equally likely, which the path forgets long before the window's bits) and
+// followed by window_trail steps that its traceback starts from (from the
+// best state at the end). Neighbouring windows run at once, their
+// add-compare-selects and tracebacks interleaved, several chains of dependent
+// operations instead of one. The stream's first window has a lead of
+// erasures.
+constexpr size_t window_bits = 4096, window_lead = 192, window_trail = 192, windows = viterbi_many;
+constexpr size_t window_span = window_lead + window_bits + window_trail;
 
 // The soft values of a uniform constellation's nearest neighbours, at the mean
 // csi, before saturation: the Viterbi decoder's metrics are invariant to a
@@ -88,18 +95,15 @@ struct Ready {
 struct Stream {
     bool lp = false;
     uint32_t rate = 0;
-    // For even and odd interleaver blocks: the soft value of each X and Y of
-    // the mother code, as an index into the bit planes (the last index holds 0).
-    std::array<std::vector<uint16_t>, 2> gather;
+    // The soft value of each X and Y of the mother code in an interleaver
+    // block, as an index into the bit planes (the last index holds 0).
+    std::vector<uint16_t> gather;
 
-    alignas(64) std::array<int16_t, 64> metrics{};
-    std::vector<int8_t> pairs = std::vector<int8_t>(2 * viterbi_span);
-    std::vector<uint64_t> decisions = std::vector<uint64_t>(viterbi_span);
-    std::vector<uint8_t> bits = std::vector<uint8_t>(viterbi_span);
-    size_t pending = 0;
-
-    uint32_t encoder = 0, encoder_steps = 0;  // the decoded bits re-encoded
-    uint32_t byte = 0, byte_bits = 0;
+    std::vector<int8_t> pairs;  // the soft X and Y of the steps from step `first` on
+    uint64_t first = 0;
+    uint64_t decided = 0;  // steps decided since the restart, and the lead of erasures before them
+    alignas(64) std::array<std::array<int16_t, 64>, windows> metrics{};
+    std::array<std::vector<uint64_t>, windows> decisions;
 
     std::array<std::vector<uint8_t>, 12> fifo;  // the outer deinterleaver: branch j delays 17 (11 - j) bytes
     std::array<uint32_t, 12> fifo_pos{};
@@ -119,7 +123,13 @@ struct Decoder {
     Transmission t;
     uint32_t N = 0, v = 0, block = 0, per_block = 1;  // cells a symbol, bits a cell, cells a block, symbols a block
     Constellation con;
-    std::vector<int8_t> planes;  // v planes of block soft values, then the 0 of the erasures
+    // The cell of each word of the symbol interleaver, in even and odd blocks.
+    std::array<std::vector<uint16_t>, 2> cell_of;
+    // A block of several symbols (in-depth interleaving): its cells and their
+    // csi times the demapper's scale; then the block's cells in word order.
+    std::vector<std::complex<float>> block_cells, word_cells;
+    std::vector<float> block_csi, word_csi;
+    std::vector<int8_t> planes;  // v planes of soft values in word order, then the 0 of the erasures
     bool running = false;
     uint32_t next_frame = 0, next_symbol = 0;
     uint64_t symbols = 0, blocks = 0;
@@ -133,10 +143,10 @@ void DecoderDeleter::operator()(Decoder* d) const { delete d; }
 namespace {
 
 void reset(Stream& s) {
-    s.metrics.fill(0);
-    s.pending = 0;
-    s.encoder = s.encoder_steps = 0;
-    s.byte = s.byte_bits = 0;
+    s.pairs.assign(2 * window_lead, 0);
+    s.first = 0;
+    s.decided = window_lead;
+    for (auto& d : s.decisions) d.resize(window_span);
     for (uint32_t j = 0; j < 12; j++) s.fifo[j].assign(17 * (11 - j), 0);
     s.fifo_pos.fill(0);
     s.branch = 0;
@@ -145,31 +155,23 @@ void reset(Stream& s) {
     s.group = 0;
 }
 
-// Builds the stream's gathers: its bits of each word as the demultiplexer
+// Builds the stream's gather: its bits of each word as the demultiplexer
 // routed them (route[i] is the sub-stream of the i-th bit the stream gives to
 // a word), then the puncturing pattern with erasures.
 void build_gather(const Decoder& d, Stream& s, std::span<const uint32_t> route) {
-    const uint32_t m = d.block == 6048 ? 2 : d.t.mode;
-    const std::vector<uint16_t> h = symbol_permutation(m);
-    std::vector<uint16_t> hinv(h.size());
-    for (uint32_t q = 0; q < h.size(); q++) hinv[h[q]] = static_cast<uint16_t>(q);
     const auto erased = static_cast<uint16_t>(d.v * d.block);
-    for (uint32_t parity = 0; parity < 2; parity++) {
-        // Even blocks carry word q in cell H(q), odd blocks in cell H^-1(q).
-        const std::vector<uint16_t>& cell = parity == 0 ? h : hinv;
-        std::vector<uint16_t> sent;
-        for (uint32_t b = 0; b < d.block / bit_block; b++)
-            for (uint32_t k = 0; k < bit_block; k++)
-                for (uint32_t e : route) {
-                    const uint32_t w = b * bit_block + (k + bit_block - bit_shift[e]) % bit_block;
-                    sent.push_back(static_cast<uint16_t>(e * d.block + cell[w]));
-                }
-        std::vector<uint16_t>& g = s.gather[parity];
-        g.clear();
-        size_t next = 0;
-        for (size_t p = 0; p < sent.size() / period_out[s.rate]; p++)
-            for (uint32_t k = 0; k < period_in[s.rate]; k++) g.push_back(kept[s.rate][k] != 0 ? sent[next++] : erased);
-    }
+    std::vector<uint16_t> sent;
+    for (uint32_t b = 0; b < d.block / bit_block; b++)
+        for (uint32_t k = 0; k < bit_block; k++)
+            for (uint32_t e : route) {
+                const uint32_t w = b * bit_block + (k + bit_block - bit_shift[e]) % bit_block;
+                sent.push_back(static_cast<uint16_t>(e * d.block + w));
+            }
+    s.gather.clear();
+    size_t next = 0;
+    for (size_t p = 0; p < sent.size() / period_out[s.rate]; p++)
+        for (uint32_t k = 0; k < period_in[s.rate]; k++)
+            s.gather.push_back(kept[s.rate][k] != 0 ? sent[next++] : erased);
 }
 
 void emit(Decoder& d, Stream& s, const OutPacket& o, bool phased, uint32_t group) {
@@ -239,63 +241,102 @@ void byte_out(Decoder& d, Stream& s, uint8_t b) {
     }
 }
 
-constexpr uint32_t parity7(uint32_t v) {
-    v ^= v >> 4;
-    v ^= v >> 2;
-    v ^= v >> 1;
-    return v & 1;
-}
-
-// Decides the oldest n pending steps: traceback from the best state through
-// all pending decisions, then the bits re-encoded against the hard decisions
-// of what was received, packed into bytes and passed on.
-void decide(Decoder& d, Stream& s, size_t n) {
-    uint32_t state = 0;
-    for (uint32_t k = 1; k < 64; k++)
-        if (s.metrics[k] > s.metrics[state]) state = k;
-    for (size_t t = s.pending; t-- > 0;) {
-        s.bits[t] = static_cast<uint8_t>(state & 1);
-        state = state >> 1 | static_cast<uint32_t>(s.decisions[t] >> state & 1) << 5;
-    }
+// The bits of a window before the Viterbi decoder: its decided bits (words of
+// 64, the first bit highest; prev holds the 6 bits before them, the latest
+// lowest) re-encoded, 64 steps at a time, and compared with the hard
+// decisions of what was received, where anything was.
+void count_before(Decoder& d, const uint64_t* words, uint64_t prev, const int8_t* pairs, bool restart) {
+    constexpr size_t n = window_bits / 64;
+    std::array<uint64_t, n> neg_x, any_x, neg_y, any_y;
+    hard_decisions(pairs, window_bits, neg_x.data(), any_x.data(), neg_y.data(), any_y.data());
     uint64_t bits = 0, errors = 0;
-    for (size_t t = 0; t < n; t++) {
-        s.encoder = (s.encoder << 1 | s.bits[t]) & 0x7F;
-        if (s.encoder_steps >= 6) {
-            const int8_t x = s.pairs[2 * t], y = s.pairs[2 * t + 1];
-            bits += (x != 0) + (y != 0);
-            errors += (x != 0 && (x < 0) != (parity7(s.encoder & 0x4F) != 0)) +
-                      (y != 0 && (y < 0) != (parity7(s.encoder & 0x6D) != 0));
-        } else {
-            s.encoder_steps++;
-        }
-        s.byte = s.byte << 1 | s.bits[t];
-        if (++s.byte_bits == 8) {
-            byte_out(d, s, static_cast<uint8_t>(s.byte));
-            s.byte = s.byte_bits = 0;
-        }
+    for (size_t k = 0; k < n; k++) {
+        const uint64_t w = words[k];
+        auto older = [&](unsigned j) { return w >> j | prev << (64 - j); };
+        const uint64_t x = w ^ older(1) ^ older(2) ^ older(3) ^ older(6);
+        const uint64_t y = w ^ older(2) ^ older(3) ^ older(5) ^ older(6);
+        // The first 6 steps after a restart have no known register.
+        const uint64_t known = restart && k == 0 ? ~uint64_t{0} >> 6 : ~uint64_t{0};
+        bits += static_cast<uint64_t>(std::popcount(any_x[k] & known) + std::popcount(any_y[k] & known));
+        errors += static_cast<uint64_t>(std::popcount((neg_x[k] ^ x) & any_x[k] & known) +
+                                        std::popcount((neg_y[k] ^ y) & any_y[k] & known));
+        prev = w;
     }
     d.counts.bits_before_viterbi += bits;
     d.counts.errors_before_viterbi += errors;
-    std::copy(s.decisions.begin() + static_cast<ptrdiff_t>(n), s.decisions.begin() + static_cast<ptrdiff_t>(s.pending),
-              s.decisions.begin());
-    std::copy(s.pairs.begin() + static_cast<ptrdiff_t>(2 * n), s.pairs.begin() + static_cast<ptrdiff_t>(2 * s.pending),
-              s.pairs.begin());
-    s.pending -= n;
 }
 
-void decode_block(Decoder& d, Stream& s, uint32_t parity) {
-    const std::vector<uint16_t>& g = s.gather[parity];
-    const size_t steps = g.size() / 2;
-    for (size_t done = 0; done < steps;) {
-        const size_t k = std::min(steps - done, viterbi_span - s.pending);
-        int8_t* p = s.pairs.data() + 2 * s.pending;
-        const uint16_t* src = g.data() + 2 * done;
-        for (size_t i = 0; i < 2 * k; i++) p[i] = d.planes[src[i]];
-        viterbi_acs(s.metrics.data(), p, k, s.decisions.data() + s.pending);
-        s.pending += k;
-        done += k;
-        if (s.pending == viterbi_span) decide(d, s, traceback_chunk);
+// The traceback of the windows, in step: from the best state at each
+// window's end back through its trail, then through its bits, which go out
+// packed into bytes, the first window's first. Window w's decisions and soft
+// values start at its lead.
+void traceback(Decoder& d, Stream& s, const std::array<const int8_t*, windows>& pairs) {
+    static_assert(window_bits % 64 == 0);
+    // r is decision_bit(state), the bit of the state's decision; the state is
+    // r rotated left, and the previous step's r comes from r and the decision.
+    std::array<uint32_t, windows> r{};
+    std::array<const uint64_t*, windows> dec{};
+    for (size_t w = 0; w < windows; w++) {
+        uint32_t best = 0;
+        for (uint32_t k = 1; k < 64; k++)
+            if (s.metrics[w][k] > s.metrics[w][best]) best = k;
+        r[w] = decision_bit(best);
+        dec[w] = s.decisions[w].data() + window_lead;
     }
+    for (size_t t = window_bits + window_trail; t-- > window_bits;) {
+#pragma GCC unroll 4
+        for (size_t w = 0; w < windows; w++)
+            r[w] = (r[w] & 31) >> 1 | (r[w] & 1) << 5 | static_cast<uint32_t>(dec[w][t] >> r[w] & 1) << 4;
+    }
+    std::array<std::array<uint64_t, window_bits / 64>, windows> words;
+    std::array<uint64_t, windows> word{};
+    for (size_t t = window_bits; t-- > 0;) {
+#pragma GCC unroll 4
+        for (size_t w = 0; w < windows; w++) {
+            word[w] = word[w] >> 1 | static_cast<uint64_t>(r[w] >> 5) << 63;
+            r[w] = (r[w] & 31) >> 1 | (r[w] & 1) << 5 | static_cast<uint32_t>(dec[w][t] >> r[w] & 1) << 4;
+        }
+        if ((t & 63) == 0)
+            for (size_t w = 0; w < windows; w++) words[w][t / 64] = word[w];
+    }
+    // Now r is the state before each window: its last 6 bits.
+    for (size_t w = 0; w < windows; w++)
+        count_before(d, words[w].data(), (r[w] << 1 | r[w] >> 5) & 63, pairs[w] + 2 * window_lead,
+                     w == 0 && s.decided == window_lead);
+    for (const auto& ws : words)
+        for (uint64_t w : ws)
+            for (uint32_t k = 0; k < 8; k++) byte_out(d, s, static_cast<uint8_t>(w >> (56 - 8 * k)));
+}
+
+// Decides the next windows' bits.
+void decide(Decoder& d, Stream& s) {
+    ViterbiSet v;
+    std::array<const int8_t*, windows> p{};
+    for (size_t w = 0; w < windows; w++) {
+        p[w] = s.pairs.data() + 2 * (s.decided + w * window_bits - window_lead - s.first);
+        s.metrics[w].fill(0);
+        v.metrics[w] = s.metrics[w].data(), v.pairs[w] = p[w], v.decisions[w] = s.decisions[w].data();
+    }
+    v.count = windows;
+    viterbi_acs_set(v, window_span);
+    traceback(d, s, p);
+    s.decided += windows * window_bits;
+    // Keep what the next windows need: from the next lead on.
+    const uint64_t keep = s.decided - window_lead;
+    s.pairs.erase(s.pairs.begin(), s.pairs.begin() + static_cast<ptrdiff_t>(2 * (keep - s.first)));
+    s.first = keep;
+}
+
+void decode_block(Decoder& d, Stream& s) {
+    const std::vector<uint16_t>& g = s.gather;
+    const size_t at = s.pairs.size();
+    s.pairs.resize(at + g.size());
+    int8_t* p = s.pairs.data() + at;
+    const int8_t* planes = d.planes.data();
+    const uint16_t* src = g.data();
+    const size_t n = g.size();
+    for (size_t i = 0; i < n; i++) p[i] = planes[src[i]];
+    while (s.first + s.pairs.size() / 2 >= s.decided + windows * window_bits + window_trail) decide(d, s);
 }
 
 void restart(Decoder& d) {
@@ -314,12 +355,17 @@ void restart(Decoder& d) {
 // of the noise level and leaves the weights of the cells of a symbol, and of
 // neighbouring symbols, as the csi gives them.
 float soft_scale(Decoder& d, std::span<const float> csi) {
-    double sum = 0.0;
+    // Four partial sums, so that the additions overlap.
+    std::array<double, 4> sum{};
     size_t n = 0;
-    for (float c : csi)
-        if (c > 0.0f && c <= 3.0e38f) sum += c, n++;
+    for (size_t i = 0; i < csi.size(); i++) {
+        const float c = csi[i];
+        const bool usable = c > 0.0f && c <= 3.0e38f;
+        sum[i % 4] += usable ? c : 0.0f;
+        n += usable;
+    }
     if (n > 0) {
-        const auto mean = static_cast<float>(sum / static_cast<double>(csi.size()));
+        const auto mean = static_cast<float>((sum[0] + sum[1] + sum[2] + sum[3]) / static_cast<double>(csi.size()));
         d.mean_csi = d.mean_csi > 0.0f ? 0.875f * d.mean_csi + 0.125f * mean : mean;
     }
     if (!(d.mean_csi > 0.0f)) return 0.0f;
@@ -341,6 +387,16 @@ DecoderPtr decoder_create(const Transmission& t) {
     d->per_block = d->block / d->N;
     d->con = constellation(d->t.M, d->t.alpha);
     d->planes.assign(d->v * d->block + 1, 0);
+    // Even blocks carry word q in cell H(q), odd blocks in cell H^-1(q).
+    d->cell_of[0] = symbol_permutation(d->block == 6048 ? 2 : d->t.mode);
+    d->cell_of[1].resize(d->block);
+    for (uint32_t q = 0; q < d->block; q++) d->cell_of[1][d->cell_of[0][q]] = static_cast<uint16_t>(q);
+    d->word_cells.resize(d->block);
+    d->word_csi.resize(d->block);
+    if (d->per_block > 1) {
+        d->block_cells.resize(d->block);
+        d->block_csi.resize(d->block);
+    }
     // The demultiplexer's routes: the sub-stream of each bit a stream gives a word.
     static constexpr std::array<std::array<uint32_t, 6>, 3> nh{{{0, 1}, {0, 2, 1, 3}, {0, 2, 4, 1, 3, 5}}};
     static constexpr std::array<uint32_t, 2> hp{0, 1};
@@ -369,14 +425,28 @@ void decoder_push(Decoder& d, const SymbolCells& c, const std::function<void(con
     d.next_symbol = c.symbol == 67 ? 0 : c.symbol + 1;
     d.next_frame = c.symbol == 67 ? (c.frame + 1) % 4 : c.frame;
 
-    const auto at = static_cast<uint32_t>(d.symbols++ % d.per_block);
+    // The symbol's csi times the demapper's scale: a block of several symbols
+    // keeps each symbol's own scale.
     const float scale = soft_scale(d, c.csi);
-    demap(d.con, reinterpret_cast<const float*>(c.cells.data()), c.csi.data(), d.N, scale, d.planes.data() + at * d.N,
-          d.block);
+    const auto at = static_cast<uint32_t>(d.symbols++ % d.per_block);
+    const std::complex<float>* cells = c.cells.data();
+    const float* csi = c.csi.data();
+    float csi_scale = scale;
+    if (d.per_block > 1) {
+        std::copy(c.cells.begin(), c.cells.end(), d.block_cells.begin() + at * d.N);
+        for (uint32_t i = 0; i < d.N; i++) d.block_csi[at * d.N + i] = c.csi[i] * scale;
+        cells = d.block_cells.data(), csi = d.block_csi.data(), csi_scale = 1.0f;
+    }
     if (at + 1 == d.per_block) {
-        const auto parity = static_cast<uint32_t>(d.blocks++ & 1);
-        decode_block(d, d.hp, parity);
-        if (d.t.alpha != 0) decode_block(d, d.lp, parity);
+        // The cells in the order of the words: each stream's gather then
+        // reads its bits from within blocks of 126 words.
+        const uint16_t* cell = d.cell_of[d.blocks++ & 1].data();
+        std::complex<float>* wc = d.word_cells.data();
+        float* ws = d.word_csi.data();
+        for (uint32_t q = 0; q < d.block; q++) wc[q] = cells[cell[q]], ws[q] = csi[cell[q]];
+        demap(d.con, reinterpret_cast<const float*>(wc), ws, d.block, csi_scale, d.planes.data(), d.block);
+        decode_block(d, d.hp);
+        if (d.t.alpha != 0) decode_block(d, d.lp);
     }
     for (Stream* s : {&d.hp, &d.lp}) {
         for (const Ready& r : s->ready) {

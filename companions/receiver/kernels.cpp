@@ -52,10 +52,16 @@ namespace {
 inline float minf(float a, float b) { return a < b ? a : b; }
 inline float maxf(float a, float b) { return a > b ? a : b; }
 
+// Rounds to the nearest integer within +-127; a value that is not 0 stays
+// so (its sign is the hard decision), and what is not a number becomes 0.
 inline int8_t quantise(float v) {
     v = v == v ? v : 0.0f;
     v = maxf(minf(v, 127.0f), -127.0f);
-    return static_cast<int8_t>(std::lrint(v));
+    // Adding and taking away 1.5 x 2^23 rounds to the nearest integer, ties
+    // to even, as the processor's conversion does.
+    int r = static_cast<int>((v + 12582912.0f) - 12582912.0f);
+    if (r == 0) r = v > 0.0f ? 1 : v < 0.0f ? -1 : 0;
+    return static_cast<int8_t>(r);
 }
 
 inline float sq(float v) { return v * v; }
@@ -106,6 +112,7 @@ void demap(const Constellation& c, const float* cells, const float* csi, size_t 
            size_t stride) {
 #if RX_X86
     if (kernel_isa >= ISA_AVX512) return detail::demap_avx512(c, cells, csi, n, scale, planes, stride);
+    if (kernel_isa >= ISA_AVX) return detail::demap_avx(c, cells, csi, n, scale, planes, stride);
 #endif
     demap_plain(c, cells, csi, n, scale, planes, stride);
 }
@@ -121,7 +128,7 @@ void viterbi_acs_plain(int16_t* metrics, const int8_t* pairs, size_t n, uint64_t
             const int b = bm[branch_bits[s]];
             const int a = metrics[s >> 1] + b, c = metrics[(s >> 1) | 32] - b;
             next[s] = static_cast<int16_t>(c > a ? c : a);
-            dec |= static_cast<uint64_t>(c > a) << s;
+            dec |= static_cast<uint64_t>(c > a) << decision_bit(s);
         }
         decisions[t] = dec;
         if ((t & 31) == 31) {
@@ -138,6 +145,34 @@ void viterbi_acs(int16_t* metrics, const int8_t* pairs, size_t n, uint64_t* deci
     if (kernel_isa >= ISA_AVX) return detail::viterbi_acs_avx(metrics, pairs, n, decisions);
 #endif
     viterbi_acs_plain(metrics, pairs, n, decisions);
+}
+
+void viterbi_acs_set(const ViterbiSet& v, size_t n) {
+    if (v.count == 0 || v.count > viterbi_many) return;
+#if RX_X86
+    if (kernel_isa >= ISA_AVX512) return detail::viterbi_acs_set_avx512(v, n);
+#endif
+    for (size_t k = 0; k < v.count; k++) viterbi_acs(v.metrics[k], v.pairs[k], n, v.decisions[k]);
+}
+
+void hard_decisions_plain(const int8_t* pairs, size_t n, uint64_t* neg_x, uint64_t* any_x, uint64_t* neg_y,
+                          uint64_t* any_y) {
+    for (size_t k = 0; k < n / 64; k++) {
+        uint64_t nx = 0, ax = 0, ny = 0, ay = 0;
+        for (size_t i = 0; i < 64; i++) {
+            const int8_t x = pairs[128 * k + 2 * i], y = pairs[128 * k + 2 * i + 1];
+            nx = nx << 1 | (x < 0), ax = ax << 1 | (x != 0);
+            ny = ny << 1 | (y < 0), ay = ay << 1 | (y != 0);
+        }
+        neg_x[k] = nx, any_x[k] = ax, neg_y[k] = ny, any_y[k] = ay;
+    }
+}
+
+void hard_decisions(const int8_t* pairs, size_t n, uint64_t* neg_x, uint64_t* any_x, uint64_t* neg_y, uint64_t* any_y) {
+#if RX_X86
+    if (kernel_isa >= ISA_AVX512) return detail::hard_decisions_avx512(pairs, n, neg_x, any_x, neg_y, any_y);
+#endif
+    hard_decisions_plain(pairs, n, neg_x, any_x, neg_y, any_y);
 }
 
 }  // namespace rx

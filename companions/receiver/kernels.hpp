@@ -69,19 +69,49 @@ inline constexpr std::array<uint8_t, 64> branch_bits = [] {
     return t;
 }();
 
+// The bit of a step's decision word that holds state s's decision: the even
+// states in the low half, the odd ones in the high half.
+constexpr uint32_t decision_bit(uint32_t s) { return (s & 1) << 5 | s >> 1; }
+
 // Add-compare-select over n steps: pairs[2t] and pairs[2t + 1] are the soft
 // values of X and Y of step t (positive: 0 likelier; 0: nothing known).
 // metrics holds the 64 path metrics (larger is better), state s at index s;
-// decisions[t] gets bit s set when the survivor into state s comes from its
-// predecessor with the high bit set (ties go to the other). Every 32nd step of
-// a call the metrics are lowered by state 0's, which changes no decision.
+// decisions[t] gets bit decision_bit(s) set when the survivor into state s
+// comes from its predecessor with the high bit set (ties go to the other).
+// Every 32nd step of a call the metrics are lowered by state 0's, which
+// changes no decision.
 void viterbi_acs(int16_t* metrics, const int8_t* pairs, size_t n, uint64_t* decisions);
 void viterbi_acs_plain(int16_t* metrics, const int8_t* pairs, size_t n, uint64_t* decisions);
 
+// The same for up to four independent decoders at once (viterbi_many), n
+// steps each: metrics[k], pairs[k] and decisions[k] are decoder k's (a count
+// of 0 or more than four does nothing).
+inline constexpr size_t viterbi_many = 4;
+struct ViterbiSet {
+    std::array<int16_t*, viterbi_many> metrics{};
+    std::array<const int8_t*, viterbi_many> pairs{};
+    std::array<uint64_t*, viterbi_many> decisions{};
+    size_t count = 0;
+};
+void viterbi_acs_set(const ViterbiSet& v, size_t n);
+
+// The hard decisions of n steps (a multiple of 64) of soft X and Y values, 64
+// steps a word, the first step in the word's highest bit: neg_x[k] has the bit
+// of a step set when its X is negative, any_x[k] when X is not 0; the same for
+// Y.
+void hard_decisions(const int8_t* pairs, size_t n, uint64_t* neg_x, uint64_t* any_x, uint64_t* neg_y, uint64_t* any_y);
+void hard_decisions_plain(const int8_t* pairs, size_t n, uint64_t* neg_x, uint64_t* any_x, uint64_t* neg_y,
+                          uint64_t* any_y);
+
 namespace detail {
+void hard_decisions_avx512(const int8_t* pairs, size_t n, uint64_t* neg_x, uint64_t* any_x, uint64_t* neg_y,
+                           uint64_t* any_y);
 void demap_avx512(const Constellation& c, const float* cells, const float* csi, size_t n, float scale, int8_t* planes,
                   size_t stride);
+void demap_avx(const Constellation& c, const float* cells, const float* csi, size_t n, float scale, int8_t* planes,
+               size_t stride);
 void viterbi_acs_avx512(int16_t* metrics, const int8_t* pairs, size_t n, uint64_t* decisions);
+void viterbi_acs_set_avx512(const ViterbiSet& v, size_t n);
 void viterbi_acs_avx(int16_t* metrics, const int8_t* pairs, size_t n, uint64_t* decisions);
 }  // namespace detail
 

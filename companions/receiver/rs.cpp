@@ -58,17 +58,50 @@ std::array<uint8_t, 16> syndromes(std::span<const uint8_t, 204> c) {
 
 }  // namespace
 
-void rs_encode(std::span<const uint8_t, 188> packet, std::span<uint8_t, 16> parity) {
-    std::array<uint8_t, 16> r{};
-    for (uint8_t b : packet) {
-        const uint8_t fb = b ^ r[15];
-        for (unsigned j = 15; j > 0; j--) r[j] = static_cast<uint8_t>(r[j - 1] ^ mul(fb, generator[j]));
-        r[0] = mul(fb, generator[0]);
+namespace {
+
+// Division by the generator, a byte at a time: the 16-byte remainder as two
+// words (byte j the coefficient of x^j), and the multiples of the generator's
+// lower 16 coefficients by every feedback byte.
+struct Remainder {
+    uint64_t hi = 0, lo = 0;
+};
+
+constexpr auto feedback = [] {
+    std::array<Remainder, 256> t{};
+    for (unsigned f = 0; f < 256; f++)
+        for (unsigned j = 0; j < 16; j++) {
+            const uint64_t v = mul(static_cast<uint8_t>(f), generator[j]);
+            if (j < 8) t[f].lo |= v << (8 * j);
+            else t[f].hi |= v << (8 * (j - 8));
+        }
+    return t;
+}();
+
+Remainder divide(std::span<const uint8_t> bytes) {
+    Remainder r;
+    for (uint8_t b : bytes) {
+        const Remainder& f = feedback[b ^ (r.hi >> 56)];
+        r.hi = (r.hi << 8 | r.lo >> 56) ^ f.hi;
+        r.lo = r.lo << 8 ^ f.lo;
     }
-    for (unsigned j = 0; j < 16; j++) parity[j] = r[15 - j];
+    return r;
+}
+
+}  // namespace
+
+void rs_encode(std::span<const uint8_t, 188> packet, std::span<uint8_t, 16> parity) {
+    const Remainder r = divide(packet);
+    for (unsigned j = 0; j < 8; j++) {
+        parity[j] = static_cast<uint8_t>(r.hi >> (56 - 8 * j));
+        parity[8 + j] = static_cast<uint8_t>(r.lo >> (56 - 8 * j));
+    }
 }
 
 RsResult rs_decode(std::span<uint8_t, 204> c) {
+    // A codeword is a multiple of the generator; only the others need syndromes.
+    const Remainder rem = divide(c);
+    if (rem.hi == 0 && rem.lo == 0) return {true, 0, 0};
     const std::array<uint8_t, 16> s = syndromes(c);
     bool clean = true;
     for (uint8_t v : s) clean = clean && v == 0;
