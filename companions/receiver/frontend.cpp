@@ -71,34 +71,24 @@ Interpolator make_interpolator(int half, double beta, double band) {
 }
 
 // Fills h (all K carriers) from the estimates of every third carrier, h3[j] of
-// carrier 3j: the phase slope between pilots is removed first (the channel's
-// mean delay), so that what is interpolated varies slowly; each offset (1/3,
-// 2/3) is one FIR over the pilots, run along them (near the band's edges,
-// where the FIR would reach past the last pilot, straight lines).
+// carrier 3j (centred in delay by the derotation): each offset (0 when the
+// pilots are smoothed too, 1/3, 2/3) is one FIR over the pilots, run along
+// them; near the band's edges, where the FIR would reach past the last pilot,
+// straight lines.
 void interpolate(const Interpolator& ip, std::span<const cf> h3, std::span<cf> h) {
     const int J = static_cast<int>(h3.size());
     const int K = static_cast<int>(h.size());
-    cd acc{0, 0};
-    for (int j = 0; j + 1 < J; ++j) acc += cd(h3[j + 1]) * std::conj(cd(h3[j]));
-    const double step = std::arg(acc);  // radians per pilot spacing
-    static thread_local std::vector<float> c, v0, v1, v2, rr, ri;
-    c.resize(2 * static_cast<size_t>(J)), v1.assign(2 * static_cast<size_t>(J), 0.0f),
-        v2.assign(2 * static_cast<size_t>(J), 0.0f);
+    static thread_local std::vector<float> v0, v1, v2;
+    v1.assign(2 * static_cast<size_t>(J), 0.0f), v2.assign(2 * static_cast<size_t>(J), 0.0f);
     const bool smooth = !ip.c0.empty();
     if (smooth) v0.assign(2 * static_cast<size_t>(J), 0.0f);
-    rr.resize(static_cast<size_t>(std::max(J, K))), ri.resize(static_cast<size_t>(std::max(J, K)));
-    rotations(0, -step, J, rr.data(), ri.data());
-    const float* src = reinterpret_cast<const float*>(h3.data());
-    for (int j = 0; j < J; ++j) {
-        const float a = src[2 * j], b = src[2 * j + 1];
-        c[2 * j] = a * rr[j] - b * ri[j], c[2 * j + 1] = a * ri[j] + b * rr[j];
-    }
+    const float* c = reinterpret_cast<const float*>(h3.data());
     const int taps = 2 * ip.half;
     const int lo = ip.half - 1, hi = J - ip.half;  // pilots j with every tap inside: lo <= j < hi
     if (hi > lo) {
         for (int t = 0; t < taps; ++t) {
             const float a1 = ip.c1[t], a2 = ip.c2[t];
-            const float* __restrict in = c.data() + 2 * (t - ip.half + 1);
+            const float* __restrict in = c + 2 * (t - ip.half + 1);
             float* __restrict o1 = v1.data();
             float* __restrict o2 = v2.data();
             for (int i = 2 * lo; i < 2 * hi; ++i) o1[i] += a1 * in[i], o2[i] += a2 * in[i];
@@ -119,16 +109,11 @@ void interpolate(const Interpolator& ip, std::span<const cf> h3, std::span<cf> h
             v2[2 * j + comp] = x0 + (x1 - x0) * (2 / 3.0f);
         }
     }
-    // Back to the carriers, with the slope put back.
-    rotations(0, step / 3, K, rr.data(), ri.data());
     float* out = reinterpret_cast<float*>(h.data());
-    const float* planes[3] = {smooth ? v0.data() : c.data(), v1.data(), v2.data()};
+    const float* planes[3] = {smooth ? v0.data() : c, v1.data(), v2.data()};
     for (int r = 0; r < 3; ++r) {
         const float* __restrict v = planes[r];
-        for (int j = 0, k = r; k < K; ++j, k += 3) {
-            out[2 * k] = v[2 * j] * rr[k] - v[2 * j + 1] * ri[k];
-            out[2 * k + 1] = v[2 * j] * ri[k] + v[2 * j + 1] * rr[k];
-        }
+        for (int j = 0, k = r; k < K; ++j, k += 3) out[2 * k] = v[2 * j], out[2 * k + 1] = v[2 * j + 1];
     }
 }
 
@@ -527,7 +512,10 @@ void track_symbol(FrontEnd& f, const CellSink& sink) {
     transform(f, f.win);
     // The timing drift expected at this symbol, less the window's moves.
     const double tau_pred = f.tau + f.tau_rate;
-    const double slope = kTwoPi * (tau_pred - f.shift) / f.Fl;  // radians per bin to add back
+    // Radians per bin to add back: the drift, and the delay at which the window
+    // placed the channel (an eighth of a guard in), so that what the estimator
+    // interpolates is centred in delay and varies slowly across the carriers.
+    const double slope = kTwoPi * (tau_pred - f.shift + f.Gl / 8) / f.Fl;
     // The drift's rotation of every carrier (bins in carrier order).
     const int sgn = f.cfg.mapping == 2 ? -1 : 1;
     f.rot_re.resize(static_cast<size_t>(f.K)), f.rot_im.resize(static_cast<size_t>(f.K));
