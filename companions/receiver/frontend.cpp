@@ -186,6 +186,7 @@ struct FrontEnd {
     std::array<uint8_t, 68> word{};
     int bad_words = 0;
     bool have_tps = false;
+    bool in_lock = false;  // a word read since the last search began
     Transmission tps;
     int cid_high = -1, cid_low = -1;
 
@@ -452,7 +453,8 @@ void acquire_frequency(FrontEnd& f) {
 }
 
 void lose_lock(FrontEnd& f) {
-    if (f.have_tps) ++f.losses;
+    if (f.in_lock) ++f.losses;  // an attempt that never locked loses nothing
+    f.in_lock = false;
     f.state = FrontEnd::State::search;
     f.search_from = f.win;
     f.synced = false;
@@ -501,6 +503,7 @@ void read_word(FrontEnd& f) {
     f.tps.cid = f.cid_high >= 0 && f.cid_low >= 0 ? f.cid_high << 8 | f.cid_low : -1;
     if (!f.have_tps) f.ever_locked = true;
     f.have_tps = true;
+    f.in_lock = true;
 }
 
 void emit(FrontEnd& f, int slot, const CellSink& sink);

@@ -328,8 +328,14 @@ int main(int argc, char** argv) {
         ++(p.lp ? packets_lp : packets_hp);
         if (rx::Reference* r = (p.lp ? ref_lp : ref_hp).get()) rx::reference_compare(*r, p);
     };
+    int last_symbol = -1;  // frame * 68 + symbol of the last symbol decoded
     auto sink = [&](const rx::Transmission& tps, const rx::SymbolCells& sc) {
         const rx::Transmission t = forced(tps);
+        // A symbol that does not follow the last (symbols lost, the lock lost and
+        // found again): the decoder starts again, and so do the streams.
+        const int at = static_cast<int>(sc.frame * 68 + sc.symbol);
+        if (last_symbol >= 0 && at != (last_symbol + 1) % 272) started[0] = started[1] = false;
+        last_symbol = at;
         if (!dec || !same_transmission(t, current)) {
             if (dec) add(counts, rx::decoder_counts(*dec));
             dec = rx::decoder_create(t);
