@@ -1,11 +1,13 @@
 // Fuzz target: the receiver's front end on arbitrary bytes as samples. The
 // first byte chooses the sample format, the frequency mapping, the
-// interpolation and the mode searched; the rest, repeated to a bounded length,
-// is converted and pushed in pieces of varying size. Whatever it finds, every
-// symbol handed out must have the data cells of its mode, finite cells and
-// non-negative reliabilities, with frame and symbol numbers in range; and the
-// status must read back sane figures. A search over a short span and a single
-// mode keep each input quick.
+// interpolation and the guard searched (the mode is 2k); the second, the piece
+// size, whether the samples are resampled from a rate of their own, and the
+// static collection. The rest, repeated to a bounded length, is converted and
+// pushed in pieces of varying size. Whatever it finds, every symbol handed out
+// must have the data cells of its mode, finite cells and non-negative
+// reliabilities, with frame and symbol numbers in range; and the status must
+// read back sane figures. A search over a short span and a single mode keep
+// each input quick.
 #include <cmath>
 #include <complex>
 #include <cstddef>
@@ -42,6 +44,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     cfg.delta = (sel >> 6) & 3;
     cfg.search_span = 8192;
     cfg.collect_static = (data[1] & 1) != 0;
+    if ((data[1] & 2) != 0) cfg.interp = 0, cfg.rate = 1.37 * 64e6 / 7;  // a rate of its own: resampled
     const auto bytes = static_cast<size_t>(rx::format_bytes(format));
     std::vector<uint8_t> raw(data + 2, data + size);
     const size_t whole = raw.size() / bytes;
