@@ -93,11 +93,17 @@ bool reader_rewind(SampleReader& r) {
 
 size_t reader_read(SampleReader& r, std::span<std::complex<float>> out) {
     const auto bytes = static_cast<size_t>(format_bytes(r.format));
-    r.raw.resize(out.size() * bytes);
     if (r.fp == nullptr || out.empty()) return 0;
+    // Float samples are read straight into out, the others into raw first.
+    const bool direct = r.format == Format::cf32;
+    if (!direct) r.raw.resize(out.size() * bytes);
+    else if (r.raw.size() < bytes) r.raw.resize(bytes);
+    uint8_t* dst = direct ? reinterpret_cast<uint8_t*>(out.data()) : r.raw.data();
+    const size_t room = out.size() * bytes;
+    if (direct && r.pending > 0) std::memcpy(dst, r.raw.data(), r.pending);
     size_t have = r.pending;
     while (have < bytes) {  // at least one whole sample, or the end
-        const size_t got = std::fread(r.raw.data() + have, 1, r.raw.size() - have, r.fp);
+        const size_t got = std::fread(dst + have, 1, room - have, r.fp);
         if (got == 0) {
             if (std::ferror(r.fp)) r.error = true;
             else if (have > 0) r.partial_end = true;
@@ -107,9 +113,9 @@ size_t reader_read(SampleReader& r, std::span<std::complex<float>> out) {
         have += got;
     }
     const size_t n = have / bytes;
-    convert_samples(r.format, r.raw.data(), n, out.data());
+    if (!direct) convert_samples(r.format, r.raw.data(), n, out.data());
     r.pending = have - n * bytes;
-    std::memmove(r.raw.data(), r.raw.data() + n * bytes, r.pending);
+    std::memmove(r.raw.data(), dst + n * bytes, r.pending);  // the part of a sample, for the next read
     r.samples += n;
     return n;
 }
