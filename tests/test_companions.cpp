@@ -27,7 +27,7 @@ TEST(Companions, ShowTheOneVersionAndTheTransmittersTables) {
     tu::TempDir dir;
     const std::string build = TERVANE_BUILD_DIR;
     EXPECT_TRUE(tu::contains(tu::tervane(dir.path, {"-V"}).out, "Tervane v. " TERVANE_VERSION " Linux"));
-    for (const std::string prog : {"tscheck", "tervane-channel", "tervane-view", "tervane-rx", "tervane-waterfall"}) {
+    for (const std::string prog : {"tscheck", "tervane-channel", "tervane-view", "tervane-rx-gnuradio", "tervane-waterfall"}) {
         const auto r = tu::run(dir.path, build + "/" + prog, {"-V"});
         EXPECT_EQ(r.out, prog + " " TERVANE_VERSION "\n") << tu::read_text(dir / "err.txt");
         EXPECT_EQ(r.status, 0) << prog;
@@ -57,7 +57,7 @@ TEST(Companions, ShowTheOneVersionAndTheTransmittersTables) {
     // A refused invocation of each Python companion: one line naming the program, status 1.
     const std::vector<std::pair<std::string, std::vector<std::string>>> refused{
         {"tervane-view", {"-o", "none"}},
-        {"tervane-rx", {"-o", "x.ts"}},
+        {"tervane-rx-gnuradio", {"-o", "x.ts"}},
         {"tervane-waterfall", {"-from", "1", "-to", "0"}}};
     for (const auto& [prog, args] : refused) {
         EXPECT_EQ(tu::run(dir.path, build + "/" + prog, args).status, 1) << prog;

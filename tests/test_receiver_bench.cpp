@@ -136,6 +136,40 @@ TEST(Channel, ImpulseResponseIsTheEchoProfile) {
     }
 }
 
+// A clock offset against the signal it resamples, known at every instant: a few
+// tones across the band, whose output sample m must be their sum at input
+// instant m / (1 + ppm 1e-6).
+TEST(Channel, ClockOffsetSamplesTheSignalAtItsInstants) {
+    tu::TempDir dir;
+    const double tones[][3] = {{0.013, 1.0, 0.3}, {-0.21, 0.5, 1.1}, {0.37, 0.7, -2.0}, {-0.405, 0.4, 0.5}};
+    auto at = [&](double t) {
+        cd v = 0;
+        for (const auto& [f, a, ph] : tones) v += std::polar(a, 2 * std::numbers::pi * f * t + ph);
+        return v;
+    };
+    const size_t n = 200000;
+    std::vector<cf> x(n);
+    for (size_t k = 0; k < n; ++k) x[k] = cf(at(static_cast<double>(k)));
+    tu::Bytes raw(8 * n);
+    std::memcpy(raw.data(), x.data(), raw.size());
+    tu::write_file(dir / "x.bin", raw);
+    for (const double ppm : {-48.5, 310.0}) {
+        const auto r =
+            channel(dir, {"-i", "x.bin", "-o", "y.bin", "-profile", "gaussian", "-ppm", std::to_string(ppm)});
+        ASSERT_EQ(r.status, 0) << tu::read_text(dir / "err.txt");
+        const auto y = samples(dir / "y.bin");
+        const double step = 1 / (1 + ppm * 1e-6);
+        EXPECT_EQ(y.size(), static_cast<size_t>(std::ceil(n / step))) << "every instant within the input, no more";
+        double err = 0, sig = 0;
+        for (size_t m = 100; m + 100 < y.size(); ++m) {  // the ends see the zeros around the input
+            const cd want = at(static_cast<double>(m) * step);
+            err += std::norm(cd(y[m]) - want), sig += std::norm(want);
+        }
+        EXPECT_LT(10 * std::log10(err / sig), -80) << ppm;
+        EXPECT_TRUE(tu::contains(r.out, "Clock offset: ")) << r.out;
+    }
+}
+
 TEST(Channel, BadInputRefusedInOneLine) {
     tu::TempDir dir;
     tu::write_file(dir / "in.bin", tu::Bytes(800, 1));
@@ -161,6 +195,8 @@ TEST(Channel, BadInputRefusedInOneLine) {
                              with({"-seed", "-3"}),
                              with({"-cfo", "5e6"}),
                              with({"-cfo"}),
+                             with({"-ppm", "1500"}),
+                             with({"-ppm", "fast"}),
                              with({"-F", "agi"}),
                              with({"-zz"}),
                              with({"-m", "3k"}),
@@ -230,7 +266,7 @@ TEST(Tscheck, FaultsInjectedIntoATsgenStream) {
 }
 
 // The whole chain with GNU Radio's receiver, tsgen -> tervane -> [tervane-channel]
-// -> tervane-rx -> tscheck. Without a channel: both modes the receiver has, every
+// -> tervane-rx-gnuradio -> tscheck. Without a channel: both modes the receiver has, every
 // constellation, guard interval and code rate, batch sizes that divide nothing in
 // the chain. Through the Gaussian and Ricean channels at 30 dB (one with a carrier
 // offset). Each gives the stream back without a bit or counter error, all of it
@@ -280,7 +316,7 @@ TEST(BenchChain, ReceiverDecodesTheStream) {
         }
         auto receive = [&](const std::string& out) {
             return tu::run(dir.path, "/usr/bin/timeout",
-                           with({"300", TERVANE_RX_EXE, "-i", signal, "-o", out, "-p", c.rx_rate}));
+                           with({"300", TERVANE_RX_GNURADIO_EXE, "-i", signal, "-o", out, "-p", c.rx_rate}));
         };
         const auto rx = receive("rx.ts");
         ASSERT_EQ(rx.status, 0) << tu::read_text(dir / "err.txt");
@@ -294,7 +330,7 @@ TEST(BenchChain, ReceiverDecodesTheStream) {
             std::filesystem::create_symlink("/dev/full", dir / "full.ts");
             EXPECT_EQ(receive("full.ts").status, 1);
             EXPECT_EQ(tu::read_text(dir / "err.txt"),
-                      "tervane-rx: writing \"full.ts\" failed after 0 bytes: No space left on device\n");
+                      "tervane-rx-gnuradio: writing \"full.ts\" failed after 0 bytes: No space left on device\n");
         }
     }
 }

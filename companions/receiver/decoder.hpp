@@ -41,7 +41,11 @@ struct SymbolCells {
     std::span<const float> csi;
 };
 
-// One transport packet out of the Reed-Solomon decoder.
+// One transport packet out of the Reed-Solomon decoder. A packet that failed
+// (not ok) still carries its bytes, derandomised when its place in the
+// 8-packet group is known, with the transport error indicator set (the top
+// bit of byte 1). The first 11 packets after a (re)start hold the outer
+// deinterleaver's fill and fail.
 struct Packet {
     bool lp = false;                 // the LP stream (hierarchical transmission)
     std::span<const uint8_t> coded;  // the 204 bytes before correction (after the outer deinterleaver)
@@ -63,12 +67,22 @@ struct DecoderDeleter {
 };
 using DecoderPtr = std::unique_ptr<Decoder, DecoderDeleter>;
 
+// A decoder for the transmission; null when a field is out of its range. A
+// hierarchical QPSK request decodes as 16-QAM, and in-depth interleaving is
+// ignored in 8k, as the transmitter does.
 DecoderPtr decoder_create(const Transmission& t);
 
 // Takes the next symbol. Decoding starts at the first symbol 0 of frame 0 (a
 // superframe start, where packets, puncturing periods and interleaver blocks
 // all begin); a symbol that does not follow the previous one restarts it there.
 // Every packet completed is handed to the sink, in order (HP before LP).
+// A symbol whose spans do not hold N cells and N reliabilities, or whose
+// numbers are out of range, does not follow. Packets come out up to about
+// 16600 bits of each stream after their last bit was received (the Viterbi
+// decoder decides four windows of 4096 bits at a time), and after the first packet of
+// an 8-packet group was decoded (its inverted sync byte gives the group's
+// phase; up to 64 packets wait for it, and those still waiting at a restart
+// go out as failed).
 void decoder_push(Decoder& d, const SymbolCells& s, const std::function<void(const Packet&)>& sink);
 
 const DecoderCounts& decoder_counts(const Decoder& d);

@@ -37,10 +37,10 @@ namespace {
 
 const char kUsage[] =
     "usage: tervane-channel -i IN.bin -o OUT.bin [-m MODE] [-b SPACING] [-I RATE] [-f MAP]\n"
-    "                       -profile gaussian|ricean|rayleigh [-cn DB] [-cfo HZ] [-seed N]\n"
+    "                       -profile gaussian|ricean|rayleigh [-cn DB] [-cfo HZ] [-ppm PPM] [-seed N]\n"
     "  Reads tervane's time-domain output IN.bin (format std: float32 I/Q pairs) and\n"
-    "  writes OUT.bin in the same format, sample for sample, after a channel profile,\n"
-    "  a carrier frequency offset and white Gaussian noise, in this order.\n"
+    "  writes OUT.bin in the same format after a channel profile, a clock offset, a\n"
+    "  carrier frequency offset and white Gaussian noise, in this order.\n"
     "  -m 2k|4k|8k     OFDM mode of the run (default 2k): the signal's bandwidth\n"
     "  -b 5|6|7|8      channel spacing in MHz (default 8)   the sample rate: the\n"
     "  -I 1x|2x|4x     interpolation of the run (default 1x) elementary rate times -I\n"
@@ -49,6 +49,9 @@ const char kUsage[] =
     "                  or rayleigh (P1: the 20 echoes alone)\n"
     "  -cn DB          C/N in the signal's bandwidth, -100 to 300 dB (no noise without it)\n"
     "  -cfo HZ         carrier frequency offset (default none)\n"
+    "  -ppm PPM        sampling-clock offset, -1000 to 1000: the output is resampled as\n"
+    "                  a receiver whose clock runs PPM parts per million fast samples it\n"
+    "                  (default none: sample for sample)\n"
     "  -seed N         seed of the noise, 0 to 18446744073709551615 (default 1)\n"
     "  -h, -V          this help, the version\n"
     "  The other options of tervane are accepted and ignored; any other word is an error.\n";
@@ -81,11 +84,12 @@ constexpr size_t kBlock = 1 << 16;  // samples per block
 using companion::fail;
 
 // The channel's own options; tervane's fill the transmitter's settings.
-char *g_profile, *g_cn, *g_cfo, *g_seed;
+char *g_profile, *g_cn, *g_cfo, *g_ppm, *g_seed;
 const dvbOption kOwnOptions[] = {
     {.name = "-profile", .kind = dvbString, .target = &g_profile},
     {.name = "-cn", .kind = dvbString, .target = &g_cn},
     {.name = "-cfo", .kind = dvbString, .target = &g_cfo},
+    {.name = "-ppm", .kind = dvbString, .target = &g_ppm},
     {.name = "-seed", .kind = dvbString, .target = &g_seed},
 };
 
@@ -94,8 +98,8 @@ enum class Profile { gaussian, ricean, rayleigh };
 struct Settings {
     std::string in, out;
     Profile profile = Profile::gaussian;
-    bool noise = false, offset = false;
-    double cn_db = 0, cfo_hz = 0;
+    bool noise = false, offset = false, clock = false;
+    double cn_db = 0, cfo_hz = 0, ppm = 0;
     uint64_t seed = 1;
     double fs = 0, rate = 0, bandwidth = 0, centre = 0;  // Hz
     uint64_t samples = 0;
@@ -121,6 +125,7 @@ Settings settle() {
     const std::string cn = value_of(g_cn);
     const std::string cfo = value_of(g_cfo);
     const std::string seed = value_of(g_seed);
+    const std::string ppm = value_of(g_ppm);
     if (s.in.empty()) fail("no input file given (-i IN.bin; %s -h for usage)", companion::prog());
     if (s.out.empty()) fail("no output file given (-o OUT.bin; %s -h for usage)", companion::prog());
     if (profile.empty()) fail("no channel profile given (-profile gaussian, ricean or rayleigh)");
@@ -144,6 +149,11 @@ Settings settle() {
         s.cfo_hz = number(cfo, "-cfo", "an offset in Hz");
         if (std::fabs(s.cfo_hz) >= s.rate / 2)
             fail("-cfo %s Hz: the offset must stay below half the sample rate (%.0f Hz)", cfo.c_str(), s.rate / 2);
+    }
+    if (!ppm.empty()) {
+        s.ppm = number(ppm, "-ppm", "a clock offset in parts per million");
+        if (std::fabs(s.ppm) > 1000) fail("-ppm %s: the clock offset must lie between -1000 and 1000 ppm", ppm.c_str());
+        s.clock = s.ppm != 0;
     }
     if (!seed.empty()) {
         errno = 0;
@@ -323,6 +333,65 @@ double filter_pass(const Settings& s, const Response& h, Sink&& sink) {
     return in.power();
 }
 
+// The clock offset: the signal sampled again at instants 1 / (1 + ppm 1e-6)
+// input samples apart, each output a Kaiser-windowed sinc of kTaps input
+// samples around its instant, from a table of kPhases fractional positions
+// interpolated linearly. The first output falls on the first input sample;
+// zeros lie before and after the input.
+class ClockShift {
+public:
+    explicit ClockShift(double ppm) : step_(1.0 / (1.0 + ppm * 1e-6)), table_((kPhases + 1) * kTaps) {
+        for (int p = 0; p <= kPhases; ++p)
+            for (int k = 0; k < kTaps; ++k) {
+                const double x = (k - kTaps / 2 + 1) - static_cast<double>(p) / kPhases;
+                const double r = x / (kTaps / 2);
+                const double w = bessel_i0(kBeta * std::sqrt(std::max(0.0, 1 - r * r))) / bessel_i0(kBeta);
+                table_[p * kTaps + k] = x == 0 ? 1.0 : w * std::sin(std::numbers::pi * x) / (std::numbers::pi * x);
+            }
+        xr_.assign(kTaps / 2, 0.0f), xi_.assign(kTaps / 2, 0.0f);
+        base_ = -kTaps / 2;  // input index of xr_[0]: zeros before the first sample
+    }
+    // Takes n input samples (none at the end: the zeros that flush the last
+    // outputs) and hands the outputs whose taps are all in to sink(re, im, n).
+    template <typename Sink>
+    void push(const float* re, const float* im, size_t n, bool end, Sink&& sink) {
+        xr_.insert(xr_.end(), re, re + n), xi_.insert(xi_.end(), im, im + n);
+        inputs_ += n;
+        if (end) xr_.insert(xr_.end(), kTaps, 0.0f), xi_.insert(xi_.end(), kTaps, 0.0f);
+        const double last = end ? static_cast<double>(inputs_) : static_cast<double>(inputs_) - kTaps / 2 - 1;
+        std::vector<float> outr, outi;
+        for (; t_ < last; t_ = static_cast<double>(++count_) * step_) {
+            const double fl = std::floor(t_);
+            const double pos = (t_ - fl) * kPhases;
+            const int p = static_cast<int>(pos);
+            const double a = pos - p;
+            const auto first = static_cast<size_t>(static_cast<int64_t>(fl) - kTaps / 2 + 1 - base_);
+            double yr = 0, yi = 0;
+            for (int k = 0; k < kTaps; ++k) {
+                const double h = (1 - a) * table_[p * kTaps + k] + a * table_[(p + 1) * kTaps + k];
+                yr += h * xr_[first + k], yi += h * xi_[first + k];
+            }
+            outr.push_back(static_cast<float>(yr)), outi.push_back(static_cast<float>(yi));
+        }
+        if (!outr.empty()) sink(outr.data(), outi.data(), outr.size());
+        // Keep what the next outputs need.
+        const int64_t keep_from = static_cast<int64_t>(std::floor(t_)) - kTaps / 2 + 1;
+        const auto drop =
+            static_cast<size_t>(std::clamp<int64_t>(keep_from - base_, 0, static_cast<int64_t>(xr_.size())));
+        xr_.erase(xr_.begin(), xr_.begin() + static_cast<std::ptrdiff_t>(drop));
+        xi_.erase(xi_.begin(), xi_.begin() + static_cast<std::ptrdiff_t>(drop));
+        base_ += static_cast<int64_t>(drop);
+    }
+
+private:
+    static constexpr int kPhases = 1024;
+    double step_, t_ = 0;
+    uint64_t count_ = 0, inputs_ = 0;
+    std::vector<double> table_;
+    std::vector<float> xr_, xi_;
+    int64_t base_;
+};
+
 // Seeded generator (splitmix64 seeding xoshiro256**) and Box-Muller: the same
 // noise for the same seed on every system.
 class Gaussian {
@@ -407,6 +476,7 @@ int main(int argc, char** argv) {
     double carrier2 = 0, added = 0;
     std::vector<float> buf(2 * kBlock);
     auto write = [&](const float* re, const float* im, size_t n) {
+        if (buf.size() < 2 * n) buf.resize(2 * n);  // a clock offset gives a few more than a block
         for (size_t k = 0; k < n; ++k, ++n_out) {
             double yr = re[k], yi = im[k];
             carrier2 += yr * yr + yi * yi;
@@ -431,12 +501,20 @@ int main(int argc, char** argv) {
         if (std::fwrite(buf.data(), 8, n, out) != n)
             fail("writing \"%s\" failed: %s", s.out.c_str(), std::strerror(errno));
     };
-    const double input_power2 = filter_pass(s, h, write);
+    double input_power2 = 0;
+    if (s.clock) {
+        ClockShift shift(s.ppm);
+        input_power2 =
+            filter_pass(s, h, [&](const float* re, const float* im, size_t n) { shift.push(re, im, n, false, write); });
+        shift.push(nullptr, nullptr, 0, true, write);
+    } else {
+        input_power2 = filter_pass(s, h, write);
+    }
     if (std::fclose(out) != 0) fail("closing \"%s\" failed: %s", partial.c_str(), std::strerror(errno));
     if (std::rename(partial.c_str(), s.out.c_str()) != 0)
         fail("can't rename \"%s\" to \"%s\": %s", partial.c_str(), s.out.c_str(), std::strerror(errno));
     companion::remove_on_failure({});
-    if (!s.noise) input_power = input_power2, carrier = carrier2 / static_cast<double>(s.samples);
+    if (!s.noise) input_power = input_power2, carrier = carrier2 / static_cast<double>(n_out);
 
     std::printf("%s %s: %s, %s MHz channel, %s: sample rate %.6f MHz, signal bandwidth %.6f MHz (%d carriers)\n",
                 companion::prog(), TERVANE_VERSION, dvbt_modename[dvbt_parms.mode], dvbt_bandname[dvbt_parms.band],
@@ -455,10 +533,14 @@ int main(int argc, char** argv) {
         std::printf("Signal power after the channel: %.6g (%+.3f dB against the input)\n", carrier,
                     db(carrier / input_power));
     }
+    if (s.clock)
+        std::printf("Clock offset: %.6g ppm: resampled by %.9f, %llu samples in, %llu out\n", s.ppm, 1 + s.ppm * 1e-6,
+                    static_cast<unsigned long long>(s.samples), static_cast<unsigned long long>(n_out));
+    else std::printf("Clock offset: none\n");
     if (s.offset) std::printf("Carrier frequency offset: %.6g Hz\n", s.cfo_hz);
     else std::printf("Carrier frequency offset: none\n");
     if (s.noise) {
-        const double measured = added / static_cast<double>(s.samples);
+        const double measured = added / static_cast<double>(n_out);
         std::printf("Noise: seed %llu, mean power %.6g over the %.6f MHz of the sample rate\n",
                     static_cast<unsigned long long>(s.seed), measured, s.rate / 1e6);
         std::printf("C/N: requested %.2f dB, achieved %.3f dB\n", s.cn_db,

@@ -1,7 +1,7 @@
 """tervane-waterfall: bit error ratio after a receiver against C/N, step by step.
 
 For one transmission it runs tsgen and tervane once, then for every C/N of the
-sweep tervane-channel, GNU Radio's receiver (tervane-rx) and tscheck, in a
+sweep tervane-channel, GNU Radio's receiver (tervane-rx-gnuradio) and tscheck, in a
 scratch directory that it removes, and prints C/N, BER and PER per step: the
 waterfall curve, to compare with the C/N a receiver needs for quasi-error-free
 reception.
@@ -27,7 +27,7 @@ usage: tervane-waterfall [-m MODE] [-M 4|16|64] [-D GUARD] [-p RATE] [-b SPACING
 
 Transmits a tsgen test stream with tervane once and, for every C/N from -from
 to -to in steps of -step (default 1 dB), passes it through tervane-channel,
-decodes it with tervane-rx and checks it with tscheck; prints per step the C/N
+decodes it with tervane-rx-gnuradio and checks it with tscheck; prints per step the C/N
 requested and achieved, the bit and packet error ratios after the receiver and
 the bits checked, then the C/N from which every step was error-free.
 
@@ -45,7 +45,7 @@ The programs are taken from the directory of this script, else from the PATH.
 
 LISTS = ["-m", "-M", "-D", "-p", "-b"]
 TEXTS = ["-from", "-to", "-step", "-profile", "-n", "-cfo", "-seed"]
-PROGRAMS = ["tsgen", "tervane", "tervane-channel", "tervane-rx", "tscheck"]
+PROGRAMS = ["tsgen", "tervane", "tervane-channel", "tervane-rx-gnuradio", "tscheck"]
 SUMMARY = re.compile(r"^packets=(\d+) sync_losses=(\d+) tei=(\d+) cc_errors=(\d+) "
                      r"prbs_bits=(\d+) bit_errors=(\d+) ber=(\S+) per=(\S+)$", re.M)
 
@@ -143,7 +143,7 @@ def main(argv):
             out, _ = run(work, [exe["tervane-channel"], "-i", "tx.bin", "-o", "ch.bin", "-cn", f"{cn:.6g}",
                              "-seed", str(seed + k)] + ch_opts)
             achieved = re.search(r"achieved (\S+) dB", out).group(1)
-            run(work, [exe["tervane-rx"], "-i", "ch.bin", "-o", "rx.ts"] + rx_opts)
+            run(work, [exe["tervane-rx-gnuradio"], "-i", "ch.bin", "-o", "rx.ts"] + rx_opts)
             checked_text, status = run(work, [exe["tscheck"], "rx.ts"], ok=(0, 1))
             m = SUMMARY.search(checked_text)
             checked, errors = int(m.group(5)), int(m.group(6))

@@ -1,4 +1,4 @@
-"""tervane-rx: GNU Radio's DVB-T receiver on a file of tervane's samples.
+"""tervane-rx-gnuradio: GNU Radio's DVB-T receiver on a file of tervane's samples.
 
 It decodes a time-domain output in the std format (complex64, 1x, frequency
 mapping 0), possibly passed through tervane-channel, back into a transport
@@ -16,10 +16,10 @@ from .files import Fail, is_input, report, sample_file, start
 from .options import answered, first_value, list_option
 from .tables import FFT_SIZE, FS, N_CARRIERS, N_DATA, NAMES, TS_PACKET, VERSION
 
-PROG = "tervane-rx"
+PROG = "tervane-rx-gnuradio"
 
 USAGE = """\
-usage: tervane-rx -i IN.bin -o OUT.ts [-m 2k|8k] [-M 4|16|64] [-D GUARD] [-p RATE] [-b SPACING]
+usage: tervane-rx-gnuradio -i IN.bin -o OUT.ts [-m 2k|8k] [-M 4|16|64] [-D GUARD] [-p RATE] [-b SPACING]
 
 Decodes IN.bin (tervane -d t, format std, 1x, mapping 0) with GNU Radio's
 DVB-T receiver into the transport stream OUT.ts.
@@ -56,9 +56,9 @@ def parse_options(argv):
 def check(opts):
     """The input and output files and what the receiver can decode."""
     if not opts["-i"]:
-        raise Fail("no input file given (-i IN.bin; tervane-rx -h for usage)")
+        raise Fail("no input file given (-i IN.bin; tervane-rx-gnuradio -h for usage)")
     if not opts["-o"]:
-        raise Fail("no output file given (-o OUT.ts; tervane-rx -h for usage)")
+        raise Fail("no output file given (-o OUT.ts; tervane-rx-gnuradio -h for usage)")
     refused = {"-m": (1, "GNU Radio's receiver has no 4k mode"),
                "-a": (None, "GNU Radio's receiver decodes non-hierarchical streams only (-a NH)"),
                "-f": (None, "the receiver needs the frequency mapping 0 (centre carrier at DC)"),
@@ -82,7 +82,7 @@ def build(gr, blocks, dtv, fft, window, opts, out_fd):
     guard = [dtv.GI_1_4, dtv.GI_1_8, dtv.GI_1_16, dtv.GI_1_32][opts["-D"]]
     guard_len = fft_len // [4, 8, 16, 32][opts["-D"]]
 
-    tb = gr.top_block("tervane-rx")
+    tb = gr.top_block("tervane-rx-gnuradio")
     src = blocks.file_source(gr.sizeof_gr_complex, opts["-i"], False)
     # Time and frequency synchronisation, guard removal: one vector per symbol.
     acquisition = dtv.dvbt_ofdm_sym_acquisition(1, fft_len, carriers, guard_len, 30)
