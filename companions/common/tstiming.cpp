@@ -353,6 +353,7 @@ void Scheduler::emit(Packet& out, const Packet& p, bool filler) {
     if (id == kNullPid) ++stats.out_nulls;
     else last_cc_[id] = static_cast<int8_t>(cc(p.data()));
     if (filler) {
+        ++stats.filled;
         busy_ = false;
     } else if (!busy_) {
         busy_ = true, busy_from_ = t;

@@ -260,6 +260,7 @@ struct Config {
 
 struct Stats {
     uint64_t in = 0, in_nulls = 0, out = 0, out_nulls = 0, forwarded = 0;
+    uint64_t filled = 0;  // null packets put in where nothing was due (the input's own not counted)
     uint64_t restamped = 0, inserted = 0, dropped_late = 0, dropped_full = 0;
     uint64_t jumps = 0, unsignalled = 0, slips = 0;
     int64_t max_late = 0;  // ticks, the largest lateness of a forwarded packet

@@ -308,7 +308,7 @@ bool Producer::read_live(Source& src) {
 void Producer::count(Source& src) {
     const tt::Stats& st = src.sched->stats;
     if (&src == &in_.sources[0])
-        nulls = static_cast<long>(st.out_nulls - (src.sched->mode == tt::Mode::passed ? st.in_nulls : 0));
+        nulls = static_cast<long>(st.filled);
     const uint64_t lost = st.dropped_late + st.dropped_full;
     if (src.live) {
         dropped = static_cast<long>(lost);

@@ -1,10 +1,12 @@
 """tervane-waterfall: bit error ratio after a receiver against C/N, step by step.
 
 For one transmission it runs tsgen and tervane once, then for every C/N of the
-sweep tervane-channel, GNU Radio's receiver (tervane-rx-gnuradio) and tscheck, in a
-scratch directory that it removes, and prints C/N, BER and PER per step: the
-waterfall curve, to compare with the C/N a receiver needs for quasi-error-free
-reception.
+sweep tervane-channel, a receiver (tervane-rx, the project's own, or GNU Radio's,
+tervane-rx-gnuradio) and tscheck, in a scratch directory that it removes, and
+prints per step C/N, the bit error ratio after the Viterbi decoder (tervane-rx's
+exact count against the stream sent) and the bit and packet error ratios after
+the whole receiver: the waterfall curve, to compare with the C/N a receiver
+needs for quasi-error-free reception.
 """
 
 import os
@@ -23,16 +25,22 @@ PROG = "tervane-waterfall"
 USAGE = """\
 usage: tervane-waterfall [-m MODE] [-M 4|16|64] [-D GUARD] [-p RATE] [-b SPACING]
                          -from DB -to DB [-step DB] [-profile NAME] [-n PACKETS]
-                         [-cfo HZ] [-seed N]
+                         [-cfo HZ] [-seed N] [-rx pilots|static|gnuradio]
 
 Transmits a tsgen test stream with tervane once and, for every C/N from -from
 to -to in steps of -step (default 1 dB), passes it through tervane-channel,
-decodes it with tervane-rx-gnuradio and checks it with tscheck; prints per step the C/N
-requested and achieved, the bit and packet error ratios after the receiver and
-the bits checked, then the C/N from which every step was error-free.
+decodes it and checks it with tscheck; prints per step the C/N requested and
+achieved, the bit error ratio after the Viterbi decoder, the bit and packet
+error ratios after the receiver and the bits checked, then the C/N from which
+every step was error-free.
 
   -m, -M, -D, -p, -b  the transmission, with tervane's names (default 2k, 4, 1/32,
-                      1/2, 8); the receiver decodes 2k and 8k
+                      1/2, 8)
+  -rx NAME            the receiver: pilots (default; tervane-rx with its channel
+                      estimate from the scattered pilots), static (tervane-rx -est
+                      static: a channel fixed over the run, the ideal receiver) or
+                      gnuradio (tervane-rx-gnuradio: 2k and 8k only, no count
+                      after the Viterbi decoder)
   -profile NAME       gaussian (default), ricean or rayleigh
   -n PACKETS          length of the test stream (default: two superframes and
                       1400 packets, at least 2 000 000 PRBS bits after the receiver)
@@ -44,8 +52,8 @@ The programs are taken from the directory of this script, else from the PATH.
 """
 
 LISTS = ["-m", "-M", "-D", "-p", "-b"]
-TEXTS = ["-from", "-to", "-step", "-profile", "-n", "-cfo", "-seed"]
-PROGRAMS = ["tsgen", "tervane", "tervane-channel", "tervane-rx-gnuradio", "tscheck"]
+TEXTS = ["-from", "-to", "-step", "-profile", "-n", "-cfo", "-seed", "-rx"]
+RECEIVERS = {"pilots": "tervane-rx", "static": "tervane-rx", "gnuradio": "tervane-rx-gnuradio"}
 SUMMARY = re.compile(r"^packets=(\d+) sync_losses=(\d+) tei=(\d+) cc_errors=(\d+) "
                      r"prbs_bits=(\d+) bit_errors=(\d+) ber=(\S+) per=(\S+)$", re.M)
 
@@ -77,11 +85,11 @@ def number(opts, name, default=None):
     return value
 
 
-def programs():
+def programs(receiver):
     """Where each program is: beside this script, else on the PATH."""
     here = os.path.dirname(os.path.realpath(sys.argv[0]))
     found = {}
-    for name in PROGRAMS:
+    for name in ["tsgen", "tervane", "tervane-channel", RECEIVERS[receiver], "tscheck"]:
         path = os.path.join(here, name)
         found[name] = path if os.access(path, os.X_OK) and os.path.isfile(path) else shutil.which(name)
         if found[name] is None:
@@ -112,7 +120,10 @@ def main(argv):
         if profile not in ("gaussian", "ricean", "rayleigh"):
             raise Fail(f"unknown profile \"{profile}\" (gaussian, ricean or rayleigh)")
         mode, bits = opts["-m"], BITS[opts["-M"]]
-        if mode == 1:
+        receiver = opts["-rx"] or "pilots"
+        if receiver not in RECEIVERS:
+            raise Fail(f"unknown receiver \"{receiver}\" (pilots, static or gnuradio)")
+        if mode == 1 and receiver == "gnuradio":
             raise Fail("-m 4k: GNU Radio's receiver decodes 2k and 8k only")
         rate = [(1, 2), (2, 3), (3, 4), (5, 6), (7, 8)][opts["-p"]]
         # Reed-Solomon packets a superframe carries
@@ -120,12 +131,16 @@ def main(argv):
         per_superframe = cells * bits * rate[0] // (rate[1] * 8 * RS_PACKET)
         packets = int(number(opts, "-n", 2 * per_superframe + 1400))
         seed = int(number(opts, "-seed", 1))
-        exe = programs()
+        exe = programs(receiver)
     except Fail as e:
         return report(PROG, e)
 
     tx_opts = [v for name in LISTS for v in (name, NAMES[name][opts[name]])]
-    rx_opts = tx_opts
+    # GNU Radio's receiver is told the transmission; ours finds it, given the spacing.
+    if receiver == "gnuradio":
+        rx_opts = tx_opts
+    else:
+        rx_opts = ["-b", NAMES["-b"][opts["-b"]], "-ref", "in.ts"] + (["-est", "static"] if receiver == "static" else [])
     ch_opts = ["-m", NAMES["-m"][mode], "-b", NAMES["-b"][opts["-b"]], "-profile", profile]
     if opts["-cfo"] is not None:
         ch_opts += ["-cfo", opts["-cfo"]]
@@ -135,22 +150,28 @@ def main(argv):
         run(work, [exe["tervane"], "-i", "in.ts", "-o", "tx", "-d", "t", "-v", "0", "-l", os.devnull] + tx_opts)
         print(f"{PROG} {VERSION}: {NAMES['-m'][mode]}, {['QPSK', '16-QAM', '64-QAM'][opts['-M']]}, "
               f"guard {NAMES['-D'][opts['-D']]}, code rate {NAMES['-p'][opts['-p']]}, {profile} channel"
-              + (f", CFO {opts['-cfo']} Hz" if opts["-cfo"] is not None else "") + f", {packets} packets sent")
-        print(f"{'C/N dB':>7} {'achieved':>9} {'BER':>10} {'PER':>10} {'bits':>10}", flush=True)
+              + (f", CFO {opts['-cfo']} Hz" if opts["-cfo"] is not None else "") + f", {packets} packets sent, "
+              f"receiver {RECEIVERS[receiver]}" + (" -est static" if receiver == "static" else ""))
+        print(f"{'C/N dB':>7} {'achieved':>9} {'BER Vit.':>10} {'BER':>10} {'PER':>10} {'bits':>10}", flush=True)
         clean_from = None
         for k in range(steps):
             cn = first + k * step
             out, _ = run(work, [exe["tervane-channel"], "-i", "tx.bin", "-o", "ch.bin", "-cn", f"{cn:.6g}",
                              "-seed", str(seed + k)] + ch_opts)
             achieved = re.search(r"achieved (\S+) dB", out).group(1)
-            run(work, [exe["tervane-rx-gnuradio"], "-i", "ch.bin", "-o", "rx.ts"] + rx_opts)
+            # tervane-rx: 2 no lock, 3 lock lost: no stream, or part of one, to check.
+            rx_out, _ = run(work, [exe[RECEIVERS[receiver]], "-i", "ch.bin", "-o", "rx.ts"] + rx_opts, ok=(0, 2, 3))
+            viterbi = re.search(r"\bber_after_viterbi=(\S+)", rx_out)
+            ber_viterbi = f"{float(viterbi.group(1)):.2e}" if viterbi else "-"
+            if not os.path.exists(os.path.join(work, "rx.ts")):
+                open(os.path.join(work, "rx.ts"), "wb").close()
             checked_text, status = run(work, [exe["tscheck"], "rx.ts"], ok=(0, 1))
             m = SUMMARY.search(checked_text)
             checked, errors = int(m.group(5)), int(m.group(6))
             clean = status == 0
             ber = f"{errors / checked:.2e}" if checked else "no PRBS"
             per = f"{float(m.group(8)):.2e}" if checked else "-"
-            print(f"{cn:7.2f} {float(achieved):9.3f} {ber:>10} {per:>10} {checked:10d}", flush=True)
+            print(f"{cn:7.2f} {float(achieved):9.3f} {ber_viterbi:>10} {ber:>10} {per:>10} {checked:10d}", flush=True)
             clean_from = (clean_from if clean_from is not None else cn) if clean else None
         if clean_from is None:
             print("Error-free: at no step up to the last")

@@ -215,6 +215,8 @@ public:
     void packet(const uint8_t* p, uint64_t pos, uint64_t number, bool quiet) {
         namespace tt = tstiming;
         ++packets;
+        // A packet a decoder could not correct (transport error indicator) has no field to trust.
+        if ((p[1] & 0x80) != 0) return;
         const unsigned pid = tt::pid(p);
         if (pid == tt::kNullPid) {
             ++nulls;
