@@ -438,6 +438,56 @@ TEST(Play, EveryFaultEndsInBoundedTime) {
     }
 }
 
+// A programme at a rate of its own, made by ffmpeg without -muxrate, on air
+// through the player (three plays, 8k 64-QAM 2/3 1/4), recorded by the fake
+// device and received back by tervane-rx: tscheck finds every PCR within
+// 500 ns, the rate the channel's and no timing or continuity error; every
+// packet but the nulls is tsadapt's for the same stream, in order and whole,
+// from where the receiver locked to where the transmission ended (at least a
+// whole play), and ffprobe counts at least a play's frames in it.
+TEST(Play, ProgrammeOnAirReceivedBackWithItsClock) {
+#ifndef TERVANE_RX_EXE
+    GTEST_SKIP() << "tervane-rx is not built (it needs Debian's libfftw3-dev and nlohmann-json3-dev)";
+#endif
+    if (!tu::have_ffmpeg()) GTEST_SKIP() << "ffmpeg and ffprobe are not installed (Debian's ffmpeg package)";
+    Scratch s;
+    tu::make_stream(s.dir, "vbr.ts", false, 1.5);
+    const std::vector<std::string> channel = {"-m", "8k", "-M", "64", "-D", "1/4", "-p", "2/3"};
+    std::vector<std::string> args = {"-i", "vbr.ts", "-loop", "3"};
+    args.insert(args.end(), channel.begin(), channel.end());
+    ASSERT_EQ(run_play(s.dir, "native=CF32,pace=0,record=rec.cf32", args).status, 0)
+        << tu::read_text(s.dir / "err.txt");
+    args.insert(args.end(), {"-o", "adapted.ts"});
+    ASSERT_EQ(tu::run(s.dir.path, TSADAPT_EXE, args).status, 0);
+#ifdef TERVANE_RX_EXE
+    const auto rx = tu::run(s.dir.path, TERVANE_RX_EXE,
+                            {"-i", "rec.cf32", "-format", "cf32", "-rate", "9142857.142857143", "-o", "rx.ts"});
+    ASSERT_EQ(rx.status, 0) << tu::read_text(s.dir / "err.txt");
+#endif
+    const auto check = tu::run(s.dir.path, TSCHECK_EXE, {"-timing", "rx.ts"});
+    EXPECT_EQ(check.status, 0) << check.out;
+    EXPECT_TRUE(tu::contains(check.out, " rate=19905882 pcr_accuracy_ns=0.0 pcr_accuracy_errors=0 ")) << check.out;
+
+    const auto non_null = [&](const std::string& name) {
+        const tu::Bytes b = tu::read_file(s.dir / name);
+        std::vector<std::vector<uint8_t>> v;
+        for (size_t i = 0; i + 188 <= b.size(); i += 188)
+            if (((b[i + 1] & 0x1F) << 8 | b[i + 2]) != 0x1FFF) v.emplace_back(b.begin() + i, b.begin() + i + 188);
+        return v;
+    };
+    const auto sent = non_null("adapted.ts"), got = non_null("rx.ts"), one_play = non_null("vbr.ts");
+    ASSERT_FALSE(got.empty());
+    const auto from = std::find(sent.begin(), sent.end(), got.front());
+    ASSERT_NE(from, sent.end()) << "the first packet received was sent";
+    const size_t after = static_cast<size_t>(sent.end() - from);
+    EXPECT_LE(got.size(), after);
+    EXPECT_TRUE(std::equal(got.begin(), got.begin() + static_cast<std::ptrdiff_t>(std::min(got.size(), after)), from))
+        << "the packets after it are the packets sent, in order";
+    EXPECT_GT(got.size(), one_play.size());
+    const auto frames = tu::decode(s.dir, "rx.ts").first, play_frames = tu::decode(s.dir, "vbr.ts").first;
+    EXPECT_GE(frames, play_frames);
+}
+
 // Playback of a finished output: std samples scaled as live ones, agi codes
 // through their scale; a file that is not whole superframes is warned about.
 TEST(Play, Playback) {
