@@ -57,7 +57,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     samples.resize(kSamples);
     auto fe = rx::frontend_create(cfg);
     auto sink = [](const rx::Transmission& t, const rx::SymbolCells& s) {
-        if (t.mode > 2 || s.cells.size() != static_cast<size_t>(rx::kDataCells[t.mode])) fail("cells not of the mode");
+        if (t.mode > 2 || s.cells.size() != static_cast<size_t>(dvbt_N[t.mode])) fail("cells not of the mode");
         if (s.csi.size() != s.cells.size()) fail("a reliability per cell");
         if (s.frame > 3 || s.symbol > 67) fail("frame or symbol out of range");
         for (size_t i = 0; i < s.cells.size(); ++i)

@@ -128,7 +128,7 @@ TEST(ReceiverFrontEnd, CellsEqualTheMappersWithNothingGiven) {
         const auto r =
             receive((dir / (c.format == rx::Format::cf32 ? "out.bin" : "out_agi.bin")).string(), c.format, c.cfg);
         const auto ma = mapper_cells(dir / "out_ma.bin");
-        const auto [worst, n] = compare(r, ma, static_cast<size_t>(rx::kDataCells[c.want.mode]));
+        const auto [worst, n] = compare(r, ma, static_cast<size_t>(dvbt_N[c.want.mode]));
         EXPECT_GT(n, 100u);
         EXPECT_EQ(r.t.mode, c.want.mode);
         EXPECT_EQ(r.t.M, c.want.M);

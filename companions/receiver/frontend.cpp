@@ -263,11 +263,11 @@ void drop_before(FrontEnd& f, int64_t n) {
 // Sets the mode's tables for the mode and guard found.
 void set_mode(FrontEnd& f, int mode, int delta) {
     f.mode = mode, f.delta = delta;
-    f.F = kFftSize[mode];
+    f.F = dvbt_fftsize[mode];
     f.Fl = f.F * f.L;
     f.Gl = f.Fl / kGuardDivisor[delta];
     f.Sl = f.Fl + f.Gl;
-    f.K = kCarriers[mode];
+    f.K = dvbt_K[mode];
     f.Kc = (f.K - 1) / 2;
     f.J = (f.K - 1) / 3 + 1;
     f.bin.resize(f.K), f.freq.resize(f.K);
@@ -278,8 +278,8 @@ void set_mode(FrontEnd& f, int mode, int delta) {
         f.freq[k] = b;
         f.bin[k] = (b % f.Fl + f.Fl) % f.Fl;
     }
-    f.cps.assign(kContinual.begin(), kContinual.begin() + kContinualCount[mode]);
-    f.tpc.assign(kTpsCarriers.begin(), kTpsCarriers.begin() + kTpsCount[mode]);
+    f.cps.assign(cpilot.begin(), cpilot.begin() + cpilot_count[mode]);
+    f.tpc.assign(tps.begin(), tps.begin() + tps_count[mode]);
     f.cp_value.clear();
     for (int k : f.cps) f.cp_value.push_back(pilot_value(k));
     std::vector<uint8_t> special(static_cast<size_t>(f.K));
@@ -315,7 +315,7 @@ bool search(FrontEnd& f) {
     std::vector<double> E(static_cast<size_t>(span) + 1);
     for (int mode = 0; mode < 3; ++mode) {
         if (f.cfg.mode >= 0 && f.cfg.mode != mode) continue;
-        const int Fl = f.L * kFftSize[mode];
+        const int Fl = f.L * dvbt_fftsize[mode];
         P[0] = 0, E[0] = 0;
         for (int n = 0; n < span; ++n) {
             const cd a(x[n]), b(x[n + Fl]);
