@@ -139,7 +139,14 @@ TEST(Play, ConversionRoundsAndSaturatesPerFormat) {
         {"CS8",
          128,
          {{126.5, 127, false}, {127.5, 127, true}, {-128.5, -128, true}, {-127.5, -128, false}, {NAN, 127, true}}},
-        {"CF32", 1, {{0.75, 0.75, false}, {1.0, 1.0, false}, {1.5, 1.0, true}, {-1.5, -1.0, true}, {NAN, 1.0, true}}},
+        {"CF32",
+         1,
+         {{0.75, 0.75, false},
+          {1.0, 1.0, false},
+          {-1.0, -1.0, false},
+          {1.5, 1.0, true},
+          {-1.5, -1.0, true},
+          {NAN, 1.0, true}}},
     };
     for (const Case& c : cases) {
         const play::Format f = play::Format::make(c.native, c.fs);
