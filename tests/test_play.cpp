@@ -399,6 +399,12 @@ TEST(Play, SignalEndAndLiveInput) {
     const Fields f = fields(live.out);
     EXPECT_EQ(num(f, "samples"), std::llround(0.5 * dvbSampleRate(3, 0)));
     EXPECT_GT(num(f, "nulls"), 100);
+    // Garbage in the middle of standard input: skipped, counted and warned about, the packets around it sent.
+    const auto garbage = run_play(s.dir, "record=/dev/null,pace=0", {"-i", "-"},
+                                  "(head -c 18800 a.ts; printf 'not a packet at all'; cat a.ts) | env");
+    EXPECT_EQ(garbage.status, 0);
+    EXPECT_EQ(num(fields(garbage.out), "skipped"), 19);
+    EXPECT_TRUE(tu::contains(tu::read_text(s.dir / "err.txt"), "warning: 19 bytes of standard input that are not"));
     // Bytes that are not a transport stream: nothing is sent, status 1.
     const auto noise = run_play(s.dir, "", {"-i", "-"}, "head -c 3000000 /dev/urandom | env");
     EXPECT_EQ(noise.status, 1);
