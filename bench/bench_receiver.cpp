@@ -68,8 +68,8 @@ const std::vector<std::complex<float>>& cells_8k64() {
 }
 
 void BM_RxDecoder8k64(benchmark::State& state) {
-    rx::kernel_isa = static_cast<rx::Isa>(state.range(0));
-    if (rx::kernel_isa > rx::cpu_isa()) {
+    dvbKernelIsa = static_cast<dvbIsa>(state.range(0));
+    if (dvbKernelIsa > dvbCpuIsa()) {
         state.SkipWithError("not available on this processor");
         return;
     }
@@ -91,7 +91,7 @@ void BM_RxDecoder8k64(benchmark::State& state) {
                               std::span(cells).subspan(k * N8k, N8k), csi},
                              [&](const rx::Packet& p) { ok += p.ok; });
     }
-    rx::kernel_isa = rx::cpu_isa();
+    dvbKernelIsa = dvbCpuIsa();
     state.counters["packets_ok"] = static_cast<double>(ok) / static_cast<double>(state.iterations());
     // Seconds of signal decoded per second of processor time.
     state.counters["x_realtime"] = benchmark::Counter(static_cast<double>(symbols) / symbols_per_second,
@@ -99,8 +99,8 @@ void BM_RxDecoder8k64(benchmark::State& state) {
 }
 
 void BM_RxDemap64(benchmark::State& state) {
-    rx::kernel_isa = static_cast<rx::Isa>(state.range(0));
-    if (rx::kernel_isa > rx::cpu_isa()) {
+    dvbKernelIsa = static_cast<dvbIsa>(state.range(0));
+    if (dvbKernelIsa > dvbCpuIsa()) {
         state.SkipWithError("not available on this processor");
         return;
     }
@@ -116,14 +116,14 @@ void BM_RxDemap64(benchmark::State& state) {
         rx::demap(c, reinterpret_cast<const float*>(cells.data()), csi.data(), N8k, 0.5f, planes.data(), N8k);
         benchmark::DoNotOptimize(planes.data());
     }
-    rx::kernel_isa = rx::cpu_isa();
+    dvbKernelIsa = dvbCpuIsa();
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * N8k));
     state.SetLabel("cells");
 }
 
 void BM_RxViterbi(benchmark::State& state) {
-    rx::kernel_isa = static_cast<rx::Isa>(state.range(0));
-    if (rx::kernel_isa > rx::cpu_isa()) {
+    dvbKernelIsa = static_cast<dvbIsa>(state.range(0));
+    if (dvbKernelIsa > dvbCpuIsa()) {
         state.SkipWithError("not available on this processor");
         return;
     }
@@ -137,15 +137,15 @@ void BM_RxViterbi(benchmark::State& state) {
         rx::viterbi_acs(m.data(), pairs.data(), n, dec.data());
         benchmark::DoNotOptimize(dec.data());
     }
-    rx::kernel_isa = rx::cpu_isa();
+    dvbKernelIsa = dvbCpuIsa();
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * n));
     state.SetLabel("decoded bits");
 }
 
 // Four decoders at once, as the decoder runs its windows (bits of all four).
 void BM_RxViterbiFour(benchmark::State& state) {
-    rx::kernel_isa = static_cast<rx::Isa>(state.range(0));
-    if (rx::kernel_isa > rx::cpu_isa()) {
+    dvbKernelIsa = static_cast<dvbIsa>(state.range(0));
+    if (dvbKernelIsa > dvbCpuIsa()) {
         state.SkipWithError("not available on this processor");
         return;
     }
@@ -165,7 +165,7 @@ void BM_RxViterbiFour(benchmark::State& state) {
         rx::viterbi_acs_set(v, n);
         benchmark::DoNotOptimize(d[3].data());
     }
-    rx::kernel_isa = rx::cpu_isa();
+    dvbKernelIsa = dvbCpuIsa();
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations() * 4 * n));
     state.SetLabel("decoded bits");
 }
@@ -219,12 +219,12 @@ void BM_RxReedSolomonEightErrors(benchmark::State& state) {
 }
 
 void isa_args(benchmark::internal::Benchmark* b) {
-    for (int64_t isa : {rx::ISA_BASE, rx::ISA_AVX, rx::ISA_AVX512}) b->Arg(isa);
+    for (int64_t isa : {DVB_ISA_BASE, DVB_ISA_AVX, DVB_ISA_AVX512}) b->Arg(isa);
 }
 
 }  // namespace
 
-BENCHMARK(BM_RxDecoder8k64)->Arg(rx::ISA_AVX)->Arg(rx::ISA_AVX512)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_RxDecoder8k64)->Arg(DVB_ISA_AVX)->Arg(DVB_ISA_AVX512)->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_RxDemap64)->Apply(isa_args);
 BENCHMARK(BM_RxViterbi)->Apply(isa_args);
 BENCHMARK(BM_RxViterbiFour)->Apply(isa_args);

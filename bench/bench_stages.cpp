@@ -40,7 +40,7 @@ void BM_Ifft(benchmark::State& state) {
     const auto mode = static_cast<uint32_t>(state.range(1));
     set_mode(mode);
     const ofdm_ifft_form& f = ofdm_ifft_forms()[form];
-    if (!f.available) {
+    if (f.isa > dvbCpuIsa()) {
         state.SkipWithError("not available on this processor");
         return;
     }
@@ -61,7 +61,7 @@ void BM_Symbol(benchmark::State& state) {
     const auto mode = static_cast<uint32_t>(state.range(1));
     set_mode(mode);
     const ofdm_ifft_form& f = ofdm_ifft_forms()[form];
-    if (!f.available) {
+    if (f.isa > dvbCpuIsa()) {
         state.SkipWithError("not available on this processor");
         return;
     }

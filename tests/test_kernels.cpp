@@ -71,7 +71,7 @@ TEST(Kernels, EveryTransformFormMatchesThePlainRecurrence) {
                 ofdm_ifft_reference(want.data());
                 ofdm_ifft_forms()[0].symbol(cells.data(), want_sym.data());
                 for (const ofdm_ifft_form& f : ofdm_ifft_forms()) {
-                    if (!f.available) continue;
+                    if (f.isa > dvbCpuIsa()) continue;
                     std::vector<dvbComplex> got = cells, sym(F);
                     f.transform(got.data());
                     f.symbol(cells.data(), sym.data());

@@ -294,17 +294,6 @@ TEST(ReceiverReference, PlacesPacketsAndCountsTheirBitErrors) {
 
 namespace {
 
-std::vector<rx::Isa> rx_isas() {
-    std::vector<rx::Isa> v;
-    for (int isa = rx::ISA_BASE; isa <= rx::cpu_isa(); ++isa) v.push_back(static_cast<rx::Isa>(isa));
-    return v;
-}
-
-struct RxIsaScope {
-    explicit RxIsaScope(rx::Isa isa) { rx::kernel_isa = isa; }
-    ~RxIsaScope() { rx::kernel_isa = rx::cpu_isa(); }
-};
-
 // The add-compare-select of every instruction set takes the plain form's
 // decisions and ends with its metrics, over random soft values of every
 // magnitude (erasures and saturated values included), in calls of odd lengths.
@@ -320,8 +309,8 @@ TEST(ReceiverKernels, EveryViterbiFormDecidesAsThePlainOne) {
     std::array<int16_t, 64> want_m{};
     std::vector<uint64_t> want(5000);
     rx::viterbi_acs_plain(want_m.data(), pairs.data(), 5000, want.data());
-    for (rx::Isa isa : rx_isas()) {
-        RxIsaScope scope(isa);
+    for (dvbIsa isa : tu::isas()) {
+        tu::IsaScope scope(isa);
         std::array<int16_t, 64> m{};
         std::vector<uint64_t> got(5000);
         for (size_t at = 0, n = 1; at < 5000; at += n, n = std::min<size_t>(5000 - at, 1 + g() % 700))
@@ -329,9 +318,9 @@ TEST(ReceiverKernels, EveryViterbiFormDecidesAsThePlainOne) {
         EXPECT_EQ(got, want) << "isa " << isa;
     }
     // Up to four decoders at once decide as each alone.
-    for (rx::Isa isa : rx_isas())
+    for (dvbIsa isa : tu::isas())
         for (size_t count = 1; count <= rx::viterbi_many; count++) {
-            RxIsaScope scope(isa);
+            tu::IsaScope scope(isa);
             std::array<std::array<int16_t, 64>, 4> m{};
             std::array<std::vector<uint64_t>, 4> d;
             rx::ViterbiSet v;
@@ -351,8 +340,8 @@ TEST(ReceiverKernels, EveryViterbiFormDecidesAsThePlainOne) {
         }
     // Calls restart the every-32nd-step renormalisation, so only the decisions
     // and the metrics' differences are comparable after random call lengths.
-    for (rx::Isa isa : rx_isas()) {
-        RxIsaScope scope(isa);
+    for (dvbIsa isa : tu::isas()) {
+        tu::IsaScope scope(isa);
         std::array<int16_t, 64> m{};
         std::vector<uint64_t> got(5000);
         rx::viterbi_acs(m.data(), pairs.data(), 5000, got.data());
@@ -371,8 +360,8 @@ TEST(ReceiverKernels, EveryHardDecisionFormGivesThePlainWords) {
     rx::hard_decisions_plain(pairs.data(), 640, want[0].data(), want[1].data(), want[2].data(), want[3].data());
     EXPECT_EQ(want[0][3] >> 63, pairs[2 * 192] < 0 ? 1u : 0u);
     EXPECT_EQ(want[3][9] & 1, pairs[2 * 639 + 1] != 0 ? 1u : 0u);
-    for (rx::Isa isa : rx_isas()) {
-        RxIsaScope scope(isa);
+    for (dvbIsa isa : tu::isas()) {
+        tu::IsaScope scope(isa);
         std::array<std::vector<uint64_t>, 4> got;
         for (auto& w : got) w.resize(10);
         rx::hard_decisions(pairs.data(), 640, got[0].data(), got[1].data(), got[2].data(), got[3].data());
@@ -402,8 +391,8 @@ TEST(ReceiverKernels, EveryDemapperFormGivesThePlainBytes) {
             size_t varied = 0;
             for (size_t i = 0; i < c.bits * n; i++) varied += want[i] != 0 && want[i] != 127 && want[i] != -127;
             EXPECT_GT(varied, n) << "M " << M;
-            for (rx::Isa isa : rx_isas()) {
-                RxIsaScope scope(isa);
+            for (dvbIsa isa : tu::isas()) {
+                tu::IsaScope scope(isa);
                 got.assign(6 * n, 99);
                 rx::demap(c, cells.data(), csi.data(), n, scale, got.data(), n);
                 EXPECT_EQ(got, want) << "isa " << isa << " M " << M << " alpha " << alpha;

@@ -6,24 +6,6 @@
 
 namespace rx {
 
-Isa cpu_isa() {
-#if RX_X86
-    static const Isa isa = [] {
-        __builtin_cpu_init();
-        const bool avx512 = __builtin_cpu_supports("avx512f") && __builtin_cpu_supports("avx512bw") &&
-                            __builtin_cpu_supports("avx512vl") && __builtin_cpu_supports("avx512dq") &&
-                            __builtin_cpu_supports("bmi2");
-        const bool avx = __builtin_cpu_supports("avx");
-        return avx && avx512 ? ISA_AVX512 : avx ? ISA_AVX : ISA_BASE;
-    }();
-    return isa;
-#else
-    return ISA_BASE;
-#endif
-}
-
-Isa kernel_isa = cpu_isa();
-
 Constellation constellation(uint32_t M, uint32_t alpha) {
     Constellation c;
     // The transmitter's offset of the levels from the odd integers: 0, 1 or 3.
@@ -110,9 +92,9 @@ void demap_plain(const Constellation& c, const float* cells, const float* csi, s
 
 void demap(const Constellation& c, const float* cells, const float* csi, size_t n, float scale, int8_t* planes,
            size_t stride) {
-#if RX_X86
-    if (kernel_isa >= ISA_AVX512) return detail::demap_avx512(c, cells, csi, n, scale, planes, stride);
-    if (kernel_isa >= ISA_AVX) return detail::demap_avx(c, cells, csi, n, scale, planes, stride);
+#if TERVANE_X86
+    if (dvbUseAvx512()) return detail::demap_avx512(c, cells, csi, n, scale, planes, stride);
+    if (dvbUseAvx()) return detail::demap_avx(c, cells, csi, n, scale, planes, stride);
 #endif
     demap_plain(c, cells, csi, n, scale, planes, stride);
 }
@@ -140,17 +122,17 @@ void viterbi_acs_plain(int16_t* metrics, const int8_t* pairs, size_t n, uint64_t
 }
 
 void viterbi_acs(int16_t* metrics, const int8_t* pairs, size_t n, uint64_t* decisions) {
-#if RX_X86
-    if (kernel_isa >= ISA_AVX512) return detail::viterbi_acs_avx512(metrics, pairs, n, decisions);
-    if (kernel_isa >= ISA_AVX) return detail::viterbi_acs_avx(metrics, pairs, n, decisions);
+#if TERVANE_X86
+    if (dvbUseAvx512()) return detail::viterbi_acs_avx512(metrics, pairs, n, decisions);
+    if (dvbUseAvx()) return detail::viterbi_acs_avx(metrics, pairs, n, decisions);
 #endif
     viterbi_acs_plain(metrics, pairs, n, decisions);
 }
 
 void viterbi_acs_set(const ViterbiSet& v, size_t n) {
     if (v.count == 0 || v.count > viterbi_many) return;
-#if RX_X86
-    if (kernel_isa >= ISA_AVX512) return detail::viterbi_acs_set_avx512(v, n);
+#if TERVANE_X86
+    if (dvbUseAvx512()) return detail::viterbi_acs_set_avx512(v, n);
 #endif
     for (size_t k = 0; k < v.count; k++) viterbi_acs(v.metrics[k], v.pairs[k], n, v.decisions[k]);
 }
@@ -169,8 +151,8 @@ void hard_decisions_plain(const int8_t* pairs, size_t n, uint64_t* neg_x, uint64
 }
 
 void hard_decisions(const int8_t* pairs, size_t n, uint64_t* neg_x, uint64_t* any_x, uint64_t* neg_y, uint64_t* any_y) {
-#if RX_X86
-    if (kernel_isa >= ISA_AVX512) return detail::hard_decisions_avx512(pairs, n, neg_x, any_x, neg_y, any_y);
+#if TERVANE_X86
+    if (dvbUseAvx512()) return detail::hard_decisions_avx512(pairs, n, neg_x, any_x, neg_y, any_y);
 #endif
     hard_decisions_plain(pairs, n, neg_x, any_x, neg_y, any_y);
 }

@@ -1,31 +1,17 @@
 // The decoder's inner loops: the soft demapper and the add-compare-select of
 // the Viterbi decoder, each in a plain form and in x86 vector forms that give
-// the same bytes, chosen at run time by the processor's instruction sets.
+// the same bytes, chosen at run time by the dispatch rule the transmitter's kernels follow
+// (vectors/cpu.hpp).
 #pragma once
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
 
-#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__)) && !defined(TERVANE_PORTABLE)
-#define RX_X86 1
-#else
-#define RX_X86 0
-#endif
+#include "vectors/cpu.hpp"
+#include "vectors/simd.hpp"
 
 namespace rx {
-
-// The instruction sets the kernels may use, in increasing order.
-enum Isa : int {
-    ISA_BASE = 0,    // the plain forms
-    ISA_AVX = 1,     // AVX (128-bit integer operations)
-    ISA_AVX512 = 2,  // AVX-512 F, BW, VL, DQ with BMI2
-};
-
-// The widest set the processor offers.
-Isa cpu_isa();
-// The widest set the kernels use; starts at the processor's (tests lower it).
-extern Isa kernel_isa;
 
 // ---- Demapper ----
 

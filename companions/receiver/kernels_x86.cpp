@@ -2,29 +2,24 @@
 // holds the plain forms they equal, operation for operation.
 #include "receiver/kernels.hpp"
 
-#if RX_X86
+#if TERVANE_X86
 
 #if !defined(__clang__)
-#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
 #pragma GCC diagnostic ignored "-Wuninitialized"
 // Vector values pass only between functions of the same target.
 #pragma GCC diagnostic ignored "-Wpsabi"
 #endif
-#include <immintrin.h>
-
-#define RX_AVX512 __attribute__((target("avx512f,avx512bw,avx512vl,avx512dq,bmi,bmi2")))
-#define RX_AVX __attribute__((target("avx")))
 
 namespace rx::detail {
 
 namespace {
 
-RX_AVX512 inline __m512 sq(__m512 v) { return _mm512_mul_ps(v, v); }
-RX_AVX512 inline __m512 dist(__m512 ax, float m) { return sq(_mm512_sub_ps(ax, _mm512_set1_ps(m))); }
+TERVANE_AVX512 inline __m512 sq(__m512 v) { return _mm512_mul_ps(v, v); }
+TERVANE_AVX512 inline __m512 dist(__m512 ax, float m) { return sq(_mm512_sub_ps(ax, _mm512_set1_ps(m))); }
 
 // The quantiser of the plain form: not a number to 0, clamped to +-127,
 // rounded to the nearest (even) integer, at least 1 in size when not 0.
-RX_AVX512 inline __m128i quantise(__m512 v) {
+TERVANE_AVX512 inline __m128i quantise(__m512 v) {
     v = _mm512_maskz_mov_ps(_mm512_cmp_ps_mask(v, v, _CMP_ORD_Q), v);
     v = _mm512_max_ps(_mm512_min_ps(v, _mm512_set1_ps(127.0f)), _mm512_set1_ps(-127.0f));
     __m512i r = _mm512_cvtps_epi32(v);
@@ -35,13 +30,13 @@ RX_AVX512 inline __m128i quantise(__m512 v) {
     return _mm512_cvtepi32_epi8(r);
 }
 
-RX_AVX512 inline __m128i signed_soft(__m512 x, __m512 ds, __m512 w) {
+TERVANE_AVX512 inline __m128i signed_soft(__m512 x, __m512 ds, __m512 w) {
     const __m512 zero = _mm512_setzero_ps();
     return quantise(_mm512_mul_ps(_mm512_mask_sub_ps(ds, _mm512_cmp_ps_mask(x, zero, _CMP_LT_OQ), zero, ds), w));
 }
 
 template <uint32_t L>
-RX_AVX512 inline void axis(const float* m, __m512 x, __m512 w, int8_t* s, size_t stride) {
+TERVANE_AVX512 inline void axis(const float* m, __m512 x, __m512 w, int8_t* s, size_t stride) {
     const __m512 ax = _mm512_abs_ps(x);
     if constexpr (L == 1) {
         const __m512 d0 = dist(ax, m[0]);
@@ -65,8 +60,8 @@ RX_AVX512 inline void axis(const float* m, __m512 x, __m512 w, int8_t* s, size_t
 }
 
 template <uint32_t L>
-RX_AVX512 size_t demap_cells(const Constellation& c, const float* cells, const float* csi, size_t n, float scale,
-                             int8_t* planes, size_t stride) {
+TERVANE_AVX512 size_t demap_cells(const Constellation& c, const float* cells, const float* csi, size_t n, float scale,
+                                  int8_t* planes, size_t stride) {
     const __m512i even = _mm512_setr_epi32(0, 2, 4, 6, 8, 10, 12, 14, 16, 18, 20, 22, 24, 26, 28, 30);
     const __m512i odd = _mm512_setr_epi32(1, 3, 5, 7, 9, 11, 13, 15, 17, 19, 21, 23, 25, 27, 29, 31);
     size_t i = 0;
@@ -84,8 +79,8 @@ RX_AVX512 size_t demap_cells(const Constellation& c, const float* cells, const f
 
 }  // namespace
 
-RX_AVX512 void demap_avx512(const Constellation& c, const float* cells, const float* csi, size_t n, float scale,
-                            int8_t* planes, size_t stride) {
+TERVANE_AVX512 void demap_avx512(const Constellation& c, const float* cells, const float* csi, size_t n, float scale,
+                                 int8_t* planes, size_t stride) {
     size_t done = 0;
     if (c.bits == 2) done = demap_cells<1>(c, cells, csi, n, scale, planes, stride);
     if (c.bits == 4) done = demap_cells<2>(c, cells, csi, n, scale, planes, stride);
@@ -97,11 +92,11 @@ RX_AVX512 void demap_avx512(const Constellation& c, const float* cells, const fl
 namespace {
 
 // The same with 256-bit floats (AVX), 8 cells at a time.
-RX_AVX inline __m256 sq8(__m256 v) { return _mm256_mul_ps(v, v); }
-RX_AVX inline __m256 dist8(__m256 ax, float m) { return sq8(_mm256_sub_ps(ax, _mm256_set1_ps(m))); }
-RX_AVX inline __m256 min8(__m256 a, __m256 b) { return _mm256_min_ps(a, b); }
+TERVANE_AVX inline __m256 sq8(__m256 v) { return _mm256_mul_ps(v, v); }
+TERVANE_AVX inline __m256 dist8(__m256 ax, float m) { return sq8(_mm256_sub_ps(ax, _mm256_set1_ps(m))); }
+TERVANE_AVX inline __m256 min8(__m256 a, __m256 b) { return _mm256_min_ps(a, b); }
 
-RX_AVX inline void quantise8(__m256 v, int8_t* out) {
+TERVANE_AVX inline void quantise8(__m256 v, int8_t* out) {
     const __m256 zero = _mm256_setzero_ps();
     v = _mm256_and_ps(v, _mm256_cmp_ps(v, v, _CMP_ORD_Q));
     v = _mm256_max_ps(_mm256_min_ps(v, _mm256_set1_ps(127.0f)), _mm256_set1_ps(-127.0f));
@@ -114,14 +109,14 @@ RX_AVX inline void quantise8(__m256 v, int8_t* out) {
     _mm_storel_epi64(reinterpret_cast<__m128i*>(out), _mm_packs_epi16(w, w));
 }
 
-RX_AVX inline void signed_soft8(__m256 x, __m256 ds, __m256 w, int8_t* out) {
+TERVANE_AVX inline void signed_soft8(__m256 x, __m256 ds, __m256 w, int8_t* out) {
     const __m256 zero = _mm256_setzero_ps();
     const __m256 neg = _mm256_cmp_ps(x, zero, _CMP_LT_OQ);
     quantise8(_mm256_mul_ps(_mm256_blendv_ps(ds, _mm256_sub_ps(zero, ds), neg), w), out);
 }
 
 template <uint32_t L>
-RX_AVX inline void axis8(const float* m, __m256 x, __m256 w, int8_t* s, size_t stride) {
+TERVANE_AVX inline void axis8(const float* m, __m256 x, __m256 w, int8_t* s, size_t stride) {
     const __m256 ax = _mm256_and_ps(x, _mm256_castsi256_ps(_mm256_set1_epi32(0x7FFFFFFF)));
     if constexpr (L == 1) {
         const __m256 d0 = dist8(ax, m[0]);
@@ -140,8 +135,8 @@ RX_AVX inline void axis8(const float* m, __m256 x, __m256 w, int8_t* s, size_t s
 }
 
 template <uint32_t L>
-RX_AVX size_t demap_cells8(const Constellation& c, const float* cells, const float* csi, size_t n, float scale,
-                           int8_t* planes, size_t stride) {
+TERVANE_AVX size_t demap_cells8(const Constellation& c, const float* cells, const float* csi, size_t n, float scale,
+                                int8_t* planes, size_t stride) {
     size_t i = 0;
     for (; i + 8 <= n; i += 8) {
         const __m256 a = _mm256_loadu_ps(cells + 2 * i), b = _mm256_loadu_ps(cells + 2 * i + 8);
@@ -158,8 +153,8 @@ RX_AVX size_t demap_cells8(const Constellation& c, const float* cells, const flo
 
 }  // namespace
 
-RX_AVX void demap_avx(const Constellation& c, const float* cells, const float* csi, size_t n, float scale,
-                      int8_t* planes, size_t stride) {
+TERVANE_AVX void demap_avx(const Constellation& c, const float* cells, const float* csi, size_t n, float scale,
+                           int8_t* planes, size_t stride) {
     size_t done = 0;
     if (c.bits == 2) done = demap_cells8<1>(c, cells, csi, n, scale, planes, stride);
     if (c.bits == 4) done = demap_cells8<2>(c, cells, csi, n, scale, planes, stride);
@@ -181,7 +176,7 @@ inline uint64_t branch_metrics(const int8_t* p) {
 
 // The branch metrics of up to 32 steps, four 16-bit values a step (code bits
 // 00, 01, 10, 11: x + y, x - y, -x + y, -x - y), from the soft values.
-RX_AVX512 void branch_tables(const int8_t* pairs, size_t m, uint64_t* tbl) {
+TERVANE_AVX512 void branch_tables(const int8_t* pairs, size_t m, uint64_t* tbl) {
     const __m512i v = _mm512_maskz_loadu_epi8(_bzhi_u64(~uint64_t{0}, static_cast<uint32_t>(2 * m)), pairs);
     alignas(64) int16_t ix[32], iy[32];
     for (int l = 0; l < 32; l++)
@@ -211,7 +206,7 @@ struct Acs {
     __m512i idx_e, idx_l, idx_h;
 };
 
-RX_AVX512 inline Acs acs_tables() {
+TERVANE_AVX512 inline Acs acs_tables() {
     alignas(64) int16_t ie[32], il[32], ih[32];
     for (int j = 0; j < 32; j++) {
         ie[j] = branch_bits[2 * j];
@@ -221,7 +216,7 @@ RX_AVX512 inline Acs acs_tables() {
     return {_mm512_load_si512(ie), _mm512_load_si512(il), _mm512_load_si512(ih)};
 }
 
-RX_AVX512 inline void acs_step(const Acs& a, uint64_t tbl, __m512i& lo, __m512i& hi, uint64_t* decision) {
+TERVANE_AVX512 inline void acs_step(const Acs& a, uint64_t tbl, __m512i& lo, __m512i& hi, uint64_t* decision) {
     // The odd state's branch carries the even one's code bits inverted.
     const __m512i be = _mm512_permutexvar_epi16(a.idx_e, _mm512_set1_epi64(static_cast<long long>(tbl)));
     const __m512i ae = _mm512_add_epi16(lo, be), ce = _mm512_sub_epi16(hi, be);
@@ -232,12 +227,12 @@ RX_AVX512 inline void acs_step(const Acs& a, uint64_t tbl, __m512i& lo, __m512i&
     hi = _mm512_permutex2var_epi16(ne, a.idx_h, no);
 }
 
-RX_AVX512 inline void renormalise(__m512i& lo, __m512i& hi) {
+TERVANE_AVX512 inline void renormalise(__m512i& lo, __m512i& hi) {
     const __m512i b = _mm512_broadcastw_epi16(_mm512_castsi512_si128(lo));
     lo = _mm512_sub_epi16(lo, b), hi = _mm512_sub_epi16(hi, b);
 }
 
-RX_AVX512 void viterbi_acs_avx512(int16_t* metrics, const int8_t* pairs, size_t n, uint64_t* decisions) {
+TERVANE_AVX512 void viterbi_acs_avx512(int16_t* metrics, const int8_t* pairs, size_t n, uint64_t* decisions) {
     const Acs a = acs_tables();
     __m512i lo = _mm512_loadu_si512(metrics), hi = _mm512_loadu_si512(metrics + 32);
     alignas(64) uint64_t tbl[32];
@@ -254,7 +249,7 @@ RX_AVX512 void viterbi_acs_avx512(int16_t* metrics, const int8_t* pairs, size_t 
 // K decoders step by step: each step's operations depend on the step before
 // in the same decoder only, so the processor overlaps the K chains.
 template <size_t K>
-RX_AVX512 void acs_set(const ViterbiSet& v, size_t n) {
+TERVANE_AVX512 void acs_set(const ViterbiSet& v, size_t n) {
     const Acs a = acs_tables();
     __m512i lo[K], hi[K];
     alignas(64) uint64_t tbl[K][32];
@@ -274,7 +269,7 @@ RX_AVX512 void acs_set(const ViterbiSet& v, size_t n) {
         _mm512_storeu_si512(v.metrics[k], lo[k]), _mm512_storeu_si512(v.metrics[k] + 32, hi[k]);
 }
 
-RX_AVX512 void viterbi_acs_set_avx512(const ViterbiSet& v, size_t n) {
+TERVANE_AVX512 void viterbi_acs_set_avx512(const ViterbiSet& v, size_t n) {
     switch (v.count) {
     case 1: return acs_set<1>(v, n);
     case 2: return acs_set<2>(v, n);
@@ -286,8 +281,8 @@ RX_AVX512 void viterbi_acs_set_avx512(const ViterbiSet& v, size_t n) {
 
 // 32 steps at a time: the 64 bytes reversed, so that the first step's X sign
 // lands in the mask's highest bit, X in the odd bits and Y in the even ones.
-RX_AVX512 void hard_decisions_avx512(const int8_t* pairs, size_t n, uint64_t* neg_x, uint64_t* any_x, uint64_t* neg_y,
-                                     uint64_t* any_y) {
+TERVANE_AVX512 void hard_decisions_avx512(const int8_t* pairs, size_t n, uint64_t* neg_x, uint64_t* any_x,
+                                          uint64_t* neg_y, uint64_t* any_y) {
     const __m512i rev =
         _mm512_set_epi64(0x0001020304050607, 0x08090A0B0C0D0E0F, 0x0001020304050607, 0x08090A0B0C0D0E0F,
                          0x0001020304050607, 0x08090A0B0C0D0E0F, 0x0001020304050607, 0x08090A0B0C0D0E0F);
@@ -309,7 +304,7 @@ RX_AVX512 void hard_decisions_avx512(const int8_t* pairs, size_t n, uint64_t* ne
 // The same with 128-bit registers: m[r] holds states 8 r .. 8 r + 7; the
 // survivors of states 16 c .. 16 c + 15 come from m[c] and m[c + 4], and the
 // interleave of the even and odd results stays within each register pair.
-RX_AVX void viterbi_acs_avx(int16_t* metrics, const int8_t* pairs, size_t n, uint64_t* decisions) {
+TERVANE_AVX void viterbi_acs_avx(int16_t* metrics, const int8_t* pairs, size_t n, uint64_t* decisions) {
     __m128i m[8], ctl_e[4], ctl_o[4];
     for (int r = 0; r < 8; r++) m[r] = _mm_loadu_si128(reinterpret_cast<const __m128i*>(metrics + 8 * r));
     for (int c = 0; c < 4; c++) {

@@ -5,9 +5,12 @@
 #include <cstring>
 
 #include "frame/print.hpp"
+#include "inner/inner_x86.hpp"
 #include "vectors/cpu.hpp"
 #include "vectors/simd.hpp"
 #include "vectors/written.hpp"
+
+using namespace inner_detail;
 
 namespace {
 
@@ -36,38 +39,12 @@ constexpr std::array<NibbleBits, 1024> enc_nibble = [] {
 // ---------------------------------------------------------------------------
 // Encoder on whole words: eight input bytes give 128 coded bits at once.
 
-// Reverses the bits of every byte, so that the input bits, most significant
-// first within each byte, lie in time order from bit 0 up.
-inline uint64_t bits_in_time_order(uint64_t x) {
-    x = ((x >> 1) & 0x5555555555555555ull) | ((x & 0x5555555555555555ull) << 1);
-    x = ((x >> 2) & 0x3333333333333333ull) | ((x & 0x3333333333333333ull) << 2);
-    return ((x >> 4) & 0x0F0F0F0F0F0F0F0Full) | ((x & 0x0F0F0F0F0F0F0F0Full) << 4);
-}
-
-// The 64 input bits from time order (bit i the i-th bit), with prev the word
-// before, give the X and Y bits of each time: X_i = b_i ^ b_i-1 ^ b_i-2 ^ b_i-3
-// ^ b_i-6 and Y_i = b_i ^ b_i-2 ^ b_i-3 ^ b_i-5 ^ b_i-6 (taps 0x4F and 0x6D).
-struct CodedWords {
-    uint64_t x, y;
-};
-inline CodedWords code_word(uint64_t w, uint64_t prev) {
-    const auto back = [w, prev](int k) { return (w << k) | (prev >> (64 - k)); };
-    const uint64_t s2 = back(2), s3 = back(3), s6 = back(6);
-    return {w ^ back(1) ^ s2 ^ s3 ^ s6, w ^ s2 ^ s3 ^ back(5) ^ s6};
-}
-
 // The input bits before the run, in the place the previous word would hold
 // them (b_-1 at bit 63), from the shift register.
 inline uint64_t prev_from_state(uint32_t st) {
     uint64_t prev = 0;
     for (int j = 0; j < 6; j++) prev |= static_cast<uint64_t>((st >> j) & 1u) << (63 - j);
     return prev;
-}
-
-inline uint64_t load64(const uint8_t* p) {
-    uint64_t x;
-    std::memcpy(&x, p, 8);
-    return x;
 }
 
 // Bits 0..31 of x spread to the even bits of the result.
@@ -107,56 +84,6 @@ void encode_groups(const uint8_t* src, uint8_t* dst, uint32_t g, uint64_t* prev)
     *prev = pw;
 }
 
-#if TERVANE_X86
-TERVANE_AVX512 void encode_groups_avx512(const uint8_t* src, uint8_t* dst, uint32_t g, uint64_t* prev) {
-    const __m512i one = _mm512_set1_epi8(1);
-    uint64_t pw = *prev;
-    for (uint32_t i = 0; i < g; i++, src += 8, dst += 128) {
-        const uint64_t w = bits_in_time_order(load64(src));
-        const CodedWords c = code_word(w, pw);
-        pw = w;
-        constexpr uint64_t even = 0x5555555555555555ull, odd = 0xAAAAAAAAAAAAAAAAull;
-        const uint64_t m0 = _pdep_u64(c.x, even) | _pdep_u64(c.y, odd);
-        const uint64_t m1 = _pdep_u64(c.x >> 32, even) | _pdep_u64(c.y >> 32, odd);
-        _mm512_storeu_si512(dst, _mm512_maskz_mov_epi8(m0, one));
-        _mm512_storeu_si512(dst + 64, _mm512_maskz_mov_epi8(m1, one));
-    }
-    *prev = pw;
-}
-#endif
-
-// Kept positions of one period for rate index R, taken from p_mat.
-template <int R>
-constexpr auto kept_positions() {
-    std::array<uint32_t, out_plen[R]> idx{};
-    uint32_t m = 0;
-    for (uint32_t k = 0; k < static_cast<uint32_t>(in_plen[R]); k++)
-        if (p_mat[R][k] != 0) idx[m++] = k;
-    return idx;
-}
-
-#if TERVANE_X86
-// Whole periods of rate index R with one byte permutation per register: as
-// many periods as fit in 64 input bytes, gathered into their kept bits.
-// Returns the periods done (a multiple of that count).
-template <int R>
-TERVANE_AVX512 uint32_t puncture_avx512(const uint8_t* s, uint8_t* d, uint32_t periods) {
-    constexpr uint32_t ip = in_plen[R];
-    constexpr uint32_t op = out_plen[R];
-    constexpr uint32_t P = 64 / ip;
-    constexpr auto idx = kept_positions<R>();
-    alignas(64) uint8_t perm[64] = {};
-    for (uint32_t o = 0; o < P * op; o++) perm[o] = static_cast<uint8_t>((o / op) * ip + idx[o % op]);
-    const __m512i pv = _mm512_load_si512(perm);
-    const __mmask64 in_mask = ~0ull >> (64 - P * ip);
-    const __mmask64 out_mask = ~0ull >> (64 - P * op);
-    uint32_t done = 0;
-    for (; done + P <= periods; done += P, s += P * ip, d += P * op)
-        _mm512_mask_storeu_epi8(d, out_mask, _mm512_permutexvar_epi8(pv, _mm512_maskz_loadu_epi8(in_mask, s)));
-    return done;
-}
-#endif
-
 // Punctures q whole periods at rate index R from ring position *r to ring
 // position *w. Runs of periods that lie contiguous in both rings go through a
 // fixed gather loop; a period that crosses a ring end is done element by element.
@@ -174,7 +101,7 @@ void puncture_periods(const uint8_t* src, uint32_t ilen, uint32_t* r, uint8_t* d
         uint8_t* d = dst + wi;
 #if TERVANE_X86
         if (dvbUseAvx512()) {
-            const uint32_t done = puncture_avx512<R>(s, d, run);
+            const uint32_t done = puncture_avx512(R, s, d, run);
             s += done * ip;
             d += done * op;
             run -= done;

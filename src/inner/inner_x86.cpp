@@ -1,5 +1,6 @@
-// The x86 vector forms of the bit interleaver and the mapper; inner_int.cpp and
-// mapper.cpp hold the portable forms they equal.
+// The x86 vector forms of the coder, the puncturer, the bit interleaver and the
+// mapper; inner_coder.cpp, inner_int.cpp and mapper.cpp hold the portable forms
+// they equal.
 #include "inner/inner_x86.hpp"
 
 #if TERVANE_X86
@@ -7,6 +8,56 @@
 #include <cstring>
 
 namespace inner_detail {
+
+TERVANE_AVX512 void encode_groups_avx512(const uint8_t* src, uint8_t* dst, uint32_t g, uint64_t* prev) {
+    const __m512i one = _mm512_set1_epi8(1);
+    uint64_t pw = *prev;
+    for (uint32_t i = 0; i < g; i++, src += 8, dst += 128) {
+        const uint64_t w = bits_in_time_order(load64(src));
+        const CodedWords c = code_word(w, pw);
+        pw = w;
+        constexpr uint64_t even = 0x5555555555555555ull, odd = 0xAAAAAAAAAAAAAAAAull;
+        const uint64_t m0 = _pdep_u64(c.x, even) | _pdep_u64(c.y, odd);
+        const uint64_t m1 = _pdep_u64(c.x >> 32, even) | _pdep_u64(c.y >> 32, odd);
+        _mm512_storeu_si512(dst, _mm512_maskz_mov_epi8(m0, one));
+        _mm512_storeu_si512(dst + 64, _mm512_maskz_mov_epi8(m1, one));
+    }
+    *prev = pw;
+}
+
+namespace {
+
+// Whole periods of rate index R with one byte permutation per register: as
+// many periods as fit in 64 input bytes, gathered into their kept bits.
+// Returns the periods done (a multiple of that count).
+template <int R>
+TERVANE_AVX512 uint32_t puncture_periods(const uint8_t* s, uint8_t* d, uint32_t periods) {
+    constexpr uint32_t ip = in_plen[R];
+    constexpr uint32_t op = out_plen[R];
+    constexpr uint32_t P = 64 / ip;
+    constexpr auto idx = kept_positions<R>();
+    alignas(64) uint8_t perm[64] = {};
+    for (uint32_t o = 0; o < P * op; o++) perm[o] = static_cast<uint8_t>((o / op) * ip + idx[o % op]);
+    const __m512i pv = _mm512_load_si512(perm);
+    const __mmask64 in_mask = ~0ull >> (64 - P * ip);
+    const __mmask64 out_mask = ~0ull >> (64 - P * op);
+    uint32_t done = 0;
+    for (; done + P <= periods; done += P, s += P * ip, d += P * op)
+        _mm512_mask_storeu_epi8(d, out_mask, _mm512_permutexvar_epi8(pv, _mm512_maskz_loadu_epi8(in_mask, s)));
+    return done;
+}
+
+}  // namespace
+
+TERVANE_AVX512 uint32_t puncture_avx512(int R, const uint8_t* s, uint8_t* d, uint32_t periods) {
+    switch (R) {
+    case 0: return puncture_periods<0>(s, d, periods);
+    case 1: return puncture_periods<1>(s, d, periods);
+    case 2: return puncture_periods<2>(s, d, periods);
+    case 3: return puncture_periods<3>(s, d, periods);
+    default: return puncture_periods<4>(s, d, periods);
+    }
+}
 
 namespace {
 

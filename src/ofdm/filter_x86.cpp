@@ -51,21 +51,19 @@ __attribute__((always_inline)) inline void sums(const dvbComplex* x, V (&acc)[U]
 // The outputs of one block in order, R per input. The pairs are moved as 64-bit
 // elements: unpack puts outputs m and m + 1 of one input side by side, the lane
 // shuffles put the inputs in order.
-__attribute__((target("avx"))) inline __m256d pd(__m256 a) { return _mm256_castps_pd(a); }
-__attribute__((target("avx"))) inline void store_u(dvbComplex* y, __m256d v) {
-    _mm256_storeu_pd(reinterpret_cast<double*>(y), v);
-}
+TERVANE_AVX inline __m256d pd(__m256 a) { return _mm256_castps_pd(a); }
+TERVANE_AVX inline void store_u(dvbComplex* y, __m256d v) { _mm256_storeu_pd(reinterpret_cast<double*>(y), v); }
 TERVANE_AVX512 inline __m512d pd(__m512 a) { return _mm512_castps_pd(a); }
 TERVANE_AVX512 inline void store_u(dvbComplex* y, __m512d v) { _mm512_storeu_pd(reinterpret_cast<double*>(y), v); }
 
-__attribute__((target("avx"))) inline void store_outputs(const __m256 (&a)[2], dvbComplex* o) {
+TERVANE_AVX inline void store_outputs(const __m256 (&a)[2], dvbComplex* o) {
     const __m256d p = _mm256_unpacklo_pd(pd(a[0]), pd(a[1]));  // inputs 0 and 2
     const __m256d q = _mm256_unpackhi_pd(pd(a[0]), pd(a[1]));  // inputs 1 and 3
     store_u(o, _mm256_permute2f128_pd(p, q, 0x20));
     store_u(o + 4, _mm256_permute2f128_pd(p, q, 0x31));
 }
 
-__attribute__((target("avx"))) inline void store_outputs(const __m256 (&a)[4], dvbComplex* o) {
+TERVANE_AVX inline void store_outputs(const __m256 (&a)[4], dvbComplex* o) {
     const __m256d p = _mm256_unpacklo_pd(pd(a[0]), pd(a[1]));  // outputs 0, 1 of inputs 0 and 2
     const __m256d q = _mm256_unpackhi_pd(pd(a[0]), pd(a[1]));  // of inputs 1 and 3
     const __m256d r = _mm256_unpacklo_pd(pd(a[2]), pd(a[3]));  // outputs 2, 3 of inputs 0 and 2
@@ -111,10 +109,10 @@ __attribute__((always_inline)) inline uint32_t blocks(const dvbComplex* x, uint3
 
 }  // namespace
 
-__attribute__((target("avx"))) uint32_t interpolate2_avx(const dvbComplex* x, uint32_t c, dvbComplex* y) {
+TERVANE_AVX uint32_t interpolate2_avx(const dvbComplex* x, uint32_t c, dvbComplex* y) {
     return blocks<2, 4, __m256>(x, c, y);
 }
-__attribute__((target("avx"))) uint32_t interpolate4_avx(const dvbComplex* x, uint32_t c, dvbComplex* y) {
+TERVANE_AVX uint32_t interpolate4_avx(const dvbComplex* x, uint32_t c, dvbComplex* y) {
     return blocks<4, 2, __m256>(x, c, y);
 }
 TERVANE_AVX512 uint32_t interpolate2_avx512(const dvbComplex* x, uint32_t c, dvbComplex* y) {

@@ -3,7 +3,6 @@
 
 #include <array>
 #include <bit>
-#include <chrono>
 #include <cmath>
 #include <cstring>
 #include <numbers>
@@ -15,16 +14,6 @@
 #include "vectors/cpu.hpp"
 #include "vectors/simd.hpp"
 #include "vectors/written.hpp"
-
-// The state the x86 kernels share with the portable code.
-namespace ofdm_detail {
-alignas(64) std::array<double, 2 * max_F> twc{};
-alignas(64) std::array<double, 2 * max_F> tws{};
-uint32_t fft_size = 0;
-int32_t stages = 0;
-alignas(64) std::array<int32_t, max_F> gather8{};
-uint32_t gather_K = 0;
-}  // namespace ofdm_detail
 
 namespace {
 
@@ -39,14 +28,13 @@ uint32_t prf = 0, prf_len = 0;
 
 std::array<uint32_t, max_F> bro{};
 
+// The transform's state, passed to every form. The recurrence restarts from
+// the same seeds in every block, so one sequence of twiddle factors per stage
+// serves all blocks with the very same values.
+IfftState ifft;
+
 // Recurrence seeds per stage v = 1 .. 13 (index 0 unused).
 std::array<float, max_stages + 1> ism2{}, icm2{}, ism1{}, icm1{}, iw{};
-
-// Twiddle factors of every stage as the recurrence yields them: stage v holds
-// its H = 2^(v-1) factors from index H - 1 on. The recurrence restarts from the
-// same seeds in every block, so one sequence per stage serves all blocks with
-// the very same values. Each factor c + i s is kept as the pairs (c, c) in twc
-// and (-s, s) in tws, the operands of a butterfly on an interleaved (re, im) value.
 
 // The cells of a symbol that crosses the end of the input ring.
 std::array<dvbComplex, max_K> in_buf{};
@@ -106,28 +94,22 @@ uint32_t carrier_of_bin(uint32_t mapping, uint32_t m, uint32_t K) {
     }
 }
 
-// Source cell of every position of the work area: the carrier of bin bro[p],
-// or K for an empty bin. Filling the work area in position order gathers the
-// spectrum already in bit-reversed order. gather8 holds the same indices with
-// each group of eight in the order 0 2 4 6 1 3 5 7, as the 512-bit first pass
-// takes them.
-std::array<uint32_t, max_F> gather{};
-int64_t gather_mapping = -1;
-
+// Fills the record's gather tables for the given frequency mapping.
 void build_gather(uint32_t mapping) {
     const auto K = static_cast<uint32_t>(dvbt_K[dvbt_parms.mode]);
-    for (uint32_t p = 0; p < fft_size; p++) gather[p] = carrier_of_bin(mapping, bro[p], K);
+    for (uint32_t p = 0; p < ifft.fft_size; p++) ifft.gather[p] = carrier_of_bin(mapping, bro[p], K);
     constexpr uint32_t order[8] = {0, 2, 4, 6, 1, 3, 5, 7};
-    for (uint32_t p = 0; p < fft_size; p++) gather8[p] = static_cast<int32_t>(gather[(p & ~7u) + order[p & 7u]]);
-    gather_mapping = mapping;
-    gather_K = K;
+    for (uint32_t p = 0; p < ifft.fft_size; p++)
+        ifft.gather8[p] = static_cast<int32_t>(ifft.gather[(p & ~7u) + order[p & 7u]]);
+    ifft.mapping = mapping;
+    ifft.gather_K = K;
 }
 
 // Places the K cells in bit-reversed bin order into dst[0 .. F-1], empty bins zero.
 void place_cells(const dvbComplex* cells, dvbComplex* dst) {
-    const uint32_t K = gather_K;
-    for (uint32_t p = 0; p < fft_size; p++) {
-        const uint32_t g = gather[p];
+    const uint32_t K = ifft.gather_K;
+    for (uint32_t p = 0; p < ifft.fft_size; p++) {
+        const uint32_t g = ifft.gather[p];
         dst[p] = g < K ? cells[g] : dvbComplex{0.0f, 0.0f};
     }
 }
@@ -142,15 +124,25 @@ void symbol_generic(const dvbComplex* cells, dvbComplex* dst) {
 }
 
 #if TERVANE_X86
+// The vector forms on the record.
+void transform_avx(dvbComplex* buf) { ifft_avx(ifft, buf); }
+void transform_avx512(dvbComplex* buf) { ifft_avx512(ifft, buf); }
 void symbol_avx(const dvbComplex* cells, dvbComplex* dst) {
     place_cells(cells, dst);
-    ifft_avx(dst);
+    ifft_avx(ifft, dst);
 }
-
+void symbol_avx512(const dvbComplex* cells, dvbComplex* dst) { ofdm_detail::symbol_avx512(ifft, cells, dst); }
 #endif
 
-// The form the modulator uses, chosen once by init_ifft.
-void (*symbol_fn)(const dvbComplex*, dvbComplex*) = symbol_generic;
+// The form the modulator uses: the last of the forms (the widest) that the
+// kernels may use.
+using symbol_form = void (*)(const dvbComplex*, dvbComplex*);
+symbol_form modulator_form() {
+    symbol_form fn = symbol_generic;
+    for (const ofdm_ifft_form& f : ofdm_ifft_forms())
+        if (f.transform != ofdm_ifft_reference && dvbUseIsa(f.isa)) fn = f.symbol;
+    return fn;
+}
 
 // Running state of the sample output.
 float wsymb = 0.0f;
@@ -268,8 +260,8 @@ void init_ifft() {
     const uint32_t mode = dvbt_parms.mode;
     const auto F = static_cast<uint32_t>(dvbt_fftsize[mode]);
     const auto K = static_cast<uint32_t>(dvbt_K[mode]);
-    fft_size = F;
-    stages = bit_num[mode];
+    ifft.fft_size = F;
+    ifft.stages = bit_num[mode];
 
     K_p1_2 = (K + 1) / 2;
     K_m1_2 = (K - 1) / 2;
@@ -283,16 +275,16 @@ void init_ifft() {
     for (uint32_t i = 0; i < F; i++) {
         uint32_t r = 0;
         uint32_t v = i;
-        for (int32_t bit = 0; bit < stages; bit++) {
+        for (int32_t bit = 0; bit < ifft.stages; bit++) {
             r = (r << 1) | (v & 1u);
             v >>= 1;
         }
         bro[i] = r;
     }
-    gather_mapping = -1;
+    ifft.mapping = -1;
 
     constexpr auto two_pi = static_cast<float>(2.0 * std::numbers::pi);
-    for (int32_t v = 1; v <= stages; v++) {
+    for (int32_t v = 1; v <= ifft.stages; v++) {
         const float theta = two_pi / static_cast<float>(1u << v);
         const double two_theta = -2.0 * static_cast<double>(theta);
         const auto sv = static_cast<size_t>(v);
@@ -303,10 +295,10 @@ void init_ifft() {
         iw[sv] = 2.0f * icm1[sv];
     }
 
-    for (int32_t v = 1; v <= stages; v++) {
+    for (int32_t v = 1; v <= ifft.stages; v++) {
         const uint32_t H = 1u << (v - 1);
-        double* c = twc.data() + 2 * (H - 1);
-        double* s = tws.data() + 2 * (H - 1);
+        double* c = ifft.twc.data() + 2 * (H - 1);
+        double* s = ifft.tws.data() + 2 * (H - 1);
         stage_recurrence(v, H, [c, s](uint32_t j, double cj, double sj) {
             c[2 * j] = cj;
             c[2 * j + 1] = cj;
@@ -315,45 +307,24 @@ void init_ifft() {
         });
     }
 
-    // The modulator's form: of the vector forms the processor runs, the one that
-    // transforms a symbol fastest here (a wider form is not always faster: some
-    // processors split 512-bit operations in two). All give the same values.
     build_gather(dvbt_parms.ifftmm);
-    symbol_fn = symbol_generic;
-    double best = 0.0;
-    for (const ofdm_ifft_form& f : ofdm_ifft_forms()) {
-        if (!f.available || f.transform == ofdm_ifft_reference) continue;
-        for (uint32_t k = 0; k < K; k++)
-            in_buf[k] = {static_cast<float>(k % 7) - 3.0f, static_cast<float>(k % 5) - 2.0f};
-        double t = 0.0;
-        for (int round = 0; round < 4; round++) {
-            const auto t0 = std::chrono::steady_clock::now();
-            f.symbol(in_buf.data(), out_buf.data());
-            const double dt = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-            if (round == 0 || dt < t) t = dt;
-        }
-        if (best == 0.0 || t < best) {
-            best = t;
-            symbol_fn = f.symbol;
-        }
-    }
 }
 
 std::span<const ofdm_ifft_form> ofdm_ifft_forms() {
     static const ofdm_ifft_form forms[] = {
-        {"reference", true, ofdm_ifft_reference, symbol_reference},
-        {"generic", true, ofdm_ifft_generic, symbol_generic},
+        {"reference", DVB_ISA_BASE, ofdm_ifft_reference, symbol_reference},
+        {"generic", DVB_ISA_BASE, ofdm_ifft_generic, symbol_generic},
 #if TERVANE_X86
-        {"avx", dvbCpuIsa() >= DVB_ISA_AVX, ifft_avx, symbol_avx},
-        {"avx512", dvbCpuIsa() >= DVB_ISA_AVX512, ifft_avx512, symbol_avx512},
+        {"avx", DVB_ISA_AVX, transform_avx, symbol_avx},
+        {"avx512", DVB_ISA_AVX512, transform_avx512, symbol_avx512},
 #endif
     };
     return forms;
 }
 
 void ofdm_ifft_reference(dvbComplex* buf) {
-    const uint32_t F = fft_size;
-    for (int32_t v = 1; v <= stages; v++) {
+    const uint32_t F = ifft.fft_size;
+    for (int32_t v = 1; v <= ifft.stages; v++) {
         const uint32_t H = 1u << (v - 1);
         const uint32_t B = H << 1;
         for (uint32_t z = 0; z < F; z += B) {
@@ -364,12 +335,12 @@ void ofdm_ifft_reference(dvbComplex* buf) {
 }
 
 void ofdm_ifft_generic(dvbComplex* buf) {
-    const uint32_t F = fft_size;
-    for (int32_t v = 1; v <= stages; v++) {
+    const uint32_t F = ifft.fft_size;
+    for (int32_t v = 1; v <= ifft.stages; v++) {
         const uint32_t H = 1u << (v - 1);
         const uint32_t B = H << 1;
-        const double* c = twc.data() + 2 * (H - 1);
-        const double* s = tws.data() + 2 * (H - 1);
+        const double* c = ifft.twc.data() + 2 * (H - 1);
+        const double* s = ifft.tws.data() + 2 * (H - 1);
         for (uint32_t z = 0; z < F; z += B) {
             dvbComplex* blk = buf + z;
             for (uint32_t j = 0; j < H; j++) butterfly2(blk + j, blk + j + H, c + 2 * j, s + 2 * j);
@@ -380,11 +351,12 @@ void ofdm_ifft_generic(dvbComplex* buf) {
 uint32_t ofdm_mod(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump) {
     if (in->fill == 0 || out->fill == out->len) return 0;
     const auto K = static_cast<uint32_t>(dvbt_K[dvbt_parms.mode]);
-    const uint32_t F = fft_size;
+    const uint32_t F = ifft.fft_size;
 
-    if (gather_mapping != static_cast<int64_t>(dvbt_parms.ifftmm) || gather_K != K) build_gather(dvbt_parms.ifftmm);
+    if (ifft.mapping != static_cast<int64_t>(dvbt_parms.ifftmm) || ifft.gather_K != K) build_gather(dvbt_parms.ifftmm);
 
     const uint32_t n = dvbRingUnits(in, K, out, prf_len, maxlen, K);
+    const symbol_form form = modulator_form();
 
     uint32_t r = in->head;
     uint32_t q = dvbRingWritePos(out);
@@ -397,7 +369,7 @@ uint32_t ofdm_mod(dvbVect* in, dvbVect* out, uint32_t maxlen, FILE* dump) {
         dvbComplex* ring = dvbCplx(out);
         const bool direct = out->len - q >= prf_len;
         dvbComplex* sym = direct ? ring + q + prf : out_buf.data();
-        symbol_fn(cells, sym);
+        form(cells, sym);
         if (direct) {
             std::memcpy(ring + q, sym + (F - prf), size_t{prf} * sizeof(dvbComplex));
             q = dvbRingAdvance(q, prf_len, out->len);

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <span>
 
+#include "vectors/cpu.hpp"
 #include "vectors/manage.hpp"
 
 // Sets the mapping constants, the bit-reversal table and the per-stage
@@ -30,15 +31,14 @@ int32_t time_dump(dvbVect* in, FILE* td_fp, FILE* tdI_fp, FILE* tdQ_fp, uint32_t
 void ofdm_ifft_generic(dvbComplex* buf);
 void ofdm_ifft_reference(dvbComplex* buf);
 
-// Every form of the transform this build has, the plain one first, and whether
-// the processor runs it: transform works in place; symbol places the K cells of
-// one symbol on their bins (the frequency mapping of the current parameters, as
-// ofdm_mod does) and transforms them into dst[0 .. F-1]. init_ifft gives the
-// modulator the available form, other than the reference, that transforms a
-// test symbol fastest on this processor.
+// Every form of the transform this build has, the plain one first, then in
+// order of width, and the instruction set each needs: transform works in place;
+// symbol places the K cells of one symbol on their bins (the frequency mapping
+// of the current parameters, as ofdm_mod does) and transforms them into
+// dst[0 .. F-1]. The modulator uses the widest form the kernels may use.
 struct ofdm_ifft_form {
     const char* name;
-    bool available;
+    dvbIsa isa;
     void (*transform)(dvbComplex* buf);
     void (*symbol)(const dvbComplex* cells, dvbComplex* dst);
 };

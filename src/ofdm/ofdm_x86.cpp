@@ -8,14 +8,14 @@ namespace ofdm_detail {
 
 // All stages with 256-bit vectors: two butterflies of a block at a time from the
 // second stage on (the first stage has one butterfly per block).
-__attribute__((target("avx"))) void ifft_avx(dvbComplex* buf) {
-    const uint32_t F = fft_size;
-    for (uint32_t z = 0; z < F; z += 2) butterfly2(buf + z, buf + z + 1, twc.data(), tws.data());
-    for (int32_t v = 2; v <= stages; v++) {
+TERVANE_AVX void ifft_avx(const IfftState& st, dvbComplex* buf) {
+    const uint32_t F = st.fft_size;
+    for (uint32_t z = 0; z < F; z += 2) butterfly2(buf + z, buf + z + 1, st.twc.data(), st.tws.data());
+    for (int32_t v = 2; v <= st.stages; v++) {
         const uint32_t H = 1u << (v - 1);
         const uint32_t B = H << 1;
-        const double* c = twc.data() + 2 * (H - 1);
-        const double* s = tws.data() + 2 * (H - 1);
+        const double* c = st.twc.data() + 2 * (H - 1);
+        const double* s = st.tws.data() + 2 * (H - 1);
         for (uint32_t z = 0; z < F; z += B) {
             float* A = reinterpret_cast<float*>(buf + z);
             float* D = reinterpret_cast<float*>(buf + z + H);
@@ -64,16 +64,16 @@ struct First3Twiddles {
     __m512d c1, s1, c2, s2, c3, s3;
 };
 
-TERVANE_AVX512 First3Twiddles first3_twiddles() {
+TERVANE_AVX512 First3Twiddles first3_twiddles(const IfftState& st) {
     alignas(64) double c[3][8], s[3][8];
     for (int k = 0; k < 4; k++) {
         for (int h = 0; h < 2; h++) {
-            c[0][2 * k + h] = twc[h];
-            s[0][2 * k + h] = tws[h];
-            c[1][2 * k + h] = twc[2 + 2 * (k % 2) + h];
-            s[1][2 * k + h] = tws[2 + 2 * (k % 2) + h];
-            c[2][2 * k + h] = twc[6 + 2 * k + h];
-            s[2][2 * k + h] = tws[6 + 2 * k + h];
+            c[0][2 * k + h] = st.twc[h];
+            s[0][2 * k + h] = st.tws[h];
+            c[1][2 * k + h] = st.twc[2 + 2 * (k % 2) + h];
+            s[1][2 * k + h] = st.tws[2 + 2 * (k % 2) + h];
+            c[2][2 * k + h] = st.twc[6 + 2 * k + h];
+            s[2][2 * k + h] = st.tws[6 + 2 * k + h];
         }
     }
     return {_mm512_load_pd(c[0]), _mm512_load_pd(s[0]), _mm512_load_pd(c[1]),
@@ -99,11 +99,11 @@ TERVANE_AVX512 inline void first3(__m512i raw, const First3Twiddles& w, dvbCompl
 }
 
 // One stage v on its own (H >= 4).
-TERVANE_AVX512 void stage_avx512(dvbComplex* buf, int32_t v) {
+TERVANE_AVX512 void stage_avx512(const IfftState& st, dvbComplex* buf, int32_t v) {
     const uint32_t H = 1u << (v - 1);
-    const double* c = twc.data() + 2 * (H - 1);
-    const double* s = tws.data() + 2 * (H - 1);
-    for (uint32_t z = 0; z < fft_size; z += 2 * H) {
+    const double* c = st.twc.data() + 2 * (H - 1);
+    const double* s = st.tws.data() + 2 * (H - 1);
+    for (uint32_t z = 0; z < st.fft_size; z += 2 * H) {
         for (uint32_t j = 0; j < H; j += 4) {
             const __m512d a = load_f(buf + z + j);
             const __m512d t = twiddle(load_f(buf + z + j + H), _mm512_loadu_pd(c + 2 * j), _mm512_loadu_pd(s + 2 * j));
@@ -115,13 +115,13 @@ TERVANE_AVX512 void stage_avx512(dvbComplex* buf, int32_t v) {
 
 // Stages v and v + 1 in one pass (H = 2^(v-1) >= 4): four values a block of
 // 4H apart go through both stages in registers.
-TERVANE_AVX512 void stage_pair_avx512(dvbComplex* buf, int32_t v) {
+TERVANE_AVX512 void stage_pair_avx512(const IfftState& st, dvbComplex* buf, int32_t v) {
     const uint32_t H = 1u << (v - 1);
-    const double* c1 = twc.data() + 2 * (H - 1);
-    const double* s1 = tws.data() + 2 * (H - 1);
-    const double* c2 = twc.data() + 2 * (2 * H - 1);
-    const double* s2 = tws.data() + 2 * (2 * H - 1);
-    for (uint32_t z = 0; z < fft_size; z += 4 * H) {
+    const double* c1 = st.twc.data() + 2 * (H - 1);
+    const double* s1 = st.tws.data() + 2 * (H - 1);
+    const double* c2 = st.twc.data() + 2 * (2 * H - 1);
+    const double* s2 = st.tws.data() + 2 * (2 * H - 1);
+    for (uint32_t z = 0; z < st.fft_size; z += 4 * H) {
         dvbComplex* p = buf + z;
         for (uint32_t j = 0; j < H; j += 4) {
             __m512d x0 = load_f(p + j), x1 = load_f(p + j + H);
@@ -140,33 +140,33 @@ TERVANE_AVX512 void stage_pair_avx512(dvbComplex* buf, int32_t v) {
 }
 
 // Stages 4 .. bit_num after the first three.
-TERVANE_AVX512 void rest_avx512(dvbComplex* buf) {
+TERVANE_AVX512 void rest_avx512(const IfftState& st, dvbComplex* buf) {
     int32_t v = 4;
-    if ((stages - 3) % 2 != 0) stage_avx512(buf, v++);
-    for (; v < stages; v += 2) stage_pair_avx512(buf, v);
+    if ((st.stages - 3) % 2 != 0) stage_avx512(st, buf, v++);
+    for (; v < st.stages; v += 2) stage_pair_avx512(st, buf, v);
 }
 
 }  // namespace
 
-TERVANE_AVX512 void ifft_avx512(dvbComplex* buf) {
-    const First3Twiddles w = first3_twiddles();
+TERVANE_AVX512 void ifft_avx512(const IfftState& st, dvbComplex* buf) {
+    const First3Twiddles w = first3_twiddles(st);
     const __m512i order = _mm512_setr_epi64(0, 2, 4, 6, 1, 3, 5, 7);
-    for (uint32_t z = 0; z < fft_size; z += 8)
+    for (uint32_t z = 0; z < st.fft_size; z += 8)
         first3(_mm512_permutexvar_epi64(order, _mm512_loadu_si512(buf + z)), w, buf + z);
-    rest_avx512(buf);
+    rest_avx512(st, buf);
 }
 // The gather of the cells folded into the first pass: eight cells per gather,
 // the empty bins masked to zero.
-TERVANE_AVX512 void symbol_avx512(const dvbComplex* cells, dvbComplex* dst) {
-    const __m256i K = _mm256_set1_epi32(static_cast<int32_t>(gather_K));
+TERVANE_AVX512 void symbol_avx512(const IfftState& st, const dvbComplex* cells, dvbComplex* dst) {
+    const __m256i K = _mm256_set1_epi32(static_cast<int32_t>(st.gather_K));
     const auto* base = reinterpret_cast<const long long*>(cells);
-    const First3Twiddles w = first3_twiddles();
-    for (uint32_t z = 0; z < fft_size; z += 8) {
-        const __m256i idx = _mm256_load_si256(reinterpret_cast<const __m256i*>(gather8.data() + z));
+    const First3Twiddles w = first3_twiddles(st);
+    for (uint32_t z = 0; z < st.fft_size; z += 8) {
+        const __m256i idx = _mm256_load_si256(reinterpret_cast<const __m256i*>(st.gather8.data() + z));
         const __mmask8 used = _mm256_cmpneq_epi32_mask(idx, K);
         first3(_mm512_mask_i32gather_epi64(_mm512_setzero_si512(), used, idx, base, 8), w, dst + z);
     }
-    rest_avx512(dst);
+    rest_avx512(st, dst);
 }
 
 // Eight samples at a time: the products in double, truncated by the
