@@ -290,6 +290,34 @@ TEST(ReceiverReference, PlacesPacketsAndCountsTheirBitErrors) {
     EXPECT_EQ(c.errors, 31u);
 }
 
+// Error events are counted where the decoder made the errors, before the outer
+// deinterleaver: byte i of a codeword lies (i mod 12) x 204 bytes later there.
+TEST(ReceiverReference, CountsErrorEventsInTheDecodersOrder) {
+    const tu::Bytes ts = tu::make_ts(40, 3);
+    rx::ReferencePtr ref = rx::reference_create(ts);
+    // Packet i with the given bits flipped: {byte, bit from the first sent}.
+    auto compare = [&](size_t i, std::initializer_list<std::pair<int, int>> flips) {
+        std::array<uint8_t, 204> coded{};
+        std::copy_n(ts.begin() + 188 * i, 188, coded.begin());
+        rx::disperse(std::span<uint8_t, 188>(coded.data(), 188), i % 8);
+        rx::rs_encode(std::span<const uint8_t, 188>(coded.data(), 188), std::span<uint8_t, 16>(coded.data() + 188, 16));
+        for (auto [byte, bit] : flips) coded[static_cast<size_t>(byte)] ^= static_cast<uint8_t>(0x80u >> bit);
+        const tu::Bytes out(ts.begin() + 188 * i, ts.begin() + 188 * (i + 1));
+        rx::Packet p;
+        p.coded = coded, p.ts = out, p.ok = true;
+        return rx::reference_compare(*ref, p);
+    };
+    for (size_t i = 18; i < 36; i++) {
+        if (i == 20) compare(i, {{24, 0}, {24, 7}, {36, 0}});  // one event of two bits; 96 bits on, another
+        else if (i == 21) compare(i, {{11, 7}, {200, 3}});     // byte 11: just before byte 12 of packet 32
+        else if (i == 32) compare(i, {{12, 0}});
+        else compare(i, {});
+    }
+    const rx::ReferenceCounts& c = rx::reference_counts(*ref);
+    EXPECT_EQ(c.errors, 6u);
+    EXPECT_EQ(c.events, 4u);
+}
+
 }  // namespace
 
 namespace {

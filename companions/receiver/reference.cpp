@@ -20,6 +20,10 @@ struct Reference {
     bool placed = false;
     uint32_t last = 0;
     ReferenceCounts counts;
+    // Positions in the decoder's output of the bit errors not yet counted in
+    // events, and of the last error counted.
+    std::vector<uint64_t> pending;
+    int64_t last_error = -1;
 };
 
 void ReferenceDeleter::operator()(Reference* r) const { delete r; }
@@ -27,6 +31,19 @@ void ReferenceDeleter::operator()(Reference* r) const { delete r; }
 namespace {
 
 std::string_view body(const uint8_t* packet) { return {reinterpret_cast<const char*>(packet) + 1, rs_k - 1}; }
+
+// Counts the events of the pending errors before position bound (all with
+// bound < 0) and keeps the others.
+void count_events(Reference& r, int64_t bound) {
+    std::sort(r.pending.begin(), r.pending.end());
+    size_t k = 0;
+    for (; k < r.pending.size() && (bound < 0 || r.pending[k] < static_cast<uint64_t>(bound)); k++) {
+        const auto v = static_cast<int64_t>(r.pending[k]);
+        if (r.last_error < 0 || v - r.last_error >= static_cast<int64_t>(event_gap)) r.counts.events++;
+        r.last_error = v;
+    }
+    r.pending.erase(r.pending.begin(), r.pending.begin() + static_cast<ptrdiff_t>(k));
+}
 
 }  // namespace
 
@@ -72,14 +89,29 @@ int reference_compare(Reference& r, const Packet& p) {
     sent[0] = 0x47;
     disperse(std::span<uint8_t, 188>(sent.data(), rs_k), static_cast<uint32_t>(at % 8));
     rs_encode(std::span<const uint8_t, 188>(sent.data(), rs_k), std::span<uint8_t, 16>(sent.data() + rs_k, 16));
+    // Byte i of a codeword passes branch i mod 12 of the outer interleaver,
+    // which delays it by (i mod 12) x 204 bytes: its place in the decoder's output.
     int errors = 0;
-    for (uint32_t i = 0; i < rs_n; i++) errors += std::popcount(static_cast<unsigned>(sent[i] ^ p.coded[i]));
+    for (uint32_t i = 0; i < rs_n; i++) {
+        const unsigned diff = sent[i] ^ p.coded[i];
+        if (diff == 0) continue;
+        errors += std::popcount(diff);
+        const uint64_t byte = static_cast<uint64_t>(at) * rs_n + i + (i % 12) * rs_n;
+        for (int b = 0; b < 8; b++)
+            if ((diff >> (7 - b)) & 1u) r.pending.push_back(8 * byte + static_cast<uint64_t>(b));
+    }
+    // Later packets, if they come in order, place their errors after the first
+    // byte of this one's, less the longest delay.
+    count_events(r, 8 * (static_cast<int64_t>(at) * rs_n - 12 * int64_t{rs_n}));
     r.counts.packets++;
     r.counts.bits += 8 * rs_n;
     r.counts.errors += static_cast<uint64_t>(errors);
     return errors;
 }
 
-const ReferenceCounts& reference_counts(const Reference& r) { return r.counts; }
+const ReferenceCounts& reference_counts(Reference& r) {
+    count_events(r, -1);
+    return r.counts;
+}
 
 }  // namespace rx

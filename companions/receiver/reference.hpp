@@ -16,7 +16,12 @@ struct ReferenceCounts {
     uint64_t bits = 0;      // their codeword bits (204 x 8 each)
     uint64_t errors = 0;    // bits in which the received codewords differ from the sent ones
     uint64_t unplaced = 0;  // packets that could not be placed in the reference
+    // Error events: the decoder errs in bursts, so bit errors less than
+    // event_gap bits apart in the decoder's output (before the outer
+    // deinterleaver) count as one event.
+    uint64_t events = 0;
 };
+inline constexpr uint64_t event_gap = 64;
 
 struct Reference;
 struct ReferenceDeleter {
@@ -36,6 +41,7 @@ ReferencePtr reference_create(std::span<const uint8_t> ts);
 // when it could not be placed.
 int reference_compare(Reference& r, const Packet& p);
 
-const ReferenceCounts& reference_counts(const Reference& r);
+// The counts so far; the error events are counted up to the packets compared.
+const ReferenceCounts& reference_counts(Reference& r);
 
 }  // namespace rx

@@ -397,18 +397,18 @@ int main(int argc, char** argv) {
     say("BER after Viterbi: %.3e (%llu bits corrected in %llu bits of packets decoded)\n", ber_after,
         static_cast<unsigned long long>(counts.errors_after_viterbi),
         static_cast<unsigned long long>(counts.bits_after_viterbi));
-    uint64_t ref_bits = 0, ref_errors = 0, ref_unplaced = 0;
-    for (const rx::Reference* r : {ref_hp.get(), ref_lp.get()}) {
+    uint64_t ref_bits = 0, ref_errors = 0, ref_unplaced = 0, ref_events = 0;
+    for (rx::Reference* r : {ref_hp.get(), ref_lp.get()}) {
         if (r == nullptr) continue;
         const rx::ReferenceCounts& c = rx::reference_counts(*r);
-        ref_bits += c.bits, ref_errors += c.errors, ref_unplaced += c.unplaced;
+        ref_bits += c.bits, ref_errors += c.errors, ref_unplaced += c.unplaced, ref_events += c.events;
     }
     if (ref_hp || ref_lp) {
         ber_after = ratio(ref_errors, ref_bits);
-        say("BER after Viterbi, against the stream sent: %.3e (%llu errors in %llu bits; %llu packets not found in "
-            "it)\n",
-            ber_after, static_cast<unsigned long long>(ref_errors), static_cast<unsigned long long>(ref_bits),
-            static_cast<unsigned long long>(ref_unplaced));
+        say("BER after Viterbi, against the stream sent: %.3e (%llu errors in %llu error events, %llu bits; %llu "
+            "packets not found in it)\n",
+            ber_after, static_cast<unsigned long long>(ref_errors), static_cast<unsigned long long>(ref_events),
+            static_cast<unsigned long long>(ref_bits), static_cast<unsigned long long>(ref_unplaced));
     }
     say("Packets: %llu (HP or NH %llu, LP %llu), %llu corrected, %llu uncorrectable\n",
         static_cast<unsigned long long>(counts.packets), static_cast<unsigned long long>(packets_hp),
@@ -418,14 +418,16 @@ int main(int argc, char** argv) {
         decoder_s, total_s > 0 ? signal_s / total_s : 0.0);
     say("status=%s samples=%llu mode=%s M=%s alpha=%s guard=%s rate_hp=%s rate_lp=%s idi=%u cid=%d "
         "offset_hz=%.1f clock_ppm=%.3f mer_db=%.2f symbols=%llu packets=%llu packets_lp=%llu corrected=%llu "
-        "uncorrectable=%llu ber_before_viterbi=%.6e ber_after_viterbi=%.6e losses=%d signal_s=%.6f cpu_s=%.6f "
+        "uncorrectable=%llu ber_before_viterbi=%.6e ber_after_viterbi=%.6e events_after_viterbi=%lld losses=%d "
+        "signal_s=%.6f cpu_s=%.6f "
         "frontend_s=%.6f decoder_s=%.6f\n",
         st.losses ? "lost" : "ok", static_cast<unsigned long long>(samples), dvbt_modename[t.mode], dvbt_Mname[t.M],
         dvbt_alphaname[t.alpha], dvbt_deltaname[t.delta], dvbt_ratename[t.rate_hp], dvbt_ratename[t.rate_lp], t.idi,
         t.cid, st.offset_hz, st.clock_ppm, st.mer_db, static_cast<unsigned long long>(st.symbols),
         static_cast<unsigned long long>(packets_hp), static_cast<unsigned long long>(packets_lp),
         static_cast<unsigned long long>(counts.corrected), static_cast<unsigned long long>(counts.uncorrectable),
-        ratio(counts.errors_before_viterbi, counts.bits_before_viterbi), ber_after, st.losses, signal_s, total_s,
-        total_s - decoder_s, decoder_s);
+        ratio(counts.errors_before_viterbi, counts.bits_before_viterbi), ber_after,
+        ref_hp || ref_lp ? static_cast<long long>(ref_events) : -1LL, st.losses, signal_s, total_s, total_s - decoder_s,
+        decoder_s);
     return st.losses ? kLostLock : kOk;
 }
