@@ -52,6 +52,11 @@ TEST(Channel, NoiseAtTheRequestedCnOffsetAndSeed) {
     const size_t at = r.out.find("achieved ");
     ASSERT_NE(at, std::string::npos) << r.out;
     EXPECT_NEAR(std::stod(r.out.substr(at + 9)), cn, 0.01) << "the report measures what was added";
+    // The data cells' C/N leaves out the boosted pilots' and the TPS's share:
+    // 2k has 1512 data cells, 17 TPS cells and 176 pilots at 16/9 in 1705 carriers.
+    const size_t data = r.out.find("C/N of the data cells: ");
+    ASSERT_NE(data, std::string::npos) << r.out;
+    EXPECT_NEAR(std::stod(r.out.substr(data + 23)), cn - 10 * std::log10((1512 + 17 + 176 * 16.0 / 9) / 1705), 0.01);
     // White, circular noise: no correlation from one sample to the next, I and Q of equal power.
     cd lag1 = 0, iq = 0;
     for (size_t k = 1; k < n.size(); ++k) lag1 += cd(n[k]) * std::conj(cd(n[k - 1]));

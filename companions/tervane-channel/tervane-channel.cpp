@@ -543,8 +543,16 @@ int main(int argc, char** argv) {
         const double measured = added / static_cast<double>(n_out);
         std::printf("Noise: seed %llu, mean power %.6g over the %.6f MHz of the sample rate\n",
                     static_cast<unsigned long long>(s.seed), measured, s.rate / 1e6);
-        std::printf("C/N: requested %.2f dB, achieved %.3f dB\n", s.cn_db,
-                    db(carrier / (measured * s.bandwidth / s.rate)));
+        const double achieved = db(carrier / (measured * s.bandwidth / s.rate));
+        std::printf("C/N: requested %.2f dB, achieved %.3f dB\n", s.cn_db, achieved);
+        // C counts the boosted pilots (16/9 of a data cell's power) and the TPS
+        // cells; the data cells alone, at the mean power of the carriers'
+        // span, make the C/N that decides the bit error ratio.
+        const int mode = static_cast<int>(dvbt_parms.mode);
+        const double data = dvbt_N[mode], tps = 17 << mode, pilots = dvbt_K[mode] - data - tps;
+        const double share = db((data + tps + pilots * 16.0 / 9.0) / dvbt_K[mode]);
+        std::printf("C/N of the data cells: %.3f dB (the boosted pilots and the TPS carry %.2f dB of C)\n",
+                    achieved - share, share);
     } else {
         std::printf("Noise: none (no -cn)\n");
     }

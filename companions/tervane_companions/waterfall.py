@@ -16,6 +16,7 @@ import subprocess
 import sys
 import tempfile
 
+from . import cntable
 from .files import Fail, report
 from .options import answered, first_value, list_option
 from .tables import BITS, FRAMES_PER_SUPERFRAME, N_DATA, NAMES, RS_PACKET, SYMBOLS_PER_FRAME, VERSION
@@ -26,6 +27,10 @@ USAGE = """\
 usage: tervane-waterfall [-m MODE] [-M 4|16|64] [-D GUARD] [-p RATE] [-b SPACING]
                          -from DB -to DB [-step DB] [-profile NAME] [-n PACKETS]
                          [-cfo HZ] [-seed N] [-rx pilots|static|gnuradio]
+       tervane-waterfall -table [-margins] [-M 4|16|64] [-p RATE] [-profile NAME]
+                         [-m MODE] [-rx pilots|static|gnuradio] [-events N] [-jobs N]
+                         [-seed N] [-o PICTURE.png]
+       tervane-waterfall -hier [-events N] [-jobs N] [-seed N]
 
 Transmits a tsgen test stream with tervane once and, for every C/N from -from
 to -to in steps of -step (default 1 dB), passes it through tervane-channel,
@@ -48,11 +53,24 @@ every step was error-free.
   -seed N             seed of the noise of the first step (default 1; step k uses N + k)
   -h, -V              this help, the version
 
+-table finds, for each constellation, code rate and channel of the standard's
+performance table (Table A.1), the C/N at which the receiver (default -rx
+static) reaches BER 2e-4 after the Viterbi decoder: 8k (-m to change), guard
+1/4, quarter-dB steps, at least -events error events (default 100) at the two
+steps that bracket it, log-BER interpolation; it prints the table beside the
+standard's with the differences. -M, -p and -profile narrow it; -o writes the
+curves as a picture; -margins adds the same table for tervane-rx with its
+pilots and for GNU Radio's receiver (C/N for quasi-error-free packets), each
+with its margin over the ideal receiver. -hier measures hierarchical
+transmission (16- and 64-QAM, alpha 1, 2 and 4, HP 1/2 and LP 2/3, Gaussian
+channel). -jobs sets how many entries run at once (default: the processors).
+
 The programs are taken from the directory of this script, else from the PATH.
 """
 
 LISTS = ["-m", "-M", "-D", "-p", "-b"]
-TEXTS = ["-from", "-to", "-step", "-profile", "-n", "-cfo", "-seed", "-rx"]
+TEXTS = ["-from", "-to", "-step", "-profile", "-n", "-cfo", "-seed", "-rx", "-events", "-jobs", "-o"]
+FLAGS = ["-h", "-V", "-table", "-hier", "-margins"]
 RECEIVERS = {"pilots": "tervane-rx", "static": "tervane-rx", "gnuradio": "tervane-rx-gnuradio"}
 SUMMARY = re.compile(r"^packets=(\d+) sync_losses=(\d+) tei=(\d+) cc_errors=(\d+) "
                      r"prbs_bits=(\d+) bit_errors=(\d+) ber=(\S+) per=(\S+)$", re.M)
@@ -65,8 +83,17 @@ def parse_options(argv):
         opts[name] = first_value(argv, name)
         if opts[name] is None and name in argv:
             raise Fail(f"{name} needs a value")
-    for name in ("-h", "-V"):
+    for name in FLAGS:
         opts[name] = name in argv
+    known = set(LISTS) | set(TEXTS)
+    a = 0
+    while a < len(argv):
+        if argv[a] in known:
+            a += 2
+        elif argv[a] in FLAGS:
+            a += 1
+        else:
+            raise Fail(f"unknown option \"{argv[a]}\" ({PROG} -h for usage)")
     return opts
 
 
@@ -111,6 +138,8 @@ def main(argv):
         opts = parse_options(argv)
         if answered(PROG, USAGE, opts):
             return 0
+        if opts["-table"] or opts["-hier"]:
+            return table_mode(argv, opts)
         first, last = number(opts, "-from"), number(opts, "-to")
         step = number(opts, "-step", 1.0)
         if step <= 0 or last < first:
@@ -183,6 +212,42 @@ def main(argv):
         shutil.rmtree(work, ignore_errors=True)
     return 0
 
+
+
+def table_mode(argv, opts):
+    """-table and -hier: the search of cntable over the chosen entries."""
+    receiver = opts["-rx"] or "static"
+    if receiver not in RECEIVERS:
+        raise Fail(f"unknown receiver \"{receiver}\" (pilots, static or gnuradio)")
+    for name in ("-from", "-to", "-step", "-n", "-cfo", "-D", "-b"):
+        if name in argv:
+            raise Fail(f"{name} does not apply to -table (guard 1/4, 8 MHz, the search sets the C/N)")
+    mode = opts["-m"] if "-m" in argv else 2
+    if mode == 1 and (receiver == "gnuradio" or opts["-margins"]):
+        raise Fail("-m 4k: GNU Radio's receiver decodes 2k and 8k only")
+    if opts["-hier"] and receiver == "gnuradio":
+        raise Fail("-hier: GNU Radio's receiver decodes no hierarchical transmission")
+    # -M, -p and -profile, when given, narrow the table.
+    ms = [opts["-M"]] if "-M" in argv else [0, 1, 2]
+    rates = [opts["-p"]] if "-p" in argv else [0, 1, 2, 3, 4]
+    profile = opts["-profile"]
+    if profile is not None and profile not in cntable.PROFILES:
+        raise Fail(f"unknown profile \"{profile}\" (gaussian, ricean or rayleigh)")
+    profiles = [profile] if profile else cntable.PROFILES
+    chosen = [(m, r, p) for m in ms for r in rates for p in profiles]
+    events = int(number(opts, "-events", 100))
+    jobs = int(number(opts, "-jobs", os.cpu_count() or 1))
+    if events < 1 or jobs < 1:
+        raise Fail("-events and -jobs take a positive number")
+    png = opts["-o"]
+    if png is not None and not png.endswith(".png"):
+        raise Fail(f"-o names the picture, a .png file, not \"{png}\"")
+    exe = programs(receiver)
+    if opts["-margins"] and (receiver != "static" or opts["-hier"]):
+        raise Fail("-margins compares the pilots and GNU Radio receivers with -rx static, in the -table")
+    if opts["-margins"]:
+        exe.update(programs("gnuradio"))
+    return cntable.main_table(exe, opts, chosen, jobs, events, png, opts["-hier"], mode, opts["-margins"])
 
 
 if __name__ == "__main__":
