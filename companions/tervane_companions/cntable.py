@@ -64,17 +64,14 @@ class Entry:
         self.result = None  # the C/N of the crossing, or None
         self.note = ""
 
-    def ber(self, cn):
-        e, b, _ = self.points[cn]
-        return e / b if b else 1.0
-
     def tx_key(self):
         return (self.m, self.rate, self.rate_lp, self.alpha)
 
 
 def packets_for(m, rate, bits, mode, alpha=0):
     """Packets that give about the given number of coded bits after the Viterbi decoder
-    (the HP stream's, for a hierarchical transmission), at least two superframes."""
+    (the HP stream's, for a hierarchical transmission; the LP stream is sent three
+    times as many), at least two superframes."""
     num, den = map(int, RATES[rate].split("/"))
     bits_per_cell = [2, 4, 6][m] if alpha == 0 else 2
     per_superframe = N_DATA[mode] * SYMBOLS_PER_FRAME * FRAMES_PER_SUPERFRAME * bits_per_cell * num // (den * 8 * RS_PACKET)
