@@ -180,4 +180,25 @@ inline std::vector<cd> constellation(int v, int alpha) {
     return pts;
 }
 
+// The static echo channels of the receiver tests, F1 (ricean: a direct path
+// 10 dB above the echoes) and P1: the response at baseband frequency f (Hz),
+// the paths normalised to unit power.
+inline cd echo_response(double f, bool ricean) {
+    static constexpr double rho[20] = {0.057662, 0.176809, 0.407163, 0.303585, 0.258782, 0.061831, 0.150340,
+                                       0.051534, 0.185074, 0.400967, 0.295723, 0.350825, 0.262909, 0.225894,
+                                       0.170996, 0.149723, 0.240140, 0.116587, 0.221155, 0.259730};
+    static constexpr double tau[20] = {1.003019, 5.422091, 0.518650, 2.751772, 0.602895, 1.016585, 0.143556,
+                                       0.153832, 3.324866, 1.935570, 0.429948, 3.228872, 0.848831, 0.073883,
+                                       0.203952, 0.194207, 0.924450, 1.381320, 0.640512, 1.368671};
+    static constexpr double theta[20] = {4.855121, 3.419109, 5.864470, 2.215894, 3.758058, 5.430202, 3.952093,
+                                         1.093586, 5.775198, 0.154459, 5.928383, 3.053023, 0.628578, 2.128544,
+                                         1.099463, 3.462951, 3.664773, 2.833799, 3.334290, 0.393889};
+    double sum2 = 0;
+    for (double r : rho) sum2 += r * r;
+    cd h = ricean ? std::sqrt(10 * sum2) : 0.0;
+    for (int i = 0; i < 20; ++i)
+        h += rho[i] * std::polar(1.0, -theta[i] - 2 * 3.14159265358979323846 * f * tau[i] * 1e-6);
+    return h / std::sqrt((ricean ? 11 : 1) * sum2);
+}
+
 }  // namespace models
