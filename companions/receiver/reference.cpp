@@ -100,8 +100,9 @@ int reference_compare(Reference& r, const Packet& p) {
         for (int b = 0; b < 8; b++)
             if ((diff >> (7 - b)) & 1u) r.pending.push_back(8 * byte + static_cast<uint64_t>(b));
     }
-    // Later packets, if they come in order, place their errors after the first
-    // byte of this one's, less the longest delay.
+    // Packets that come later in order place their errors after this one's
+    // start: the errors before it are final (a margin of twelve packets
+    // leaves room for a packet placed again, as a repeat may be).
     count_events(r, 8 * (static_cast<int64_t>(at) * rs_n - 12 * int64_t{rs_n}));
     r.counts.packets++;
     r.counts.bits += 8 * rs_n;

@@ -140,6 +140,9 @@ def main(argv):
             return 0
         if opts["-table"] or opts["-hier"]:
             return table_mode(argv, opts)
+        for name in ("-events", "-jobs", "-o", "-margins"):
+            if name in argv:
+                raise Fail(f"{name} applies to -table")
         first, last = number(opts, "-from"), number(opts, "-to")
         step = number(opts, "-step", 1.0)
         if step <= 0 or last < first:
