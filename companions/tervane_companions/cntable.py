@@ -44,7 +44,6 @@ STANDARD = {
                "rayleigh": [16.0, 19.3, 21.7, 25.3, 27.9]},
 }
 
-TX_LOCK = threading.Lock()
 # The boosted pilots' and TPS's share of the signal's power, the same in every
 # mode: 8k has 6048 data cells, 68 TPS cells at unit power and 701 pilots at
 # 16/9 in its 6817 carriers.
@@ -85,8 +84,8 @@ class Table:
     def __init__(self, exe, receiver, events, max_passes, bits, work, seed, mode, tx):
         self.exe, self.receiver, self.events, self.max_passes, self.mode = exe, receiver, events, max_passes, mode
         self.bits, self.work, self.seed = bits, work, seed
-        # The signals transmitted so far, shared by the tables of one run.
-        self.tx_done, self.tx_lock = tx, TX_LOCK
+        # The signals transmitted so far and their lock, shared by the tables of one run.
+        self.tx_done, self.tx_lock = tx
 
     def run(self, args, ok=(0,)):
         r = subprocess.run(args, cwd=self.work, capture_output=True, text=True)
@@ -384,7 +383,7 @@ def main_table(exe, opts, chosen, jobs, events, png, hier, mode, margins):
     """Runs the search for the chosen entries and prints the tables; returns the exit status."""
     receiver = opts["-rx"] or "static"
     work = tempfile.mkdtemp(prefix="tervane-waterfall-")
-    tx = {}
+    tx = ({}, threading.Lock())
     seed = int(opts["-seed"] or 1)
     # 4 million coded bits per pass (about 0.2 s of signal in 64-QAM 7/8, 0.8 s in QPSK 1/2).
     table = Table(exe, receiver, events, 12, 4e6, work, seed, mode, tx)
