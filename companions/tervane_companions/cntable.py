@@ -50,7 +50,7 @@ STANDARD = {
 PILOT_SHARE_DB = 10 * math.log10((6048 + 68 + 701 * 16 / 9) / 6817)
 
 RX_LINE = re.compile(r"against the stream sent: \S+ \((\d+) errors in (\d+) error events, (\d+) bits")
-TSCHECK_LINE = re.compile(r"^packets=(\d+) .*per=(\S+)$", re.M)
+TSCHECK_LINE = re.compile(r"^packets=(\d+) sync_losses=(\d+) tei=\d+ cc_errors=(\d+) .*per=(\S+)$", re.M)
 
 
 class Entry:
@@ -59,7 +59,8 @@ class Entry:
     def __init__(self, m, rate, profile, stream="", rate_lp=None, alpha=0):
         self.m, self.rate, self.profile = m, rate, profile
         self.stream, self.rate_lp, self.alpha = stream, rate_lp, alpha
-        self.points = {}  # C/N -> [errors, bits, events] (or [lost packets, packets, 0] for GNU Radio)
+        # C/N -> [errors, bits, events, passes] (for GNU Radio [packets in error, packets, faulty runs, passes])
+        self.points = {}
         self.result = None  # the C/N of the crossing, or None
         self.note = ""
 
@@ -133,14 +134,19 @@ class Table:
                 self.run([self.exe["tervane-rx-gnuradio"], "-i", ch, "-o", out, "-m", MODES[self.mode], "-D", "1/4", "-M",
                           M_NAMES[entry.m], "-p", RATES[entry.rate]])
                 if not os.path.exists(os.path.join(self.work, out)):
-                    return [1, 1, 0]  # no lock: nothing decoded
+                    return [0, 0, 1]  # no lock: nothing decoded
                 m = TSCHECK_LINE.search(self.run([self.exe["tscheck"], out], ok=(0, 1)))
                 if m is None:
-                    return [1, 1, 0]
+                    return [0, 0, 1]
                 # The packets it delivered (it drops those before its lock and
-                # those still in its pipeline at the end), and those in error.
-                packets = int(m.group(1))
-                return [round(float(m.group(2)) * packets), packets, 0] if packets else [1, 1, 0]
+                # those still in its pipeline at the end: it delivers about half of a
+                # short stream), and those in error. A run that lost sync or packets
+                # on the way, or delivered less than a third of the stream (its lock
+                # found late or lost), is faulty however clean its packets.
+                packets, sync_losses, cc_errors = int(m.group(1)), int(m.group(2)), int(m.group(3))
+                sent = packets_for(entry.m, entry.rate, self.bits, self.mode, entry.alpha)
+                faulty = sync_losses > 0 or cc_errors > 0 or 3 * packets < sent
+                return [round(float(m.group(4)) * packets), packets, int(faulty)]
             ref = stem + ("_lp.ts" if entry.stream == "LP" else "_hp.ts" if entry.stream == "HP" else ".ts")
             args = [self.exe["tervane-rx"], "-i", ch, "-o", out, "-b", "8", ("-reflp" if entry.stream == "LP"
                                                                             else "-ref"), ref]
@@ -176,7 +182,7 @@ class Table:
         error (quasi-error-free over the run), the step below it showing errors:
         whole dB steps to the bracket, then quarter steps within it. entry.note
         gets the packet error ratio of the step below."""
-        bad = lambda c: self.point(entry, c)[0] > 0
+        bad = lambda c: self.point(entry, c)[0] > 0 or self.point(entry, c)[2] > 0
         cn = float(round(start))
         for _ in range(60):
             if bad(cn):
@@ -193,7 +199,8 @@ class Table:
                 cn -= k * STEP
                 break
         p = entry.points[cn - STEP] if (cn - STEP) in entry.points else self.point(entry, cn - STEP)
-        entry.note = f"PER {p[0] / p[1]:.1e} at {cn - STEP:.2f} dB, 0 in {entry.points[cn][1]} packets at {cn:.2f}"
+        below = f"PER {p[0] / p[1]:.1e}" if p[0] else f"{p[1]} packets, lock late or lost"
+        entry.note = f"{below} at {cn - STEP:.2f} dB, 0 in {entry.points[cn][1]} packets at {cn:.2f}"
         return cn
 
     def search(self, entry, start):
