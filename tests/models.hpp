@@ -181,8 +181,8 @@ inline std::vector<cd> constellation(int v, int alpha) {
 }
 
 // The static echo channels of the receiver tests, F1 (ricean: a direct path
-// 10 dB above the echoes) and P1: the response at baseband frequency f (Hz),
-// the paths normalised to unit power.
+// 10 dB above the echoes) and P1: the response at f Hz above the lowest
+// carrier, where the echoes' phases hold; the paths normalised to unit power.
 inline cd echo_response(double f, bool ricean) {
     static constexpr double rho[20] = {0.057662, 0.176809, 0.407163, 0.303585, 0.258782, 0.061831, 0.150340,
                                        0.051534, 0.185074, 0.400967, 0.295723, 0.350825, 0.262909, 0.225894,

@@ -441,9 +441,10 @@ TEST(Receiver, BadInputHasItsMessageAndStatus) {
 // Two entries of the standard's performance table, found by the waterfall's
 // search with coarse statistics: the C/N for BER 2e-4 after the Viterbi decoder
 // with the ideal receiver, within 0.3 dB of what the full statistics gave
-// (3.56 and 20.31 dB; the standard's 3.1 and 19.3 count C over the data
+// (3.56 and 19.68 dB; the standard's 3.1 and 19.3 count C over the data
 // cells, 0.33 dB less). That catches a C/N defined otherwise and a wrong echo
-// profile (Gaussian, Ricean and Rayleigh lie 0.6 dB and more apart).
+// profile (Gaussian, Ricean and Rayleigh lie 0.6 dB and more apart; P1 with
+// the echoes' phases at the band's centre needs 20.31 dB).
 TEST(Receiver, ReachesTheStandardsFiguresInItsTable) {
     tu::TempDir dir;
     struct Entry {
@@ -453,7 +454,7 @@ TEST(Receiver, ReachesTheStandardsFiguresInItsTable) {
     };
     const std::vector<Entry> entries{
         {{"-M", "4", "-p", "1/2", "-profile", "gaussian"}, "QPSK     1/2", 3.56},
-        {{"-M", "64", "-p", "2/3", "-profile", "rayleigh"}, "64-QAM   2/3", 20.31},
+        {{"-M", "64", "-p", "2/3", "-profile", "rayleigh"}, "64-QAM   2/3", 19.68},
     };
     for (const Entry& e : entries) {
         std::vector<std::string> args{"-table", "-events", "30"};

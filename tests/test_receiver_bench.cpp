@@ -118,7 +118,7 @@ TEST(Channel, ImpulseResponseIsTheEchoProfile) {
         double worst = 0;
         for (int k = 0; k < c.K; k += 3) {
             const double f = c.centre + (k - (c.K - 1) / 2) * c.fs / c.F;
-            const cd model = models::echo_response(f, ricean);
+            const cd model = models::echo_response(k * c.fs / c.F, ricean);
             cd measured = 0;
             for (size_t n = 0; n < h.size(); ++n)
                 measured +=

@@ -10,7 +10,6 @@
 #include <functional>
 #include <numeric>
 #include <random>
-#include <tuple>
 
 #include "inner/mapper.hpp"
 #include "models.hpp"
@@ -63,7 +62,7 @@ struct Received {
 };
 
 // The response of the data carriers of each symbol (by its scattered pilots'
-// phase, symbol mod 4), carrier k at (k - (K - 1) / 2) / Tu Hz, for an 8 MHz channel.
+// phase, symbol mod 4), carrier k at k / Tu Hz above the lowest, for an 8 MHz channel.
 using Response = std::array<std::vector<std::complex<double>>, 4>;
 Response data_response(uint32_t mode, bool ricean) {
     const int K = dvbt_K[mode];
@@ -75,7 +74,7 @@ Response data_response(uint32_t mode, bool ricean) {
         for (int i = 0; i < cpilot_count[mode]; i++) special[cpilot[i]] = 1;
         for (int i = 0; i < tps_count[mode]; i++) special[tps[i]] = 1;
         for (int k = 0; k < K; ++k)
-            if (!special[k]) h[ph].push_back(models::echo_response((k - (K - 1) / 2) * spacing, ricean));
+            if (!special[k]) h[ph].push_back(models::echo_response(k * spacing, ricean));
     }
     return h;
 }
@@ -233,39 +232,28 @@ TEST(ReceiverDecoder, ReachesTheIdealCliffOfTheGaussianChannel) {
     }
 }
 
-// The decoder with the channel known exactly (the mapper's cells through it,
-// noise, the exact csi), 8k QPSK 5/6, BER 2e-4 after the Viterbi decoder:
-// - through each data carrier's P1 response, between data-cell C/N 15.0 and
-//   15.5 dB, as the whole chain through tervane-channel and the front end
-//   (15.26 dB, tervane-waterfall -table), not at the standard's 13.1 dB; soft
-//   values that lose the faded carriers' small LLRs need about 3 dB more;
-// - with every cell faded independently (Rayleigh of mean power 1, the most
-//   diversity interleaving can give), still above 13.6 dB, the standard's
-//   figure plus 0.5 dB, and below 14.5 dB.
-TEST(ReceiverDecoder, KnownChannelsNeedMoreThanTheStandardsP1Figure) {
-    const Config c{{"-m", "8k", "-M", "4", "-p", "5/6"}, tx(2, 0, 0, 3, 0, 0), 4000};
+// The decoder with the P1 channel known exactly (the mapper's cells through
+// each data carrier's response, noise, the exact csi): 8k QPSK 5/6 reaches BER
+// 2e-4 after the Viterbi decoder at the standard's 13.1 dB (data-cell C/N), as
+// the whole chain does through tervane-channel and the front end
+// (tervane-waterfall -table). With the echoes' phases holding at the band's
+// centre instead of the lowest carrier, it needs about 2.4 dB more.
+TEST(ReceiverDecoder, KnownP1ChannelReachesTheStandardsFigure) {
+    const Config c{{"-m", "8k", "-M", "4", "-p", "5/6"}, tx(2, 0, 0, 3, 0, 0), 6000};
     std::vector<tu::Bytes> sent;
     const Cells cells = transmit(c, sent);
-    const Response p1 = data_response(2, false);
+    const Response h = data_response(2, false);
     double gain = 0;  // the mean |H|^2 over the data carriers of a symbol
-    for (const auto& v : p1[0]) gain += std::norm(v) / static_cast<double>(p1[0].size());
-    std::vector<std::complex<double>> fades(cells.size());
-    std::mt19937 g(99);
-    std::normal_distribution<double> n(0, std::sqrt(0.5));
-    for (auto& f : fades) f = {n(g), n(g)};
-    const std::vector<std::tuple<Channel, double, double, double>> runs{
-        {[&](size_t k, size_t i) { return p1[k % 68 % 4][i]; }, gain, 15.0, 15.5},
-        {[&](size_t k, size_t i) { return fades[k * 6048 + i]; }, 1.0, 13.6, 14.5},
-    };
-    for (const auto& [h, power, below, above] : runs) {
-        SCOPED_TRACE(below);
-        const Received at = receive(c.t, cells, power * std::pow(10.0, -below / 10), sent, h);
-        EXPECT_GT(double(at.ref.errors) / double(at.ref.bits), 2e-4);
-        EXPECT_GT(at.ref.events, 100u);
-        const Received over = receive(c.t, cells, power * std::pow(10.0, -above / 10), sent, h);
-        EXPECT_LT(double(over.ref.errors) / double(over.ref.bits), 2e-4);
-        EXPECT_GT(over.ref.events, 50u);
+    for (const auto& v : h[0]) gain += std::norm(v) / static_cast<double>(h[0].size());
+    std::vector<double> ber;
+    for (double cn : {12.7, 13.3}) {
+        const Received got = receive(c.t, cells, gain * std::pow(10.0, -cn / 10), sent,
+                                     [&](size_t k, size_t i) { return h[k % 68 % 4][i]; });
+        ber.push_back(double(got.ref.errors) / double(got.ref.bits));
+        EXPECT_GT(got.ref.events, 100u) << cn;
     }
+    EXPECT_GT(ber[0], 2e-4);
+    EXPECT_LT(ber[1], 2e-4);
 }
 
 // Cells and reliabilities of any value, symbols of the wrong size or out of

@@ -102,6 +102,7 @@ struct Settings {
     double cn_db = 0, cfo_hz = 0, ppm = 0;
     uint64_t seed = 1;
     double fs = 0, rate = 0, bandwidth = 0, centre = 0;  // Hz
+    double lowest = 0;  // the lowest carrier's frequency (Hz), where the echoes' phases hold
     uint64_t samples = 0;
 };
 
@@ -140,6 +141,7 @@ Settings settle() {
     s.rate = dvbSampleRate(p.band, p.interp);
     s.bandwidth = dvbt_K[p.mode] * s.fs / dvbt_fftsize[p.mode];
     s.centre = p.ifftmm == 1 ? s.fs / 2 : 0.0;  // BB puts the centre carrier at half the elementary rate
+    s.lowest = s.centre - (dvbt_K[p.mode] - 1) / 2 * s.fs / dvbt_fftsize[p.mode];
     if (!cn.empty()) {
         s.noise = true, s.cn_db = number(cn, "-cn", "a C/N in dB");
         if (s.cn_db < -100 || s.cn_db > 300) fail("-cn %s: the C/N must lie between -100 and 300 dB", cn.c_str());
@@ -236,10 +238,15 @@ Response response(const Settings& s) {
     const double fc = s.centre / s.rate;
     if (direct > 0) add_path(h, 0, direct / norm, 0, fc);
     h.min_delay = 1e300;
+    // Echo i's phase theta_i holds at the lowest carrier, as in the simulations
+    // behind the standard's performance figures: its weight is rho_i
+    // e^(-j phi_i) with phi_i = theta_i - 2 pi f_lowest tau_i, so that H(f) =
+    // sum rho_i e^(-j theta_i) e^(-j 2 pi (f - f_lowest) tau_i).
     for (const Echo& e : kEchoes) {
         const double d = e.tau_us * 1e-6 * s.rate;
+        const double phi = e.theta - 2 * std::numbers::pi * s.lowest * e.tau_us * 1e-6;
         h.min_delay = std::min(h.min_delay, d), h.max_delay = std::max(h.max_delay, d);
-        add_path(h, d, e.rho * std::cos(e.theta) / norm, -e.rho * std::sin(e.theta) / norm, fc);
+        add_path(h, d, e.rho * std::cos(phi) / norm, -e.rho * std::sin(phi) / norm, fc);
     }
     return h;
 }
@@ -524,10 +531,12 @@ int main(int argc, char** argv) {
     if (s.profile == Profile::gaussian) {
         std::printf("Profile: gaussian: no echoes\n");
     } else {
-        std::printf("Profile: %s: %s20 echoes, delays %.6f to %.6f us (%.4f to %.4f samples)\n",
+        std::printf("Profile: %s: %s20 echoes, delays %.6f to %.6f us (%.4f to %.4f samples), phases at the "
+                    "lowest carrier (%.6f MHz)\n",
                     s.profile == Profile::ricean ? "ricean (F1)" : "rayleigh (P1)",
                     s.profile == Profile::ricean ? "a direct path 10 dB above the sum of the " : "",
-                    h.min_delay / s.rate * 1e6, h.max_delay / s.rate * 1e6, h.min_delay, h.max_delay);
+                    h.min_delay / s.rate * 1e6, h.max_delay / s.rate * 1e6, h.min_delay, h.max_delay,
+                    s.lowest / 1e6);
         std::printf("Interpolator: Kaiser-windowed sinc of %d taps per path (beta %.0f), one FIR of %zu taps%s\n",
                     kTaps, kBeta, h.re.size(), dvbt_parms.ifftmm == 1 ? ", centred on the BB band" : "");
         std::printf("Signal power after the channel: %.6g (%+.3f dB against the input)\n", carrier,
