@@ -1,9 +1,12 @@
 // The receiver's front end against the transmitter: the cells it hands out
 // equal the mapper's, symbol for symbol, whatever it had to find by itself.
+#include <cctype>
 #include <complex>
 #include <cstring>
+#include <iterator>
 #include <limits>
 #include <map>
+#include <sstream>
 
 #include "frame/version.hpp"
 #include "util.hpp"
@@ -436,6 +439,34 @@ TEST(Receiver, BadInputHasItsMessageAndStatus) {
     const auto h = tu::run(dir.path, TERVANE_RX_EXE, {"-h"});
     EXPECT_TRUE(tu::contains(h.out, "Exit status: 0 received, 1 bad usage or input, 2 no signal found, 3 lock lost"));
     EXPECT_EQ(h.status, 0);
+}
+
+// The waterfall's sweep, 2k QPSK 1/2 on the Gaussian channel with the ideal
+// receiver: at 1 dB the decoder finds no packet sync (no count, no PRBS); at 5
+// and 9 dB, past the cliff (3.6 dB), nothing is lost and the count after the
+// Viterbi decoder is below 2e-4; the C/N achieved is the one asked for.
+TEST(Receiver, WaterfallSweepsToItsErrorFreeEnd) {
+    tu::TempDir dir;
+    const auto r = tu::run(dir.path, std::string(TERVANE_BUILD_DIR) + "/tervane-waterfall",
+                           {"-rx", "static", "-from", "1", "-to", "9", "-step", "4"});
+    ASSERT_EQ(r.status, 0) << tu::read_text(dir / "err.txt");
+    std::istringstream lines(r.out);
+    std::vector<std::vector<std::string>> rows;
+    for (std::string line; std::getline(lines, line);) {
+        std::istringstream words(line);
+        std::vector<std::string> w{std::istream_iterator<std::string>(words), {}};
+        if (!w.empty() && std::isdigit(static_cast<unsigned char>(w[0][0]))) rows.push_back(w);
+    }
+    ASSERT_EQ(rows.size(), 3u) << r.out;
+    for (size_t k = 0; k < 3; ++k) EXPECT_NEAR(std::stod(rows[k][1]), 1.0 + 4.0 * k, 0.05) << r.out;
+    EXPECT_EQ(rows[0][2], "-") << r.out;
+    EXPECT_EQ(rows[0][3] + rows[0][4], "noPRBS") << r.out;
+    for (size_t k = 1; k < 3; ++k) {
+        EXPECT_LT(std::stod(rows[k][2]), 2e-4) << r.out;
+        EXPECT_EQ(rows[k][3] + " " + rows[k][4], "0.00e+00 0.00e+00") << r.out;
+        EXPECT_GT(std::stod(rows[k][5]), 2e6) << r.out;
+    }
+    EXPECT_TRUE(tu::contains(r.out, "\nError-free: from 5.00 dB on")) << r.out;
 }
 
 // Two entries of the standard's performance table, found by the waterfall's

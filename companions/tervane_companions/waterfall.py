@@ -193,8 +193,11 @@ def main(argv):
             achieved = re.search(r"achieved (\S+) dB", out).group(1)
             # tervane-rx: 2 no lock, 3 lock lost: no stream, or part of one, to check.
             rx_out, _ = run(work, [exe[RECEIVERS[receiver]], "-i", "ch.bin", "-o", "rx.ts"] + rx_opts, ok=(0, 2, 3))
-            viterbi = re.search(r"\bber_after_viterbi=(\S+)", rx_out)
-            ber_viterbi = f"{float(viterbi.group(1)):.2e}" if viterbi else "-"
+            # The exact count against the stream sent; none where no packet of it was
+            # decoded (far below the cliff the decoder finds no packet sync).
+            viterbi = cntable.RX_LINE.search(rx_out)
+            bits = int(viterbi.group(3)) if viterbi else 0
+            ber_viterbi = f"{int(viterbi.group(1)) / bits:.2e}" if bits else "-"
             if not os.path.exists(os.path.join(work, "rx.ts")):
                 open(os.path.join(work, "rx.ts"), "wb").close()
             checked_text, status = run(work, [exe["tscheck"], "rx.ts"], ok=(0, 1))
