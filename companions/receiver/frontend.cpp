@@ -9,6 +9,7 @@
 #include <numbers>
 
 #include "receiver/carriers.hpp"
+#include "receiver/kernels.hpp"
 #include "receiver/resample.hpp"
 
 namespace rx {
@@ -119,19 +120,6 @@ void interpolate(const Interpolator& ip, std::span<const cf> h3, std::span<cf> h
 
 }  // namespace
 
-std::vector<float> constellation_levels(uint32_t M, uint32_t alpha) {
-    const double d = alpha == 0 ? 0.0 : alpha == 1 ? 0.0 : alpha == 2 ? 1.0 : 3.0;
-    const int n = M == 0 ? 1 : M == 1 ? 2 : 4;
-    std::vector<double> lv;
-    for (int i = 0; i < n; ++i) lv.push_back(M == 0 ? 1.0 : 2 * i + 1 + d);
-    double e = 0;
-    for (double v : lv) e += v * v;
-    e = 2 * e / n;  // both axes
-    std::vector<float> out;
-    for (double v : lv) out.push_back(static_cast<float>(v / std::sqrt(e)));
-    return out;
-}
-
 struct FrontEnd {
     FrontEndConfig cfg;
     int L = 1;
@@ -222,8 +210,6 @@ struct FrontEnd {
     uint64_t emitted = 0, tps_failures = 0, lock_sample = 0;
     uint64_t pushed = 0, not_finite = 0, first_not_finite = 0;  // samples taken; values not numbers or infinite
     double mer_sig = 0, mer_err = 0;
-    std::vector<float> levels;
-    uint32_t levels_M = 99, levels_alpha = 99;
 
     ~FrontEnd() {
         for (auto& [n, p] : plans) fftwf_destroy_plan(p);
@@ -737,14 +723,13 @@ void emit(FrontEnd& f, int slot, const CellSink& sink) {
             csi[i] = pk[k];
         }
     }
-    if (f.levels_M != f.tps.M || f.levels_alpha != f.tps.alpha) {
-        f.levels = constellation_levels(f.tps.M, f.tps.alpha);
-        f.levels_M = f.tps.M, f.levels_alpha = f.tps.alpha;
-    }
-    // The MER's decisions: the levels are (2i + 1 + d) s for i = 0 .. count-1.
-    const auto count = static_cast<float>(f.levels.size());
-    const float s_unit = f.levels.size() > 1 ? (f.levels[1] - f.levels[0]) / 2 : f.levels[0];
-    const float d = f.levels[0] / s_unit - 1;
+    // The MER's decisions: the levels along an axis are (2i + 1 + d) s for
+    // i = 0 .. count-1, the lowest (1 + d) s.
+    const Constellation con = constellation(f.tps.M, f.tps.alpha);
+    const int levels = 1 << (con.bits / 2 - 1);
+    const auto count = static_cast<float>(levels);
+    const float s_unit = con.unit;
+    const float d = *std::min_element(con.level.begin(), con.level.begin() + levels) / s_unit - 1;
     const float inv_s = 1 / s_unit;
     // Sixteen partial sums (2N is a multiple of 16 in every mode), so that the
     // sums run in vector lanes; truncation is the floor of what is not negative.

@@ -92,8 +92,4 @@ FrontEndStatus frontend_status(const FrontEnd& f);
 // After a collecting pass: the channel of the run (empty h when it never locked).
 StaticChannel frontend_static(const FrontEnd& f);
 
-// The constellation's amplitudes along one axis, normalised as the mapper's
-// (1, 2 or 4 of them, positive, ascending), for the MER's decisions.
-std::vector<float> constellation_levels(uint32_t M, uint32_t alpha);
-
 }  // namespace rx
