@@ -6,7 +6,9 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <cstring>
+#include <sstream>
 
 #include "tstiming.hpp"
 #include "util.hpp"
@@ -430,6 +432,17 @@ TEST(Tsadapt, ProgrammesRefusalsAndStreamsWithoutPcr) {
     tu::make_stream(dir, "two.ts", true);
     const auto r = tu::run(dir.path, TSADAPT_EXE, {"-i", "two.ts", "-o", "two-out.ts", "-b", "7", "-M", "64"});
     ASSERT_EQ(r.status, 0) << tu::read_text(dir / "err.txt");
+    // The programmes and their PCR PIDs as the PAT and PMTs give them, against ffprobe's.
+    const auto probe = tu::run(dir.path, "ffprobe", {"-v", "error", "-show_entries", "program=pcr_pid", "-of",
+                                                     "csv=p=0", "two.ts"});
+    std::string pids;
+    std::istringstream words(probe.out);
+    for (int pid; words >> pid; words.ignore(8, '\n')) {
+        char text[16];
+        std::snprintf(text, sizeof text, "%s0x%04X", pids.empty() ? "" : ", ", static_cast<unsigned>(pid));
+        pids += text;
+    }
+    EXPECT_TRUE(tu::contains(r.out, "; 2 programmes, PCR PIDs " + pids + "\n")) << r.out << probe.out;
     const auto t = tscheck(dir, "two-out.ts");
     EXPECT_EQ(t.status, 0) << t.out;
     EXPECT_EQ(figure(t.out, "pcr_pids"), 2);
