@@ -145,6 +145,37 @@ TEST(ReceiverFrontEnd, CellsEqualTheMappersWithNothingGiven) {
     }
 }
 
+// A TPS word is read only when every field holds a value that exists, its
+// parity right or not: a constellation of 3, a code rate of 5 to 7, a mode of
+// 3 or a length indicator other than 23 or 31 is refused.
+TEST(ReceiverFrontEnd, TpsWordsWithValuesThatDoNotExistAreRefused) {
+    // s1-s16 sync, s17-s22 length, s23-s24 frame 0, s25-s26 constellation, s28-s29
+    // alpha 0, s30-s35 rates, s36-s37 guard, s38-s39 mode, then zeros and the parity
+    // bits s54-s67 that make a code word (found by trying them all).
+    auto word = [](uint32_t length, uint32_t M, uint32_t hp, uint32_t lp, uint32_t mode) {
+        std::array<uint8_t, 68> s{};
+        auto put = [&](int from, int bits, uint32_t v) {
+            for (int i = 0; i < bits; ++i) s[static_cast<size_t>(from + i)] = v >> (bits - 1 - i) & 1;
+        };
+        for (int i = 0; i < 16; ++i) s[static_cast<size_t>(1 + i)] = rx::kTpsSync[static_cast<size_t>(i)];
+        put(17, 6, length), put(25, 2, M), put(30, 3, hp), put(33, 3, lp), put(36, 2, 3), put(38, 2, mode);
+        for (uint32_t parity = 0; parity < 1u << 14; ++parity) {
+            put(54, 14, parity);
+            if (rx::tps_bch_ok(s)) return s;
+        }
+        ADD_FAILURE() << "no parity";
+        return s;
+    };
+    const auto good = rx::tps_parse(word(23, 2, 4, 4, 2));
+    ASSERT_TRUE(good.has_value());
+    EXPECT_EQ(good->t.M, 2u);
+    EXPECT_EQ(good->t.rate_hp, 4u);
+    EXPECT_EQ(good->t.mode, 1u);  // mode field 2 is 4k
+    for (const auto& [length, M, hp, lp, mode] : std::vector<std::array<uint32_t, 5>>{
+             {23, 3, 0, 0, 0}, {23, 0, 5, 0, 0}, {23, 0, 0, 7, 0}, {23, 0, 0, 0, 3}, {30, 0, 0, 0, 0}})
+        EXPECT_FALSE(rx::tps_parse(word(length, M, hp, lp, mode)).has_value()) << length << M << hp << lp << mode;
+}
+
 }  // namespace
 #else
 TEST(ReceiverFrontEnd, CellsEqualTheMappersWithNothingGiven) { GTEST_SKIP() << "built without FFTW or nlohmann-json"; }

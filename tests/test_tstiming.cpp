@@ -104,6 +104,9 @@ TEST(TsTiming, FieldsKnownAnswersAndWrap) {
     EXPECT_EQ(tt::get_stamp(f), 0x1F2345678);
     EXPECT_EQ(std::vector<int>(f, f + 5), (std::vector<int>{0x2F, 0xC8, 0xD1, 0xAC, 0xF1}));
     EXPECT_EQ(tt::wrap_diff(5, tt::kPcrWrap - 5, tt::kPcrWrap), 10);
+    // An adaptation field of length 0 has no flags: the byte after it is payload.
+    p[4] = 0, p[5] = 0x90;
+    EXPECT_FALSE(tt::discontinuity(p.data()) || tt::has_pcr(p.data()));
 }
 
 // The exact rate against the report's single-precision one, in every configuration.
